@@ -1,0 +1,25 @@
+# shellcheck shell=bash
+# What a change must pass besides ./dev test. Each line of the list is a command; all run, whatever fails.
+
+readonly check_steps=(
+    "sanitize asan"
+    "sanitize tsan"
+    "cmd_lint"
+)
+
+# The package layer tests what is installed, which the sanitizers' builds are not meant for.
+sanitize() {
+    local preset=$1
+    build "$preset" && run_tests "$preset" -LE '^package$'
+}
+
+cmd_check() {
+    local line failed=0
+    install_missing build test slapd samba lint
+    for line in "${check_steps[@]}"; do
+        # shellcheck disable=SC2086 # a command and its arguments
+        $line || failed=$((failed + 1))
+    done
+    echo "$((${#check_steps[@]} - failed)) of ${#check_steps[@]} checks good"
+    [ "$failed" -eq 0 ]
+}

@@ -1,0 +1,68 @@
+# shellcheck shell=bash
+# What the commands need of the machine, by purpose, under Debian's names.
+
+declare -A packages=(
+    [build]="g++ cmake ninja-build pkg-config qt6-base-dev libldap-dev libssl-dev rapidjson-dev libinih-dev libcli11-dev"
+    [test]="libgtest-dev libgmock-dev ccache"
+    [slapd]="slapd"
+    [samba]="samba samba-dsdb-modules samba-ad-provision python3"
+    [lint]="clang clang-format clang-tidy shellcheck git"
+)
+
+# install_missing PURPOSE...: installs those packages of the purposes that are not there; touches nothing otherwise.
+install_missing() {
+    local purpose wanted="" missing
+    for purpose in "$@"; do
+        wanted+=" ${packages[$purpose]}"
+    done
+    if ! command -v apt-get >/dev/null; then
+        explain_packages "$wanted"
+        return
+    fi
+    # shellcheck disable=SC2086 # the list is words
+    missing=$(comm -23 <(printf '%s\n' $wanted | sort -u) <(installed_packages $wanted | sort -u))
+    [ -n "$missing" ] || return 0
+    # shellcheck disable=SC2086
+    step "install packages" apt_install $missing
+}
+
+installed_packages() {
+    dpkg-query -W -f '${Package} ${db:Status-Status}\n' "$@" 2>/dev/null | sed -n 's/ installed$//p'
+}
+
+# Says once per machine what is needed where we cannot install it; whether it is there shows when configuring.
+explain_packages() {
+    local wanted
+    wanted=$(echo "$1" | tr -s ' \n' ' ')
+    echo "There is no apt here: see that you have the equivalents of Debian's$wanted" >&2
+}
+
+as_root() {
+    if [ "$(id -u)" -eq 0 ]; then
+        "$@"
+    else
+        sudo "$@"
+    fi
+}
+
+# Installs packages without touching the services of the machine: the test servers' packages come with services of
+# their own, which must not be started now (a policy that forbids it is in force while apt runs, unless the machine
+# has one) nor at the next boot.
+apt_install() (
+    policy=/usr/sbin/policy-rc.d
+    services_before=$(ls /etc/init.d)
+    if [ ! -e "$policy" ]; then
+        trap 'as_root rm -f "$policy"' EXIT
+        trap 'exit 130' INT TERM
+        printf '#!/bin/sh\nexit 101\n' | as_root tee "$policy" >/dev/null && as_root chmod 755 "$policy" || exit
+    fi
+    if [[ " $* " == *" slapd "* ]]; then
+        echo "slapd slapd/no_configuration boolean true" | as_root debconf-set-selections || exit
+    fi
+    as_root apt-get -o DPkg::Lock::Timeout=300 -qq update || exit
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300 -o Dpkg::Use-Pty=0 -y \
+        --no-install-recommends install "$@" || exit
+    for service in $(comm -13 <(echo "$services_before") <(ls /etc/init.d)); do
+        as_root update-rc.d "$service" disable || exit
+    done
+)

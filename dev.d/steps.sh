@@ -1,0 +1,40 @@
+# shellcheck shell=bash
+# Steps: commands that are silent when good and give the reason and the log when not.
+
+readonly logs=$PWD/build/logs
+
+# seconds_since NANOSECONDS: the time from then to now, with one decimal.
+seconds_since() {
+    local tenths=$((($(date +%s%N) - $1) / 100000000))
+    echo "$((tenths / 10)).$((tenths % 10))"
+}
+
+# step NAME COMMAND...: runs COMMAND with its output in the step's log and says in one line how it went.
+# COMMAND gets no standard input, so that nothing can wait for an answer. `set -e` doesn't reach into a
+# function called this way: one used as a step chains its commands with &&.
+step() {
+    local name=$1 log status=0 started
+    shift
+    log=$logs/${name//[^A-Za-z0-9._-]/-}.log
+    started=$(date +%s%N)
+    mkdir -p "$logs"
+    "$@" >"$log" 2>&1 </dev/null || status=$?
+    if [ "$status" -eq 0 ]; then
+        printf '%-4s %-28s %7s s\n' ok "$name" "$(seconds_since "$started")"
+        return 0
+    fi
+    printf '%-4s %-28s %7s s   exit status %d, log: %s\n' FAIL "$name" "$(seconds_since "$started")" "$status" "$log"
+    tail -n 25 "$log" | sed 's/^/     | /'
+    return "$status"
+}
+
+# build PRESET [TARGET...]: configures the preset if that was never done or its definition has changed, and builds.
+build() {
+    local preset=$1 targets=()
+    shift
+    [ $# -eq 0 ] || targets=(--target "$@")
+    if [ ! build/"$preset"/build.ninja -nt CMakePresets.json ]; then
+        step "configure $preset" cmake --preset "$preset" || return
+    fi
+    step "build $preset" cmake --build --preset "$preset" --parallel "$(nproc)" "${targets[@]}"
+}

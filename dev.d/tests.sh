@@ -1,0 +1,41 @@
+# shellcheck shell=bash
+# Running the tests of a build and counting them.
+
+# run_tests PRESET [CTEST ARGUMENT...]: runs tests of that build side by side, the output of failures in the log.
+run_tests() {
+    local preset=$1
+    shift
+    # Most of the time of a test is spent waiting for a server, so there may be more of them than processors.
+    step "tests $preset" ctest --test-dir "build/$preset" --parallel $(($(nproc) * 2)) --no-tests=error \
+        --output-on-failure --output-junit "$logs/tests-$preset.xml" "$@"
+}
+
+# junit_count PRESET ATTRIBUTE: a number out of the head of CTest's own report.
+junit_count() {
+    tr '\n\t' '  ' <"$logs/tests-$1.xml" | grep -o '<testsuite [^>]*>' | grep -o " $2=\"[0-9]*\"" | grep -o '[0-9]*'
+}
+
+# A test that was skipped or could not be run has proved nothing: it counts as failed.
+summarise_tests() {
+    local preset=$1 all failed
+    all=$(junit_count "$preset" tests)
+    failed=$(($(junit_count "$preset" failures) + $(junit_count "$preset" skipped) + $(junit_count "$preset" disabled)))
+    echo "$((all - failed)) passed, $failed failed"
+    [ "$failed" -eq 0 ]
+}
+
+cmd_test() {
+    local selection=() status=0
+    case ${1:-} in
+        "") ;;
+        quick) selection=(-L '^(unit|call|wire)$') ;;
+        *) selection=(-R "$1") ;;
+    esac
+    install_missing build test
+    [ "${1:-}" = quick ] || install_missing slapd samba
+    build dev || return
+    rm -f "$logs/tests-dev.xml"
+    run_tests dev "${selection[@]}" || status=$?
+    [ -e "$logs/tests-dev.xml" ] || return "$status"
+    summarise_tests dev && return "$status"
+}
