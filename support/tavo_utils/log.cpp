@@ -1,0 +1,255 @@
+#include <QtCore/QDebug>
+#include <QtCore/QLoggingCategory>
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cxxabi.h>
+#include <map>
+#include <string_view>
+#include <tavo_utils/async_operation_guard.h>
+#include <tavo_utils/log.h>
+#include <tavo_utils/scope_guard.h>
+
+namespace tavo::log {
+
+namespace detail {
+
+constinit std::atomic<int> ceiling{static_cast<int>(Level::info)};
+
+} // namespace detail
+
+namespace {
+
+// The guard tells setSink() when no other thread is inside the sink any more.
+struct GuardedSink
+{
+    explicit GuardedSink(Sink function)
+        : sink(std::move(function))
+    {}
+
+    const Sink sink; // empty: the default one
+    utils::AsyncOperationGuard guard;
+};
+
+struct State
+{
+    std::mutex mutex;
+    Level maxLevel = Level::info;
+    std::map<QString, Level> tagLevels;
+    ReducerConfig reducer;
+    std::shared_ptr<GuardedSink> sink = std::make_shared<GuardedSink>(Sink());
+};
+
+// By design: never destroyed, since threads may log while the process exits; the pointer keeps it reachable.
+State& state()
+{
+    static State* const instance = new State;
+    return *instance;
+}
+
+constinit std::atomic<bool> hasTagLevels{false};
+constinit std::atomic<bool> passwordsShown{false};
+
+// To be called with the state's mutex held, after every change of a limit.
+void updateCeiling(const State& limits)
+{
+    Level greatest = limits.maxLevel;
+    for (const auto& [name, level] : limits.tagLevels)
+        greatest = std::max(greatest, level);
+    hasTagLevels.store(!limits.tagLevels.empty(), std::memory_order_relaxed);
+    detail::ceiling.store(static_cast<int>(greatest), std::memory_order_relaxed);
+}
+
+Level limitFor(const Tag& tag)
+{
+    const bool isByName = hasTagLevels.load(std::memory_order_relaxed);
+    const QString name = isByName ? tag.name() : QString();
+    const std::lock_guard lock(state().mutex);
+    const auto found = state().tagLevels.find(name);
+    return isByName && found != state().tagLevels.end() ? found->second : state().maxLevel;
+}
+
+QString demangled(const std::type_info& type)
+{
+    int status = 0;
+    const std::unique_ptr<char, decltype(&std::free)> name(
+        abi::__cxa_demangle(type.name(), nullptr, nullptr, &status), &std::free);
+    return QString::fromUtf8(name ? name.get() : type.name());
+}
+
+// The part after the last "::" that is not inside the arguments of a template or function.
+QString lastComponent(const QString& name)
+{
+    int depth = 0;
+    for (qsizetype i = name.size() - 1; i > 0; --i) {
+        const QChar c = name[i];
+        depth += c == u'>' || c == u')' ? 1 : 0;
+        depth -= c == u'<' || c == u'(' ? 1 : 0;
+        if (depth == 0 && c == u':' && name[i - 1] == u':')
+            return name.mid(i + 1);
+    }
+    return name;
+}
+
+// By design: the logger is asked directly, without the category's own check, since our levels have decided.
+void writeToQt(Level level, const QString& tag, const QString& text)
+{
+    const QMessageLogger logger(nullptr, 0, nullptr, "tavo.ldap");
+    QDebug stream = level == Level::warning ? logger.warning()
+                    : level == Level::info  ? logger.info()
+                                            : logger.debug();
+    stream.nospace().noquote() << tag << u": " << text;
+}
+
+std::shared_ptr<GuardedSink> currentSink()
+{
+    const std::lock_guard lock(state().mutex);
+    return state().sink;
+}
+
+void writeToSink(Level level, const QString& tag, const QString& text)
+{
+    for (;;) {
+        const auto current = currentSink();
+        const auto lock = current->guard.sharedGuard().lock();
+        if (!lock)
+            continue; // replaced this very moment: the next one is in place already
+        if (!current->sink)
+            return writeToQt(level, tag, text);
+        return current->sink(level, tag, text);
+    }
+}
+
+// How many messages deep this thread is: a sink may log, too.
+thread_local int nesting = 0;
+
+void deliver(Level level, const QString& tag, const QString& text)
+{
+    const utils::ScopeGuard leave([] { --nesting; });
+    ++nesting;
+    if (nesting == 1)
+        writeToSink(level, tag, text);
+    else if (nesting == 2)
+        writeToQt(level, tag, text);
+}
+
+} // namespace
+
+void setMaxLevel(Level level)
+{
+    const std::lock_guard lock(state().mutex);
+    state().maxLevel = level;
+    updateCeiling(state());
+}
+
+Level maxLevel()
+{
+    const std::lock_guard lock(state().mutex);
+    return state().maxLevel;
+}
+
+void setTagLevel(const QString& typeName, Level level)
+{
+    const std::lock_guard lock(state().mutex);
+    state().tagLevels[typeName] = level;
+    updateCeiling(state());
+}
+
+void clearTagLevels()
+{
+    const std::lock_guard lock(state().mutex);
+    state().tagLevels.clear();
+    updateCeiling(state());
+}
+
+QString Tag::name() const
+{
+    const QString name = demangled(*m_type);
+    return m_address ? name : lastComponent(name);
+}
+
+QString Tag::toString() const
+{
+    if (!m_address)
+        return name();
+    const QString address = QString::number(reinterpret_cast<std::uintptr_t>(m_address), 16);
+    const QString text = m_text.isEmpty() ? QString() : utils::format(u", %1", m_text);
+    return utils::format(u"%1(0x%2%3)", name(), address, text);
+}
+
+bool admits(Level level, const Tag& tag) { return admits(level) && level <= limitFor(tag); }
+
+void setReducerConfig(const ReducerConfig& config)
+{
+    const std::lock_guard lock(state().mutex);
+    state().reducer = config;
+}
+
+ReducerConfig reducerConfig()
+{
+    const std::lock_guard lock(state().mutex);
+    return state().reducer;
+}
+
+bool showPasswords() noexcept { return passwordsShown.load(std::memory_order_relaxed); }
+
+void setShowPasswords(bool show) noexcept { passwordsShown.store(show, std::memory_order_relaxed); }
+
+Sink setSink(Sink sink)
+{
+    auto replacement = std::make_shared<GuardedSink>(std::move(sink));
+    {
+        const std::lock_guard lock(state().mutex);
+        state().sink.swap(replacement);
+    }
+    replacement->guard.invalidate(); // after the swap: a thread that is turned away finds the new sink
+    return replacement->sink;
+}
+
+void write(Level level, const Tag& tag, const QString& text) noexcept
+{
+    const utils::SystemErrorKeeper keeper;
+    try {
+        deliver(level, tag.toString(), text);
+    } catch (...) { // NOLINT(bugprone-empty-catch): there is nowhere left to report it
+    }
+}
+
+namespace detail {
+
+int Reducer::count()
+{
+    const auto now = utils::MonotonicTime::now();
+    const std::lock_guard lock(m_mutex);
+    if (m_count == 0 || now - m_periodStart >= reducerConfig().period) {
+        m_periodStart = now;
+        m_count = 0;
+    }
+    return ++m_count;
+}
+
+Decision Reducer::decide(Level level, const Tag& tag)
+{
+    if (!admits(level, tag))
+        return {};
+    const int limit = reducerConfig().limit;
+    const int position = count();
+    if (limit < 1 || position < limit)
+        return {true, level, false};
+    if (position == limit)
+        return {true, level, true};
+    return {admits(Level::debug, tag), Level::debug, false};
+}
+
+void write(const Decision& decision, const Tag& tag, const QString& text) noexcept
+{
+    try {
+        const QStringView pattern = decision.isTooMany ? u"TOO MANY SIMILAR MESSAGES: %1" : u"%1";
+        log::write(decision.level, tag, utils::format(pattern, text));
+    } catch (...) { // NOLINT(bugprone-empty-catch): no memory for the message, and none to say so
+    }
+}
+
+} // namespace detail
+
+} // namespace tavo::log
