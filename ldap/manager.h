@@ -1,0 +1,84 @@
+#pragma once
+
+#include <ldap/export.h>
+#include <ldap/result.h>
+#include <ldap/search_params.h>
+#include <ldap/settings.h>
+#include <ldap/user.h>
+#include <tavo_utils/move_only_func.h>
+
+#include <future>
+#include <memory>
+#include <vector>
+
+namespace tavo::ldap {
+
+class SearchContext;
+
+/// What a fetch calls: any number of times with `Result::moreResults` and one page of records, then once with
+/// any other result and the last page (`Result::ok`) or nothing. On the fetch's own thread.
+using UsersHandler = utils::MoveOnlyFunc<void(Result, std::vector<User>)>;
+
+/// The same for groups.
+using GroupsHandler = utils::MoveOnlyFunc<void(Result, std::vector<Group>)>;
+
+/// A bound connection to a directory as a source of users and groups.
+///
+///     auto manager = createManagerOrThrow(settings);
+///     manager->fetchUsersAsync([](Result result, std::vector<User> page) { ... }, {u"dc=example"_qs, {}});
+///
+/// Threads: one thread at a time calls a manager, except that `stopAsyncFetch` may be called from any.
+/// Handlers run on the thread of their fetch. A handler may start and stop fetches from any call, and destroy
+/// the manager from a final call (not from an intermediate one). Destroying the manager gives the handlers of
+/// running fetches `Result::cancelled`, on the destroying thread, and waits for a handler that runs on
+/// another.
+class TAVO_LDAP_EXPORT Manager
+{
+public:
+    virtual ~Manager();
+    Manager(const Manager&) = delete;
+    Manager& operator=(const Manager&) = delete;
+
+    /// Starts fetching the users below `filter.base` and returns at once.
+    ///
+    /// The caller's filter text is combined with the directory's user filter. Entries without a login are
+    /// dropped with a line in the log at debug level.
+    /// \return what `stopAsyncFetch` takes; never to be used otherwise
+    /// \throws BaseError, std::system_error when the fetch can't be started; the handler is dropped then
+    virtual SearchContext* fetchUsersAsync(UsersHandler handler, const SearchFilter& filter) = 0;
+
+    /// Starts fetching the groups below `filter.base`; otherwise like `fetchUsersAsync`. Every group is
+    /// delivered, also one without members.
+    virtual SearchContext* fetchGroupsAsync(GroupsHandler handler, const SearchFilter& filter) = 0;
+
+    /// Abandons a fetch: its handler is dropped and never called (again). Thread-safe; waits for an
+    /// intermediate call that runs on another thread. An unknown or ended fetch is ignored.
+    virtual void stopAsyncFetch(SearchContext* context) = 0;
+
+protected:
+    Manager();
+};
+
+/// Connects, finds out the vendor, completes the attribute mapping and binds. Blocks.
+///
+/// The vendor is asked for before the bind, without credentials. An empty `Settings::adminDn` binds
+/// anonymously. The library's log gets the settings at verbose level, without the password.
+/// \throws InvalidCredentialsError, TlsError, BaseError
+TAVO_LDAP_EXPORT std::unique_ptr<Manager> createManagerOrThrow(Settings settings);
+
+/// Whether the server can be reached (with TLS as the settings ask for it) and accepts the credentials.
+/// Blocks.
+///
+/// Why not is in the log at debug level. Searches nothing: what the account may read is not tested.
+TAVO_LDAP_EXPORT bool testLdapConnection(const Settings& settings);
+
+/// `testLdapConnection` on a thread of its own; `onFailure` is called on that thread when the test fails, and
+/// nothing when it succeeds.
+///
+/// Destroying the returned future waits for the test. `get()` rethrows what `onFailure` threw and any failure
+/// that is no `BaseError`; with an empty `onFailure` a failed test gives `std::bad_function_call`.
+/// \throws std::system_error when no thread can be had
+TAVO_LDAP_EXPORT std::future<void> testLdapConnectionAsync(
+    const Settings& settings, utils::MoveOnlyFunc<void()> onFailure);
+
+} // namespace tavo::ldap

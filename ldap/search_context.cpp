@@ -1,0 +1,337 @@
+#include <ldap/search_context.h>
+
+#include <ldap/private/client_call.h>
+#include <ldap/private/destructor_call.h>
+#include <ldap/private/finished_threads.h>
+#include <ldap/private/positions.h>
+#include <ldap/private/utils.h>
+#include <ldap/tavo_ldap_ini.h>
+#include <tavo_utils/assert.h>
+#include <tavo_utils/log.h>
+#include <tavo_utils/scope_guard.h>
+
+#include <ldap.h>
+
+#include <cerrno>
+#include <ctime>
+#include <optional>
+#include <utility>
+
+namespace tavo::ldap {
+
+namespace {
+
+/// By design: minus one second, whatever the name says. The client library takes it as "wait until the result
+/// is there", so the poll interval matters only when a call comes back without a message.
+constexpr timeval kZeroTimeout{-1, 0};
+
+constexpr timespec kPollInterval{0, 100'000'000};
+
+/// The context whose search runs on this thread; it must not wait for its own thread.
+thread_local const SearchContext* runningOnThisThread = nullptr;
+
+int toLdapSearchScope(SearchScope scope)
+{
+    switch (scope) {
+    case SearchScope::base:
+        return LDAP_SCOPE_BASE;
+    case SearchScope::oneLevel:
+        return LDAP_SCOPE_ONELEVEL;
+    case SearchScope::subtree:
+        return LDAP_SCOPE_SUBTREE;
+    }
+    // By design: a corrupt scope reads one entry rather than failing or reading the whole tree.
+    assertFailure(positions::unknownScope, "false");
+    return LDAP_SCOPE_BASE;
+}
+
+/// The arguments of a search request in the client library's form; lives for one call.
+struct SearchRequest
+{
+    SearchRequest(const SearchParams& params, std::vector<char*> names, std::chrono::seconds timeLimit)
+        : base(params.base.toUtf8())
+        , filterText(params.filter.toUtf8())
+        , scope(toLdapSearchScope(params.scope))
+        , attributeNames(std::move(names))
+        , timeout{static_cast<decltype(timeval::tv_sec)>(timeLimit.count()), 0}
+    {}
+
+    const char* filter() const { return filterText.isEmpty() ? nullptr : filterText.constData(); }
+    char** attributes() { return attributeNames.empty() ? nullptr : attributeNames.data(); }
+
+    QByteArray base;
+    QByteArray filterText;
+    int scope;
+    std::vector<char*> attributeNames;
+    timeval timeout;
+};
+
+/// What the final message of a result says.
+struct FinalResult
+{
+    int code;
+    QString matchedDn;
+    QString diagnostic;
+};
+
+FinalResult readFinalResult(LDAP* ld, LDAPMessage* chain, bool freeChain)
+{
+    int code = LDAP_SUCCESS;
+    char* matchedDn = nullptr;
+    char* diagnostic = nullptr;
+    char** referrals = nullptr;
+    const int rc =
+        ldap_parse_result(ld, chain, &code, &matchedDn, &diagnostic, &referrals, nullptr, freeChain ? 1 : 0);
+    const utils::ScopeGuard freeParsed([&] {
+        ldap_memfree(matchedDn);
+        ldap_memfree(diagnostic);
+        ber_memvfree(reinterpret_cast<void**>(referrals));
+    });
+    return {rc != LDAP_SUCCESS ? rc : code, QString::fromUtf8(matchedDn), QString::fromUtf8(diagnostic)};
+}
+
+void sleepPollInterval()
+{
+    timespec remaining = kPollInterval;
+    while (nanosleep(&remaining, &remaining) == -1 && errno == EINTR) {
+    }
+}
+
+QString listText(const std::vector<QByteArray>& names)
+{
+    return utils::containerString(names, u", ", u"{ ", u" }", u"none");
+}
+
+} // namespace
+
+/// One paged search from its first request to its final call; lives on the search's thread.
+class PageLoop
+{
+public:
+    PageLoop(SearchContext& context, int pageSize)
+        : m_context(context)
+        , m_pageSize(pageSize)
+        , m_cookie(context.m_ldap.get())
+    {}
+
+    void run()
+    {
+        bool more = true;
+        while (more && m_context.isAsyncSearchRunning()) {
+            ++m_page;
+            try {
+                more = fetchPage();
+            } catch (const BaseError& error) {
+                m_context.stopAsyncSearch(error.ldapCode, {});
+            }
+        }
+    }
+
+private:
+    /// False when the search has come to its end.
+    bool fetchPage()
+    {
+        TAVO_LOG_VERBOSE(log::tag(m_context), u"Getting page %1 (cookie size: %2)", m_page, m_cookie.size());
+        const int messageId = sendRequest();
+        TAVO_LOG_VERBOSE(log::tag(m_context), u"Polling message id %1 for page %2", messageId, m_page);
+        std::optional<SearchResponse> response = pollResult(messageId);
+        if (!response) {
+            return false;
+        }
+        if (ini().logResponseReferences) {
+            response->logReferences();
+        }
+        std::vector<SearchEntry> entries = response->entries(m_context.m_params.attributes);
+        TAVO_LOG_VERBOSE(log::tag(m_context), u"Found %1 entries on page %2", entries.size(), m_page);
+        return deliver(*response, std::move(entries));
+    }
+
+    int sendRequest()
+    {
+        const ControlPtr pageControl = m_cookie.createPageControl(m_pageSize);
+        LDAPControl* controls[] = {pageControl.get(), nullptr};
+        SearchRequest request(m_context.m_params, m_context.m_attributeNames, m_context.m_timeout);
+        int messageId = 0;
+        const int rc = ldap_search_ext(m_context.m_ldap.get(), request.base.constData(), request.scope,
+            request.filter(), request.attributes(), /*attrsonly*/ 0, controls, nullptr, &request.timeout,
+            /*sizelimit*/ 0, &messageId);
+        const int systemError = errno;
+        if (rc != LDAP_SUCCESS) {
+            throw BaseError(rc, QStringLiteral("ldap_search_ext"), systemError);
+        }
+        return messageId;
+    }
+
+    /// The page's result; nothing when the search was stopped meanwhile.
+    std::optional<SearchResponse> pollResult(int messageId)
+    {
+        LDAP* ld = m_context.m_ldap.get();
+        while (m_context.isAsyncSearchRunning()) {
+            timeval timeout = kZeroTimeout;
+            LDAPMessage* received = nullptr;
+            const int rc = ldap_result(ld, messageId, LDAP_MSG_ALL, &timeout, &received);
+            const int systemError = errno;
+            if (rc == -1) {
+                throw resultError(received, systemError);
+            }
+            if (received != nullptr) {
+                MessagePtr chain(received, &ldap_msgfree);
+                throwIfFailed(readFinalResult(ld, received, /*freeChain*/ false), systemError);
+                return SearchResponse(ld, std::move(chain));
+            }
+            sleepPollInterval();
+        }
+        // The outstanding request is not abandoned; it dies with the connection.
+        m_context.stopAsyncSearch(LDAP_USER_CANCELLED, {});
+        return std::nullopt;
+    }
+
+    BaseError resultError(LDAPMessage* message, int systemError) const
+    {
+        int code = LDAP_SERVER_DOWN;
+        if (message != nullptr) {
+            const int rc = ldap_parse_result(
+                m_context.m_ldap.get(), message, &code, nullptr, nullptr, nullptr, nullptr, /*freeit*/ 1);
+            code = rc != LDAP_SUCCESS ? rc : code;
+        }
+        return {code, QStringLiteral("ldap_result"), systemError};
+    }
+
+    void throwIfFailed(const FinalResult& result, int systemError) const
+    {
+        if (result.code == LDAP_SUCCESS) {
+            return;
+        }
+        m_context.logFailedSearch(result.matchedDn, result.diagnostic);
+        throw BaseError(result.code, QStringLiteral("ldap_result"), systemError);
+    }
+
+    /// Hands the page on; false when it was the last.
+    bool deliver(SearchResponse& response, std::vector<SearchEntry> entries)
+    {
+        // By design: a page shorter than asked for ends the search, even with a live cookie.
+        if (static_cast<int>(entries.size()) < m_pageSize) {
+            m_context.stopAsyncSearch(LDAP_SUCCESS, std::move(entries));
+            return false;
+        }
+        m_cookie.update(response.controls());
+        if (m_cookie.size() == 0) {
+            m_context.stopAsyncSearch(LDAP_SUCCESS, std::move(entries));
+            return false;
+        }
+        // The call is made under the lock, so that a stop from another thread comes after it. A handler that
+        // stops its own search from here destroys itself only when it has returned.
+        auto handler = m_context.m_handler.lock();
+        if (*handler) {
+            (*handler)(Result::moreResults, std::move(entries));
+        }
+        return true;
+    }
+
+    SearchContext& m_context;
+    int m_pageSize;
+    Cookie m_cookie;
+    int m_page = 0;
+};
+
+SearchContext::SearchContext(
+    std::unique_ptr<LDAP, void (*)(LDAP*)> ldap, SearchParams params, std::chrono::seconds timeout)
+    : m_ldap(std::move(ldap))
+    , m_params(std::move(params))
+    , m_timeout(timeout)
+    , m_handler(Mutex::RecursionMode::recursive)
+{
+    if (!m_params.attributes.empty()) {
+        m_attributeNames.reserve(m_params.attributes.size() + 1);
+        for (QByteArray& name : m_params.attributes) {
+            m_attributeNames.push_back(name.data());
+        }
+        m_attributeNames.push_back(nullptr);
+    }
+    TAVO_LOG_DEBUG(log::tag(*this), u"Created for [%1] with [%2] filter (attributes: %3)", m_params.base,
+        m_params.filter, listText(m_params.attributes));
+}
+
+SearchContext::~SearchContext()
+{
+    callFromDestructor(log::tag(*this), [this] { stopAsyncSearch(); });
+    if (runningOnThisThread == this) {
+        finished_threads::handOver(std::move(m_asyncSearch));
+    }
+}
+
+std::vector<SearchEntry> SearchContext::simpleSearch() const
+{
+    TAVO_LOG_VERBOSE(log::tag(*this), u"Performing non-paged search");
+    SearchRequest request(m_params, m_attributeNames, m_timeout);
+    LDAPMessage* received = nullptr;
+    const auto [rc, systemError] = callClient([&] {
+        return ldap_search_ext_s(m_ldap.get(), request.base.constData(), request.scope, request.filter(),
+            request.attributes(), /*attrsonly*/ 0, nullptr, nullptr, &request.timeout, /*sizelimit*/ 0,
+            &received);
+    });
+    if (rc != LDAP_SUCCESS) {
+        int code = rc;
+        if (received != nullptr) {
+            const FinalResult result = readFinalResult(m_ldap.get(), received, /*freeChain*/ true);
+            code = result.code;
+            logFailedSearch(result.matchedDn, result.diagnostic);
+        }
+        throw BaseError(code, QStringLiteral("ldap_search_ext_s"), systemError);
+    }
+    SearchResponse response(m_ldap.get(), MessagePtr(received, &ldap_msgfree));
+    std::vector<SearchEntry> entries = response.entries(m_params.attributes);
+    TAVO_LOG_VERBOSE(log::tag(*this), u"Found %1 entries", entries.size());
+    return entries;
+}
+
+void SearchContext::asyncSearch(SearchHandler handler, int pageSize)
+{
+    if (pageSize <= 0) {
+        assertFailure(positions::pageSizeNotPositive, "pageSize > 0");
+        // By design: a refused start reads as an empty result, not as an error.
+        handler(Result::ok, {});
+        return;
+    }
+    // A handler that has stopped its own search still runs on that search's thread.
+    if (isAsyncSearchRunning() || runningOnThisThread == this) {
+        assertFailure(positions::searchAlreadyRunning, "!isAsyncSearchRunning()");
+        handler(Result::ok, {});
+        return;
+    }
+    // The thread of an earlier, stopped search may need the mutex to end.
+    m_asyncSearch = {};
+
+    auto installed = m_handler.lock();
+    *installed = std::move(handler);
+    utils::ScopeGuard uninstall([&] { *installed = nullptr; });
+    m_asyncSearch = std::async(std::launch::async, [self = shared_from_this(), pageSize]() mutable {
+        SigpipeGuard::blockForThisThread();
+        runningOnThisThread = self.get();
+        // Moved out of the task, whose state is owned by the context's own future: nothing may be left that
+        // keeps the context alive when the search has ended.
+        const std::shared_ptr<SearchContext> context = std::move(self);
+        PageLoop(*context, pageSize).run();
+    });
+    uninstall.dismiss();
+}
+
+bool SearchContext::isAsyncSearchRunning() const { return static_cast<bool>(*m_handler.lock()); }
+
+void SearchContext::stopAsyncSearch() { stopAsyncSearch(LDAP_USER_CANCELLED, {}); }
+
+void SearchContext::stopAsyncSearch(int ldapCode, std::vector<SearchEntry> entries)
+{
+    SearchHandler handler = std::exchange(*m_handler.lock(), nullptr);
+    if (handler) {
+        handler(translateErrorCode(ldapCode), std::move(entries));
+    }
+}
+
+void SearchContext::logFailedSearch(const QString& matchedDn, const QString& diagnostic) const
+{
+    TAVO_LOG_DEBUG(log::tag(*this), u"Search failed for [%1], matched DN [%2]; the server says: [%3]",
+        m_params.base, matchedDn, diagnostic);
+}
+
+} // namespace tavo::ldap

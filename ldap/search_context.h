@@ -1,0 +1,95 @@
+#pragma once
+
+#include <ldap/export.h>
+#include <ldap/result.h>
+#include <ldap/search_params.h>
+#include <ldap/utils.h>
+#include <tavo_utils/move_only_func.h>
+#include <tavo_utils/mutex.h>
+
+#include <chrono>
+#include <future>
+#include <memory>
+#include <vector>
+
+namespace tavo::ldap {
+
+class PageLoop;
+
+/// What a search calls with its results: any number of times with `Result::moreResults` and a full page, then
+/// exactly once with any other result and the last page (`Result::ok`) or nothing.
+using SearchHandler = utils::MoveOnlyFunc<void(Result, std::vector<SearchEntry>)>;
+
+/// One search on a connection handle of its own: blocking, or page by page on a background thread.
+///
+/// Made by `Session::createSearchContext` for blocking searches and inside `Session::asyncSearch` for paged
+/// ones; most callers use `Session` or `Manager` and never see it.
+///
+/// Threads: `simpleSearch` and `asyncSearch` belong to one thread; `stopAsyncSearch` and
+/// `isAsyncSearchRunning` may be called from any. The handler runs on the search's own thread, intermediate
+/// calls under the context's mutex (which is recursive: it may stop its own search), the final one outside
+/// it.
+class TAVO_LDAP_EXPORT SearchContext : public std::enable_shared_from_this<SearchContext>
+{
+public:
+    /// Takes over the handle (with the function that destroys it), the search's parameters and the time limit
+    /// that is sent with every request.
+    SearchContext(
+        std::unique_ptr<LDAP, void (*)(LDAP*)> ldap, SearchParams params, std::chrono::seconds timeout);
+
+    /// Cancels a running search (its handler gets `Result::cancelled` on this thread) and waits for its
+    /// thread.
+    ~SearchContext();
+
+    SearchContext(const SearchContext&) = delete;
+    SearchContext& operator=(const SearchContext&) = delete;
+
+    /// Runs the search without paging and returns all entries. Blocks until the server has answered, at most
+    /// about the time limit.
+    ///
+    /// \throws BaseError on any failure; there is no partial result, also not at a size or time limit
+    std::vector<SearchEntry> simpleSearch() const;
+
+    /// Starts the paged search (RFC 2696) on a thread of its own and returns at once.
+    ///
+    /// The context must be owned by a `std::shared_ptr`. A page size below 1, or a second start while the
+    /// first runs, is reported as an assertion failure, and `handler` gets `Result::ok` without entries at
+    /// once, on this thread.
+    ///
+    /// An exception that the handler throws ends the search: a `BaseError` from an intermediate call becomes
+    /// the final result; any other is kept unseen and no further call is made.
+    /// \throws std::system_error when no thread can be had, std::bad_weak_ptr without an owner; the handler
+    /// is
+    ///         dropped uncalled then
+    void asyncSearch(SearchHandler handler, int pageSize);
+
+    /// Whether a search was started whose final call hasn't begun.
+    bool isAsyncSearchRunning() const;
+
+    /// Stops a running search: its handler is called with `Result::cancelled` on this thread, after an
+    /// intermediate call that has begun. Does nothing when no search runs.
+    ///
+    /// The thread notices within its poll interval, but not before a pending answer of the server.
+    void stopAsyncSearch();
+
+private:
+    friend class PageLoop;
+
+    TAVO_LDAP_NO_EXPORT void stopAsyncSearch(int ldapCode, std::vector<SearchEntry> entries);
+    TAVO_LDAP_NO_EXPORT void logFailedSearch(const QString& matchedDn, const QString& diagnostic) const;
+
+    std::unique_ptr<LDAP, void (*)(LDAP*)> m_ldap;
+    SearchParams m_params;
+    std::chrono::seconds m_timeout;
+
+    /// The attribute list as the client library takes it: pointers into `m_params.attributes`, then a null
+    /// pointer; empty for an empty list.
+    std::vector<char*> m_attributeNames;
+
+    /// Set while a paged search runs; taking it out is how a search ends.
+    mutable Lockable<SearchHandler> m_handler;
+
+    std::future<void> m_asyncSearch;
+};
+
+} // namespace tavo::ldap

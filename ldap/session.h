@@ -1,0 +1,149 @@
+#pragma once
+
+#include <ldap/export.h>
+#include <ldap/result.h>
+#include <ldap/search_context.h>
+#include <ldap/search_params.h>
+#include <ldap/utils.h>
+#include <tavo_utils/async_operation_guard.h>
+#include <tavo_utils/move_only_func.h>
+#include <tavo_utils/mutex.h>
+#include <tavo_utils/url.h>
+
+#include <QByteArray>
+#include <QString>
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace tavo::ldap {
+
+/// The attribute names and the user filter that suit one kind of directory.
+struct VendorDefaults
+{
+    /// The attribute that holds a user's login.
+    QString loginAttribute;
+
+    /// The object class of groups.
+    QString groupObjectClass;
+
+    /// The attribute that lists a group's members.
+    QByteArray memberAttribute;
+
+    /// The filter that selects users; empty: none is implied.
+    QString userFilter;
+};
+
+/// One connection to a directory server: TLS, bind, searches.
+///
+///     Session session(Url(u"ldaps://dc1.corp.example"_qs), false, false);
+///     session.bind(u"cn=reader,dc=corp,dc=example"_qs, password);
+///     auto entries = session.simpleSearch({u"dc=corp,dc=example"_qs, u"(uid=ann)"_qs, {},
+///     SearchScope::subtree});
+///
+/// LDAP version 3 (RFC 4511); referrals are never followed. Which certificates are trusted is the client
+/// library's configuration (ldap.conf, `LDAPTLS_CACERT`).
+///
+/// Threads: one thread at a time uses a session, except that `stopAsyncSearch` may be called from any. The
+/// handlers of asynchronous searches run on a thread of each search. A handler may start and stop searches
+/// from any call, and destroy the session from a final call (not from an intermediate one, which runs under
+/// the session's lock).
+class TAVO_LDAP_EXPORT Session
+{
+public:
+    /// Prepares the connection; with `startTls` it also connects and upgrades to TLS (RFC 4511,
+    /// section 4.14). Without, the server is contacted by the first operation.
+    ///
+    /// \param url `ldap://host[:port]` or `ldaps://host[:port]`; for the latter `startTls` is ignored
+    /// \param ignoreCertificateErrors accept a certificate that can't be verified, for this session alone
+    /// \throws BaseError, TlsError
+    Session(const utils::Url& url, bool startTls, bool ignoreCertificateErrors);
+
+    /// Gives the handlers of all running searches `Result::cancelled`, on this thread, and closes the
+    /// connection. Waits for a handler that runs on another thread, not for a server that doesn't answer.
+    ~Session();
+
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    /// Upgrades the plain connection to TLS. Blocks for the handshake. At most once, before `bind`.
+    ///
+    /// After a failure the session is of no further use.
+    /// \throws BaseError, TlsError
+    void startTls();
+
+    /// Simple bind (RFC 4513, section 5.1). Blocks. Both empty: anonymous.
+    ///
+    /// Exactly one empty is reported as an assertion failure and sent all the same: a DN without a password
+    /// is an "unauthenticated bind", which some servers accept for anybody. \throws InvalidCredentialsError,
+    /// TlsError, BaseError
+    void bind(const QString& dn, const QString& password);
+
+    /// Who the server takes this session for (RFC 4532), such as `dn:cn=reader,dc=example` or
+    /// `u:EXAMPLE\reader`; "anonymous" when it is nobody. Blocks.
+    /// \throws TlsError, BaseError; Active Directory look-alikes may not support the operation
+    QString whoAmI();
+
+    /// The time limit for the searches started from now on; 30 seconds at first.
+    void setResponseTimeout(std::chrono::seconds timeout);
+
+    /// Throws what fits a failed call of the client library: `TlsError` when the connection is a secure one
+    /// and this thread's OpenSSL queue has a TLS error, else `BaseError`.
+    [[noreturn]] void checkErrorAndThrow(int ldapCode, int systemError, QString context) const;
+
+    /// Frees a connection handle; the deleter of every handle in this library. Logs a failure, never throws.
+    static void destroyLdap(LDAP* ld);
+
+    /// A search context on a duplicate of this session's handle, which shares its connection and may outlive
+    /// the session.
+    /// \throws BaseError when the handle can't be duplicated
+    std::unique_ptr<SearchContext> createSearchContext(SearchParams params) const;
+
+    /// All entries that match, in one unpaged request. Blocks. For small results: servers cut large ones.
+    /// \throws BaseError on any failure; never a partial result
+    std::vector<SearchEntry> simpleSearch(SearchParams params) const;
+
+    /// Starts a paged search (RFC 2696) on a thread of its own and returns at once.
+    ///
+    /// \param handler called on the search's thread for each full page with `Result::moreResults`, and once
+    /// at
+    ///        the end with any other result
+    /// \param pageSize entries per page; below 1 the handler gets `Result::ok` and nothing, on this thread
+    /// \return what `stopAsyncSearch` takes; owned by the session, never to be used otherwise
+    /// \throws BaseError when the handle can't be duplicated, std::system_error when no thread can be had;
+    /// the
+    ///         handler is dropped uncalled then
+    SearchContext* asyncSearch(SearchParams params, SearchHandler handler, int pageSize);
+
+    /// Forgets a search: its handler is dropped and never called (again). Thread-safe; waits for an
+    /// intermediate call that is running on another thread. An unknown address does nothing.
+    ///
+    /// By design: the search itself runs to its end in the background.
+    void stopAsyncSearch(SearchContext* context);
+
+    /// Runs a paged search and waits for all of it: the entries of all pages in the server's order, or the
+    /// `Result` that ended it, without entries.
+    std::variant<Result, std::vector<SearchEntry>> search(SearchParams params, int pageSize);
+
+    /// Asks the root DSE which kind of directory this is. Blocks. A server that can't be asked counts as
+    /// OpenLDAP; there is no error.
+    VendorDefaults detectLdapVendor() const;
+
+private:
+    TAVO_LDAP_NO_EXPORT std::unique_ptr<LDAP, void (*)(LDAP*)> duplicateHandle() const;
+    TAVO_LDAP_NO_EXPORT void completeSearch(
+        SearchContext* context, Result result, std::vector<SearchEntry> entries);
+
+    std::unique_ptr<LDAP, void (*)(LDAP*)> m_ldap;
+    utils::AsyncOperationGuard m_asyncGuard;
+    Mutex m_mutex;
+    std::map<SearchContext*, std::pair<std::shared_ptr<SearchContext>, SearchHandler>> m_asyncSearches;
+    bool m_isSecure = false;
+    std::chrono::seconds m_responseTimeout{30};
+};
+
+} // namespace tavo::ldap

@@ -1,0 +1,61 @@
+#include <ldap/user.h>
+
+#include <tavo_reflect/json.h>
+
+#include <array>
+#include <utility>
+
+namespace tavo::ldap {
+
+namespace {
+
+const QByteArray kMailAttribute = QByteArrayLiteral("mail");
+
+/// In the order of preference.
+const std::array<QByteArray, 2> kFullNameAttributes{
+    QByteArrayLiteral("displayName"), QByteArrayLiteral("gecos")};
+
+QString displayName(const SearchEntry& entry)
+{
+    for (const QByteArray& attribute : kFullNameAttributes) {
+        QString name = entry.getAttributeFirstValue(QString::fromUtf8(attribute)).trimmed();
+        if (!name.isEmpty()) {
+            return name;
+        }
+    }
+    return {};
+}
+
+} // namespace
+
+User User::fromSearchEntry(SearchEntry entry, const QByteArray& loginAttribute)
+{
+    User user;
+    user.dn = std::move(entry.dn);
+    user.email = entry.getAttributeFirstValue(QString::fromUtf8(kMailAttribute)).trimmed().toLower();
+    user.fullName = displayName(entry);
+    if (user.fullName.isEmpty()) {
+        user.fullName = dnFirstItem(user.dn).trimmed();
+    }
+    if (!loginAttribute.isEmpty()) {
+        // By design: as the server sent it, unlike the address; a login is compared elsewhere, byte for byte.
+        user.login = entry.getAttributeFirstValue(QString::fromUtf8(loginAttribute));
+    }
+    return user;
+}
+
+const std::vector<QByteArray>& User::attributes()
+{
+    static const std::vector<QByteArray> attributes = [] {
+        std::vector<QByteArray> names(kFullNameAttributes.begin(), kFullNameAttributes.end());
+        names.push_back(kMailAttribute);
+        return names;
+    }();
+    return attributes;
+}
+
+std::string User::toString() const { return reflect::json::serialize(*this); }
+
+std::string Group::toString() const { return reflect::json::serialize(*this); }
+
+} // namespace tavo::ldap
