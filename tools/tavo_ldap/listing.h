@@ -1,0 +1,13 @@
+#pragma once
+
+#include "options.h"
+
+namespace tavo::tool {
+
+/// Fetch all users or groups and print them page by page.
+/// \return the exit code
+/// \throws CommandError when something fails, std::system_error when the output can't be written
+int listUsers(const Options& options);
+int listGroups(const Options& options);
+
+} // namespace tavo::tool
