@@ -1,0 +1,39 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace tavo::test {
+
+/// How long anything in the test kit waits before it gives up: long enough for a sanitised build on a busy
+/// machine, and never reached by a test that passes.
+inline constexpr std::chrono::seconds kDeadline{30};
+
+/// A door that is opened once: the way in which a test and a scripted peer tell each other to go on.
+///
+/// Copies are the same gate. Any thread may open it or wait for it; a gate that is open stays open.
+class Gate
+{
+public:
+    Gate();
+
+    /// Opens the gate: releases every waiter and runs every function given to `whenOpen`, on this thread.
+    void open() const;
+
+    bool isOpen() const;
+
+    /// Blocks until the gate is open. Throws `std::runtime_error` naming `what` when the deadline passes
+    /// first.
+    void wait(const std::string& what = "a gate", std::chrono::milliseconds deadline = kDeadline) const;
+
+    /// Runs `function` once, when the gate opens, or at once when it is open already.
+    void whenOpen(std::function<void()> function) const;
+
+private:
+    struct State;
+    std::shared_ptr<State> m_state;
+};
+
+} // namespace tavo::test
