@@ -4,6 +4,7 @@
 #include <ldap/private/destructor_call.h>
 #include <ldap/private/finished_threads.h>
 #include <ldap/private/positions.h>
+#include <ldap/private/search_turns.h>
 #include <ldap/private/utils.h>
 #include <ldap/tavo_ldap_ini.h>
 #include <tavo_utils/assert.h>
@@ -14,6 +15,7 @@
 
 #include <cerrno>
 #include <ctime>
+#include <exception>
 #include <optional>
 #include <utility>
 
@@ -116,6 +118,10 @@ public:
 
     void run()
     {
+        if (m_context.m_turn && !m_context.m_turn->wait()) {
+            m_context.stopAsyncSearch(LDAP_USER_CANCELLED, {});
+            return;
+        }
         bool more = true;
         while (more && m_context.isAsyncSearchRunning()) {
             ++m_page;
@@ -209,14 +215,18 @@ private:
     /// Hands the page on; false when it was the last.
     bool deliver(SearchResponse& response, std::vector<SearchEntry> entries)
     {
+        m_received += entries.size();
         // By design: a page shorter than asked for ends the search, even with a live cookie.
         if (static_cast<int>(entries.size()) < m_pageSize) {
-            m_context.stopAsyncSearch(LDAP_SUCCESS, std::move(entries));
+            warnIfCutShort(response);
+            finish(std::move(entries));
             return false;
         }
-        m_cookie.update(response.controls());
+        const ControlsPtr controls = response.controls();
+        m_cookie.update(controls);
         if (m_cookie.size() == 0) {
-            m_context.stopAsyncSearch(LDAP_SUCCESS, std::move(entries));
+            warnIfNotPaged(controls);
+            finish(std::move(entries));
             return false;
         }
         // The call is made under the lock, so that a stop from another thread comes after it. A handler that
@@ -228,10 +238,47 @@ private:
         return true;
     }
 
+    void finish(std::vector<SearchEntry> entries)
+    {
+        try {
+            m_context.stopAsyncSearch(LDAP_SUCCESS, std::move(entries));
+        } catch (const BaseError& error) {
+            // By design: the handler has had its final call, so nobody is left who could be told.
+            TAVO_LOG_WARNING(log::tag(m_context),
+                u"The last page of the search below [%1] was lost in its handler: %2",
+                m_context.m_params.base, error.message());
+        }
+    }
+
+    void warnIfCutShort(SearchResponse& response) const
+    {
+        if (hasLivePageCookie(m_context.m_ldap.get(), response.controls())) {
+            TAVO_LOG_WARNING(log::tag(m_context),
+                u"Entries are missing: the server says that it has more, but page %1 is shorter than the %2 "
+                u"entries asked for, which ends the search below [%3] with filter [%4]; %5 entries were "
+                u"received. "
+                u"Ask for pages no larger than the server's limit, or raise that limit.",
+                m_page, m_pageSize, m_context.m_params.base, m_context.m_params.filter, m_received);
+        }
+    }
+
+    void warnIfNotPaged(const ControlsPtr& controls) const
+    {
+        if (!hasPageControl(controls)) {
+            TAVO_LOG_WARNING(log::tag(m_context),
+                u"Entries may be missing: page %1 is full (%2 entries asked for) but came without the "
+                u"server's "
+                u"page control, which ends the search below [%3] with filter [%4]; %5 entries were received. "
+                u"Check that the server supports paged results (1.2.840.113556.1.4.319) for this account.",
+                m_page, m_pageSize, m_context.m_params.base, m_context.m_params.filter, m_received);
+        }
+    }
+
     SearchContext& m_context;
     int m_pageSize;
     Cookie m_cookie;
     int m_page = 0;
+    std::size_t m_received = 0;
 };
 
 SearchContext::SearchContext(
@@ -311,7 +358,15 @@ void SearchContext::asyncSearch(SearchHandler handler, int pageSize)
         // Moved out of the task, whose state is owned by the context's own future: nothing may be left that
         // keeps the context alive when the search has ended.
         const std::shared_ptr<SearchContext> context = std::move(self);
-        PageLoop(*context, pageSize).run();
+        const utils::ScopeGuard giveUpTurn([&] { context->giveUpTurn(); });
+        try {
+            PageLoop(*context, pageSize).run();
+        } catch (const std::exception& error) {
+            TAVO_LOG_WARNING(log::tag(*context),
+                u"The search below [%1] ended without a final call, by an exception: %2",
+                context->m_params.base, error.what());
+            throw;
+        }
     });
     uninstall.dismiss();
 }
@@ -324,7 +379,15 @@ void SearchContext::stopAsyncSearch(int ldapCode, std::vector<SearchEntry> entri
 {
     SearchHandler handler = std::exchange(*m_handler.lock(), nullptr);
     if (handler) {
+        giveUpTurn();
         handler(translateErrorCode(ldapCode), std::move(entries));
+    }
+}
+
+void SearchContext::giveUpTurn()
+{
+    if (m_turn) {
+        m_turn->giveUp();
     }
 }
 

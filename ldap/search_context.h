@@ -15,6 +15,7 @@
 namespace tavo::ldap {
 
 class PageLoop;
+class SearchTurn;
 
 /// What a search calls with its results: any number of times with `Result::moreResults` and a full page, then
 /// exactly once with any other result and the last page (`Result::ok`) or nothing.
@@ -74,9 +75,13 @@ public:
 
 private:
     friend class PageLoop;
+    friend class Session;
 
     TAVO_LDAP_NO_EXPORT void stopAsyncSearch(int ldapCode, std::vector<SearchEntry> entries);
     TAVO_LDAP_NO_EXPORT void logFailedSearch(const QString& matchedDn, const QString& diagnostic) const;
+
+    /// Lets the next paged search of the connection run; this one ends if it hasn't begun.
+    TAVO_LDAP_NO_EXPORT void giveUpTurn();
 
     std::unique_ptr<LDAP, void (*)(LDAP*)> m_ldap;
     SearchParams m_params;
@@ -90,6 +95,9 @@ private:
     mutable Lockable<SearchHandler> m_handler;
 
     std::future<void> m_asyncSearch;
+
+    /// Set before the search starts, and never changed; null for a search that waits for no other.
+    std::shared_ptr<SearchTurn> m_turn;
 };
 
 } // namespace tavo::ldap

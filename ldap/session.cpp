@@ -1,9 +1,11 @@
 #include <ldap/session.h>
 
 #include <ldap/private/client_call.h>
+#include <ldap/private/client_library.h>
 #include <ldap/private/destructor_call.h>
 #include <ldap/private/finished_threads.h>
 #include <ldap/private/positions.h>
+#include <ldap/private/search_turns.h>
 #include <tavo_utils/assert.h>
 #include <tavo_utils/formatter.h>
 #include <tavo_utils/log.h>
@@ -22,13 +24,6 @@
 namespace tavo::ldap {
 
 namespace {
-
-/// Serialises ldap_initialize, which sets up the client library's global state on first use.
-Mutex& initMutex()
-{
-    static Mutex mutex(Mutex::RecursionMode::recursive);
-    return mutex;
-}
 
 void wipe(QByteArray& secret) { explicit_bzero(secret.data(), static_cast<std::size_t>(secret.size())); }
 
@@ -86,10 +81,8 @@ void initialize(LdapHandle& handle, const utils::Url& url)
 {
     const std::string text = url.toStdString();
     LDAP* ld = nullptr;
-    MutexLocker lock(initMutex());
     const int rc = ldap_initialize(&ld, text.c_str());
     const int systemError = errno;
-    lock.unlock();
     handle.reset(ld);
     if (rc != LDAP_SUCCESS) {
         throw BaseError(rc, QStringLiteral("init"), systemError);
@@ -122,6 +115,25 @@ void setOptions(LDAP* ld, bool ignoreCertificateErrors)
     if (rc != LDAP_OPT_SUCCESS) {
         throw BaseError(rc, QStringLiteral("set LDAP_OPT_X_TLS_NEWCTX"), systemError);
     }
+}
+
+/// A configured handle, not connected yet.
+LdapHandle createHandle(const utils::Url& url, bool ignoreCertificateErrors)
+{
+    /// Whether the client library's TLS layer, which its first TLS context sets up, is ready.
+    static bool tlsIsSetUp = false;
+
+    LdapHandle handle(nullptr, &Session::destroyLdap);
+    MutexLocker lock(initMutex());
+    initialize(handle, url);
+    if (tlsIsSetUp) {
+        lock.unlock();
+        setOptions(handle.get(), ignoreCertificateErrors);
+        return handle;
+    }
+    setOptions(handle.get(), ignoreCertificateErrors);
+    tlsIsSetUp = true;
+    return handle;
 }
 
 /// Collects a whole paged search for a caller who waits for it.
@@ -160,14 +172,14 @@ private:
 Session::Session(const utils::Url& url, bool startTls, bool ignoreCertificateErrors)
     : m_ldap(nullptr, &Session::destroyLdap)
     , m_mutex(Mutex::RecursionMode::recursive)
+    , m_turns(std::make_shared<SearchTurns>())
 {
     TAVO_LOG_DEBUG(log::tag(*this), u"Creating for %1", url);
     if (isLdapsUrl(url)) {
         m_isSecure = true;
     }
     ERR_clear_error();
-    initialize(m_ldap, url);
-    setOptions(m_ldap.get(), ignoreCertificateErrors);
+    m_ldap = createHandle(url, ignoreCertificateErrors);
     if (startTls && !m_isSecure) {
         this->startTls();
     }
@@ -179,6 +191,7 @@ Session::~Session()
     auto searches = std::exchange(m_asyncSearches, {});
     lock.unlock();
     for (auto& [context, search] : searches) {
+        context->giveUpTurn();
         callFromDestructor(log::tag(*this), [&handler = search.second] { handler(Result::cancelled, {}); });
     }
     searches.clear();
@@ -294,6 +307,7 @@ SearchContext* Session::asyncSearch(SearchParams params, SearchHandler handler, 
     SearchContext* const context = owner.get();
     {
         const MutexLocker lock(m_mutex, positions::registerSearchLock);
+        owner->m_turn = std::make_shared<SearchTurn>(m_turns);
         m_asyncSearches.emplace(context, std::make_pair(owner, std::move(handler)));
     }
     utils::ScopeGuard forget([&] { stopAsyncSearch(context); });
@@ -332,6 +346,9 @@ void Session::stopAsyncSearch(SearchContext* context)
     // Released after the lock: the handler is the caller's code, and the context may be the last of its own.
     const auto forgotten = m_asyncSearches.extract(context);
     lock.unlock();
+    if (forgotten) {
+        context->giveUpTurn();
+    }
 }
 
 std::variant<Result, std::vector<SearchEntry>> Session::search(SearchParams params, int pageSize)
@@ -354,6 +371,7 @@ VendorDefaults Session::detectLdapVendor() const
         const auto entries = simpleSearch({QString(), QString(), {}, SearchScope::base});
         for (const SearchEntry& entry : entries) {
             if (!entry.getAttributeFirstValue(QStringLiteral("forestFunctionality")).isEmpty()) {
+                m_turns->allowInterleaving();
                 return activeDirectoryDefaults();
             }
         }

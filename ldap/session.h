@@ -22,6 +22,8 @@
 
 namespace tavo::ldap {
 
+class SearchTurns;
+
 /// The attribute names and the user filter that suit one kind of directory.
 struct VendorDefaults
 {
@@ -109,6 +111,8 @@ public:
 
     /// Starts a paged search (RFC 2696) on a thread of its own and returns at once.
     ///
+    /// Several may be started; unless `detectLdapVendor` found Active Directory they run one after the other,
+    /// in the order of their start, because an OpenLDAP server pages one search for each connection.
     /// \param handler called on the search's thread for each full page with `Result::moreResults`, and once
     /// at
     ///        the end with any other result
@@ -144,6 +148,7 @@ private:
     std::map<SearchContext*, std::pair<std::shared_ptr<SearchContext>, SearchHandler>> m_asyncSearches;
     bool m_isSecure = false;
     std::chrono::seconds m_responseTimeout{30};
+    std::shared_ptr<SearchTurns> m_turns;
 };
 
 } // namespace tavo::ldap

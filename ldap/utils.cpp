@@ -1,5 +1,6 @@
 #include <ldap/utils.h>
 
+#include <ldap/private/client_library.h>
 #include <ldap/private/positions.h>
 #include <ldap/private/utils.h>
 #include <tavo_utils/assert.h>
@@ -137,6 +138,7 @@ QString dnFirstItem(const QString& dn)
 
 void enableOpenldapDebugOutput(int level)
 {
+    setUpGlobalOptions();
     const int rc = ldap_set_option(nullptr, LDAP_OPT_DEBUG_LEVEL, &level);
     const int systemError = errno;
     if (rc != LDAP_OPT_SUCCESS) {

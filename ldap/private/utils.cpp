@@ -9,6 +9,16 @@
 
 namespace tavo::ldap {
 
+namespace {
+
+/// The first one counts when a server sends several.
+LDAPControl* findPageControl(const ControlsPtr& controls)
+{
+    return ldap_control_find(LDAP_CONTROL_PAGEDRESULTS, controls.get(), nullptr);
+}
+
+} // namespace
+
 LdapSearchEntryAccessor::LdapSearchEntryAccessor(LDAP* ld, LDAPMessage* entry)
     : m_ldap(ld)
     , m_entry(entry)
@@ -138,11 +148,23 @@ Cookie::Cookie(LDAP* ld)
 
 Cookie::~Cookie() { release(); }
 
+bool hasPageControl(const ControlsPtr& controls) { return findPageControl(controls) != nullptr; }
+
+bool hasLivePageCookie(LDAP* ld, const ControlsPtr& controls)
+{
+    LDAPControl* control = findPageControl(controls);
+    berval cookie{0, nullptr};
+    const utils::ScopeGuard freeCookie([&] { ber_memfree(cookie.bv_val); });
+    return control != nullptr &&
+           ldap_parse_pageresponse_control(ld, control, nullptr, &cookie) == LDAP_SUCCESS &&
+           cookie.bv_len != 0;
+}
+
 void Cookie::update(const ControlsPtr& controls)
 {
     // First of all, so that a failed update leaves no cookie of an earlier page behind.
     release();
-    LDAPControl* control = ldap_control_find(LDAP_CONTROL_PAGEDRESULTS, controls.get(), nullptr);
+    LDAPControl* control = findPageControl(controls);
     if (control == nullptr) {
         TAVO_LOG_DEBUG(log::tag(*this), u"Page control not found");
         return;

@@ -97,4 +97,10 @@ private:
     berval m_cookie;
 };
 
+/// Whether a response's controls hold a page control, of whatever content.
+bool hasPageControl(const ControlsPtr& controls);
+
+/// Whether a response's controls hold a page control that says that there is more.
+bool hasLivePageCookie(LDAP* ld, const ControlsPtr& controls);
+
 } // namespace tavo::ldap
