@@ -1,5 +1,6 @@
 // The throw-away slapd, by libldap alone.
 #include "support/slapd.h"
+#include "support/test_ca.h"
 
 #include <memory>
 
@@ -145,6 +146,48 @@ TEST(SlapdTest, retcodeOverlayAnswersAsTold)
                   "(objectClass=*)")
                   .result,
         LDAP_BUSY);
+}
+
+/// Connects with TLS from the start and binds, trusting that authority.
+int bindWithTls(const std::string& url, const TestCa& ca)
+{
+    const Connection connection = connect(url);
+    ldap_set_option(connection.get(), LDAP_OPT_X_TLS_CACERTFILE, ca.certificate().c_str());
+    const int required = LDAP_OPT_X_TLS_HARD;
+    ldap_set_option(connection.get(), LDAP_OPT_X_TLS_REQUIRE_CERT, &required);
+    const int isServer = 0;
+    ldap_set_option(connection.get(), LDAP_OPT_X_TLS_NEWCTX, &isServer);
+    return simpleBind(connection, "", "");
+}
+
+SlapdOptions withTls(const TestCa& ca, const ServerCertificate& server)
+{
+    return {.tls = SlapdTls{ca.certificate(), server.certificate, server.key}};
+}
+
+TEST(SlapdTlsTest, startTlsAndLdapsAreGoodForWhoTrustsTheAuthority)
+{
+    TestCa ca;
+    const Slapd slapd(withTls(ca, ca.issue()));
+    EXPECT_EQ(bindWithTls(slapd.ldapsUrl(), ca), LDAP_SUCCESS);
+    EXPECT_EQ(bindWithTls(slapd.ldapsUrl(), TestCa("Other authority")), LDAP_SERVER_DOWN);
+
+    const Connection connection = connect(slapd.url());
+    ldap_set_option(connection.get(), LDAP_OPT_X_TLS_CACERTFILE, ca.certificate().c_str());
+    const int isServer = 0;
+    ldap_set_option(connection.get(), LDAP_OPT_X_TLS_NEWCTX, &isServer);
+    EXPECT_EQ(ldap_start_tls_s(connection.get(), nullptr, nullptr), LDAP_SUCCESS);
+    EXPECT_EQ(simpleBind(connection, slapd.rootDn(), slapd.rootPassword()), LDAP_SUCCESS);
+}
+
+TEST(SlapdTlsTest, everyFlawOfACertificateIsRefused)
+{
+    TestCa ca;
+    for (const ServerCertificate& flawed :
+        {ca.issueExpired(), ca.issueNotYetValid(), ca.issueForOtherHost(), ca.issueSelfSigned()}) {
+        const Slapd slapd(withTls(ca, flawed));
+        EXPECT_EQ(bindWithTls(slapd.ldapsUrl(), ca), LDAP_SERVER_DOWN) << flawed.certificate;
+    }
 }
 
 TEST(SlapdTest, entryMayLackWhatItsClassDemandsWhenUnchecked)

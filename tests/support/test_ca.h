@@ -1,0 +1,63 @@
+#pragma once
+
+#include "temporary_directory.h"
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace tavo::test {
+
+/// A server's certificate and its private key, as PEM files.
+struct ServerCertificate
+{
+    std::filesystem::path certificate;
+    std::filesystem::path key;
+};
+
+/// What a server's certificate says. The defaults make one that is good for a server on 127.0.0.1.
+struct CertificateOptions
+{
+    std::string commonName = "test server";
+    /// In OpenSSL's notation: "IP:127.0.0.1", "DNS:ldap.example.test". `localhost` is of no use: libldap
+    /// looks for the machine's full name instead.
+    std::vector<std::string> subjectAltNames = {"IP:127.0.0.1"};
+    /// When it begins and ceases to be valid, counted from now.
+    std::chrono::seconds notBefore = -std::chrono::hours(24);
+    std::chrono::seconds notAfter = std::chrono::hours(24);
+    /// Signed with its own key instead of the authority's.
+    bool isSelfSigned = false;
+};
+
+/// A certificate authority of one's own. Its files live as long as this object. Every failure of the crypto
+/// library throws std::runtime_error.
+class TestCa
+{
+public:
+    explicit TestCa(const std::string& name = "Test authority");
+    ~TestCa();
+    TestCa(const TestCa&) = delete;
+    TestCa& operator=(const TestCa&) = delete;
+
+    /// What a client has to trust, as a PEM file.
+    std::filesystem::path certificate() const;
+
+    /// Makes a certificate for a server; every call gives other files.
+    ServerCertificate issue(const CertificateOptions& options = {});
+
+    /// Certificates that a client must refuse, each for one reason.
+    ServerCertificate issueExpired();
+    ServerCertificate issueNotYetValid();
+    ServerCertificate issueForOtherHost();
+    ServerCertificate issueSelfSigned();
+
+private:
+    struct Identity;
+
+    TemporaryDirectory m_directory;
+    std::unique_ptr<Identity> m_identity;
+    long m_issued = 1;
+};
+
+} // namespace tavo::test
