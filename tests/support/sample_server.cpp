@@ -38,11 +38,8 @@ try {
         sample.people = std::stoi(argv[1]);
     const tavo::test::SampleDirectory directory = tavo::test::sampleDirectory(sample);
     const tavo::test::Slapd slapd({.ldif = directory.ldif, .checksSchema = false});
-    std::cout << slapd.url() << '\n'
-              << slapd.rootDn() << '\n'
-              << slapd.rootPassword() << '\n'
-              << directory.people << '\n'
-              << directory.groups << std::endl;
+    std::cout << slapd.url() << ' ' << slapd.rootDn() << ' ' << slapd.rootPassword() << ' '
+              << directory.people << ' ' << directory.peopleWithLogin << ' ' << directory.groups << std::endl;
     std::array<pollfd, 2> ends{{{signals, POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}}};
     poll(ends.data(), ends.size(), -1);
     return 0;
