@@ -117,12 +117,11 @@ private:
     template <class F>
     static std::shared_ptr<Target> makeTarget(F&& callable)
     {
-        using Callable = std::decay_t<F>;
-        if constexpr (detail::maybeEmptyCallable<Callable>) {
+        if constexpr (detail::maybeEmptyCallable<std::remove_cvref_t<F>>) {
             if (callable == nullptr)
                 return nullptr;
         }
-        return std::make_shared<TargetOf<Callable>>(std::forward<F>(callable));
+        return std::make_shared<TargetOf<std::decay_t<F>>>(std::forward<F>(callable));
     }
 
     std::shared_ptr<Target> m_target;
