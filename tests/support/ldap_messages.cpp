@@ -2,27 +2,48 @@
 
 #include <array>
 #include <cstdio>
-#include <memory>
 #include <stdexcept>
-
-#include <lber.h>
 
 namespace tavo::test {
 
 namespace {
 
-// An encoder's element owns its buffer; a decoder's only looks at the caller's bytes.
-using Encoder = std::unique_ptr<BerElement, decltype([](BerElement* ber) { ber_free(ber, 1); })>;
-using Decoder = std::unique_ptr<BerElement, decltype([](BerElement* ber) { ber_free(ber, 0); })>;
-
 constexpr unsigned kOctetString = 0x04;
 constexpr unsigned kSequence = 0x30;
 constexpr unsigned kControls = 0xa0;
+/// Set in the first byte of a length: the number of bytes that hold it.
+constexpr std::size_t kLongForm = 0x80;
 constexpr std::size_t kPrintedLength = 120;
 
 [[noreturn]] void malformed(const std::string& what)
 {
     throw std::runtime_error("malformed message: " + what);
+}
+
+/// The tag and the length with which an element begins.
+struct Header
+{
+    std::size_t size;
+    std::size_t length;
+};
+
+/// Empty when some of it is missing.
+std::optional<Header> readHeader(std::string_view bytes)
+{
+    if (bytes.size() < 2)
+        return std::nullopt;
+    const auto first = static_cast<unsigned char>(bytes[1]);
+    if (first < kLongForm)
+        return Header{2, first};
+    const std::size_t lengthBytes = first - kLongForm;
+    if (lengthBytes == 0 || lengthBytes > sizeof(std::uint32_t))
+        malformed("a length of " + std::to_string(lengthBytes) + " bytes");
+    if (bytes.size() < 2 + lengthBytes)
+        return std::nullopt;
+    std::size_t length = 0;
+    for (const char c : bytes.substr(2, lengthBytes))
+        length = length * 256 + static_cast<unsigned char>(c);
+    return Header{2 + lengthBytes, length};
 }
 
 const Tlv& expectTag(const Tlv& element, unsigned tag, const char* what)
@@ -260,13 +281,16 @@ struct OperationPrinter
 
 Bytes tlv(unsigned tag, std::string_view content)
 {
-    const Encoder ber(ber_alloc_t(LBER_USE_DER));
-    berval flat{};
-    if (!ber ||
-        ber_printf(ber.get(), "to", static_cast<ber_tag_t>(tag), content.data(), content.size()) < 0 ||
-        ber_flatten2(ber.get(), &flat, 0) != 0)
-        throw std::runtime_error("liblber can't encode an element");
-    return Bytes(flat.bv_val, flat.bv_len);
+    Bytes encoded(1, static_cast<char>(tag));
+    if (content.size() < kLongForm) {
+        encoded += static_cast<char>(content.size());
+        return encoded.append(content);
+    }
+    Bytes length;
+    for (std::size_t rest = content.size(); rest != 0; rest /= 256)
+        length.insert(length.begin(), static_cast<char>(rest % 256));
+    encoded += static_cast<char>(kLongForm + length.size());
+    return encoded.append(length).append(content);
 }
 
 Bytes berNumber(std::int64_t value, unsigned tag)
@@ -281,20 +305,14 @@ Bytes berNumber(std::int64_t value, unsigned tag)
 
 std::vector<Tlv> elements(std::string_view content)
 {
-    berval bytes{content.size(), const_cast<char*>(content.data())};
-    const Decoder ber(ber_alloc_t(0));
-    ber_init2(ber.get(), &bytes, 0);
     std::vector<Tlv> found;
-    std::size_t used = 0;
-    while (used < content.size()) {
-        berval value{};
-        const ber_tag_t tag = ber_skip_element(ber.get(), &value);
-        if (tag == LBER_ERROR)
-            malformed("no element at \"" + printable(content.substr(used)) + "\"");
-        found.push_back({static_cast<unsigned>(tag), Bytes(value.bv_val, value.bv_len)});
-        ber_len_t left = 0;
-        ber_get_option(ber.get(), LBER_OPT_BER_REMAINING_BYTES, &left);
-        used = content.size() - left;
+    while (!content.empty()) {
+        const auto header = readHeader(content);
+        if (!header || content.size() - header->size < header->length)
+            malformed("no element at \"" + printable(content) + "\"");
+        found.push_back(
+            {static_cast<unsigned char>(content[0]), Bytes(content.substr(header->size, header->length))});
+        content.remove_prefix(header->size + header->length);
     }
     return found;
 }
@@ -311,26 +329,12 @@ std::int64_t numberIn(std::string_view content)
 
 std::size_t firstElementLength(std::string_view buffer)
 {
-    if (buffer.empty())
-        return 0;
-    if (static_cast<unsigned char>(buffer[0]) != kSequence)
+    if (!buffer.empty() && static_cast<unsigned char>(buffer[0]) != kSequence)
         malformed("it begins with \"" + printable(buffer) + "\"");
-    if (buffer.size() < 2)
+    const auto header = readHeader(buffer);
+    if (!header || buffer.size() - header->size < header->length)
         return 0;
-    const auto first = static_cast<unsigned char>(buffer[1]);
-    std::size_t header = 2;
-    std::size_t length = first;
-    if ((first & 0x80) != 0) {
-        header += first & 0x7f;
-        if (header > 2 + sizeof(std::uint32_t))
-            malformed("a length of more than four bytes");
-        if (buffer.size() < header)
-            return 0;
-        length = 0;
-        for (const char c : buffer.substr(2, header - 2))
-            length = length * 256 + static_cast<unsigned char>(c);
-    }
-    return buffer.size() < header + length ? 0 : header + length;
+    return header->size + header->length;
 }
 
 Bytes pagedResultsValue(std::int64_t size, std::string_view cookie)

@@ -28,14 +28,17 @@ enum class Answer : unsigned
     intermediateResponse = 0x79
 };
 
-/// One element of BER: its tag as one number, and its contents.
+/// One element of BER: its tag, and its contents.
 struct Tlv
 {
     unsigned tag = 0;
     Bytes content;
 };
 
-/// Encodes one element.
+// Written out here rather than with liblber: what is tested must not be what tests it, and the call recorder
+// sees the library's calls alone.
+
+/// Encodes one element; the tag is one byte.
 Bytes tlv(unsigned tag, std::string_view content);
 
 /// Encodes a number under the tag of INTEGER (0x02) or another one.

@@ -134,7 +134,12 @@ public:
         m_attributes.emplace_back(std::move(name), std::move(values));
         return *this;
     }
-    Entry& attr(Bytes name, Bytes value) { return attr(std::move(name), std::vector{std::move(value)}); }
+    // A template, so that a list in braces is never taken for two ends of one text.
+    template <class Value>
+    requires std::is_convertible_v<const Value&, Bytes> Entry& attr(Bytes name, const Value& value)
+    {
+        return attr(std::move(name), std::vector<Bytes>{value});
+    }
 
     Bytes operation(const Request& request) const;
 

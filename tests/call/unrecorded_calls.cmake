@@ -1,0 +1,20 @@
+# Fails when an object calls a function of libldap, liblber or OpenSSL's error queue that the recorder doesn't know.
+# Needs NM, RECORDER (the recorder's library) and OBJECTS.
+function(symbols result pattern)
+    execute_process(COMMAND ${NM} ${ARGN} OUTPUT_VARIABLE text COMMAND_ERROR_IS_FATAL ANY)
+    string(REGEX MATCHALL "${pattern}" found "${text}")
+    list(REMOVE_DUPLICATES found)
+    set(${result} ${found} PARENT_SCOPE)
+endfunction()
+
+symbols(called " U (ldap|ber|ERR)_[A-Za-z0-9_]+" ${OBJECTS})
+symbols(wrapped " T __wrap_[A-Za-z0-9_]+" ${RECORDER})
+list(TRANSFORM called REPLACE " U " "")
+list(TRANSFORM wrapped REPLACE " T __wrap_" "")
+if(NOT called OR NOT wrapped)
+    message(FATAL_ERROR "no symbols found: nothing is compared")
+endif()
+list(REMOVE_ITEM called ${wrapped})
+if(called)
+    message(FATAL_ERROR "called, but not recorded (tests/support/call_recorder.cpp): ${called}")
+endif()
