@@ -21,7 +21,7 @@ lint_tidy() {
 }
 
 lint_shell() {
-    shellcheck --external-sources dev .ci/run
+    git ls-files -- dev .ci/run '*.sh' ':!dev.d/*' | xargs shellcheck --external-sources
 }
 
 cmd_lint() {
