@@ -1,3 +1,4 @@
+#include "support/plain_client.h"
 #include "support/scripted_server.h"
 
 #include <array>
@@ -6,13 +7,9 @@
 #include <string>
 #include <vector>
 
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <ldap.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 namespace tavo::test {
 
@@ -122,47 +119,6 @@ std::size_t writesOf(const Steps& steps, const Request& request)
         writes += std::get<Step::Send>(step.what).chunks(request).size();
     return writes;
 }
-
-/// A client that knows nothing of LDAP.
-class PlainClient
-{
-public:
-    explicit PlainClient(std::uint16_t port)
-        : m_fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
-    {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        m_error = ::connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 ? 0 : errno;
-    }
-    ~PlainClient() { ::close(m_fd); }
-    PlainClient(const PlainClient&) = delete;
-    PlainClient& operator=(const PlainClient&) = delete;
-
-    int connectError() const { return m_error; }
-    void send(const Bytes& bytes) const
-    {
-        EXPECT_EQ(::send(m_fd, bytes.data(), bytes.size(), MSG_NOSIGNAL), bytes.size());
-    }
-
-    /// One read: what has come, "" at the end, "(reset)" after a reset.
-    Bytes receive() const
-    {
-        std::array<char, 65536> buffer;
-        const ssize_t count = ::recv(m_fd, buffer.data(), buffer.size(), 0);
-        return count < 0 ? Bytes("(reset)") : Bytes(buffer.data(), static_cast<std::size_t>(count));
-    }
-    bool nothingToRead() const
-    {
-        pollfd poll{.fd = m_fd, .events = POLLIN, .revents = 0};
-        return ::poll(&poll, 1, 0) == 0;
-    }
-
-private:
-    int m_fd;
-    int m_error;
-};
 
 TEST(ScriptedServer, ShowsTheSimpleBindThatItReceived)
 {
