@@ -24,11 +24,17 @@ lint_shell() {
     git ls-files -- dev .ci/run '*.sh' ':!dev.d/*' | xargs shellcheck --external-sources
 }
 
+# The program that the README shows is one that is built and tested.
+lint_readme() {
+    sed -n '/^```cpp$/,/^```$/p' README.md | sed '1d;$d' | diff - examples/fetch_users.cpp
+}
+
 cmd_lint() {
     local failures=0
     install_missing build test lint
     step "format" lint_format || failures=1
     step "shellcheck" lint_shell || failures=1
+    step "readme" lint_readme || failures=1
     build clang || failures=1
     build dev || return
     step "clang-tidy" lint_tidy || failures=1
