@@ -2,7 +2,7 @@
 # What the commands need of the machine, by purpose, under Debian's names.
 
 declare -A packages=(
-    [build]="g++ cmake ninja-build pkg-config qt6-base-dev libldap-dev libssl-dev rapidjson-dev libinih-dev libcli11-dev"
+    [build]="g++ cmake ninja-build pkg-config qt6-base-dev libldap-dev libssl-dev rapidjson-dev libcli11-dev"
     [test]="libgtest-dev libgmock-dev ccache"
     [slapd]="slapd"
     [samba]="samba samba-dsdb-modules samba-ad-provision python3"
