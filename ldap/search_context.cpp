@@ -118,10 +118,6 @@ public:
 
     void run()
     {
-        if (m_context.m_turn && !m_context.m_turn->wait()) {
-            m_context.stopAsyncSearch(LDAP_USER_CANCELLED, {});
-            return;
-        }
         bool more = true;
         while (more && m_context.isAsyncSearchRunning()) {
             ++m_page;
@@ -137,11 +133,9 @@ private:
     /// False when the search has come to its end.
     bool fetchPage()
     {
-        TAVO_LOG_VERBOSE(log::tag(m_context), u"Getting page %1 (cookie size: %2)", m_page, m_cookie.size());
-        const int messageId = sendRequest();
-        TAVO_LOG_VERBOSE(log::tag(m_context), u"Polling message id %1 for page %2", messageId, m_page);
-        std::optional<SearchResponse> response = pollResult(messageId);
+        std::optional<SearchResponse> response = receivePage();
         if (!response) {
+            m_context.stopAsyncSearch(LDAP_USER_CANCELLED, {});
             return false;
         }
         if (ini().logResponseReferences) {
@@ -150,6 +144,24 @@ private:
         std::vector<SearchEntry> entries = response->entries(m_context.m_params.attributes);
         TAVO_LOG_VERBOSE(log::tag(m_context), u"Found %1 entries on page %2", entries.size(), m_page);
         return deliver(*response, std::move(entries));
+    }
+
+    /// Nothing when the search was stopped, or was forgotten and would disturb another.
+    std::optional<SearchResponse> receivePage()
+    {
+        SearchTurn* const turn = m_context.m_turn.get();
+        if (turn != nullptr && !turn->beginPage()) {
+            return std::nullopt;
+        }
+        const utils::ScopeGuard endPage([&] {
+            if (turn != nullptr) {
+                turn->endPage();
+            }
+        });
+        TAVO_LOG_VERBOSE(log::tag(m_context), u"Getting page %1 (cookie size: %2)", m_page, m_cookie.size());
+        const int messageId = sendRequest();
+        TAVO_LOG_VERBOSE(log::tag(m_context), u"Polling message id %1 for page %2", messageId, m_page);
+        return pollResult(messageId);
     }
 
     int sendRequest()
@@ -188,7 +200,6 @@ private:
             sleepPollInterval();
         }
         // The outstanding request is not abandoned; it dies with the connection.
-        m_context.stopAsyncSearch(LDAP_USER_CANCELLED, {});
         return std::nullopt;
     }
 

@@ -14,6 +14,8 @@
 #include <ldap.h>
 #include <openssl/err.h>
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstring>
 #include <future>
@@ -89,7 +91,42 @@ void initialize(LdapHandle& handle, const utils::Url& url)
     }
 }
 
-void setOptions(LDAP* ld, bool ignoreCertificateErrors)
+void createTlsContext(LDAP* ld)
+{
+    const int clientSide = 0;
+    const int rc = ldap_set_option(ld, LDAP_OPT_X_TLS_NEWCTX, &clientSide);
+    const int systemError = errno;
+    if (rc != LDAP_OPT_SUCCESS) {
+        throw BaseError(rc, QStringLiteral("set LDAP_OPT_X_TLS_NEWCTX"), systemError);
+    }
+}
+
+/// Gives the handle the authorities that the host's OpenLDAP configuration trusts (TLS_CACERT,
+/// TLS_CACERTDIR), for its next TLS context. The client library hands them to its default context alone, and
+/// a context of one's own would trust nobody (GnuTLS) or somebody else (OpenSSL). \return whether there are
+/// any
+bool trustHostsAuthorities(LDAP* ld)
+{
+    bool found = false;
+    for (const int option : {LDAP_OPT_X_TLS_CACERTFILE, LDAP_OPT_X_TLS_CACERTDIR}) {
+        char* path = nullptr;
+        ldap_get_option(nullptr, option, &path);
+        const utils::ScopeGuard freePath([&] { ldap_memfree(path); });
+        if (path != nullptr && access(path, R_OK) == 0) {
+            found |= ldap_set_option(ld, option, path) == LDAP_OPT_SUCCESS;
+        }
+    }
+    return found;
+}
+
+bool verifiesCertificates(LDAP* ld)
+{
+    int requirement = LDAP_OPT_X_TLS_NEVER;
+    ldap_get_option(ld, LDAP_OPT_X_TLS_REQUIRE_CERT, &requirement);
+    return requirement != LDAP_OPT_X_TLS_NEVER;
+}
+
+void setOptions(LDAP* ld, bool isSecure, bool ignoreCertificateErrors)
 {
     // By design: a failure of the first two carries neither a context nor a system error, unlike TLS ones.
     const int version = LDAP_VERSION3;
@@ -104,21 +141,19 @@ void setOptions(LDAP* ld, bool ignoreCertificateErrors)
 
     const int requireCertificate = ignoreCertificateErrors ? LDAP_OPT_X_TLS_NEVER : LDAP_OPT_X_TLS_HARD;
     rc = ldap_set_option(ld, LDAP_OPT_X_TLS_REQUIRE_CERT, &requireCertificate);
-    int systemError = errno;
+    const int systemError = errno;
     if (rc != LDAP_OPT_SUCCESS) {
         throw BaseError(rc, QStringLiteral("set LDAP_OPT_X_TLS_REQUIRE_CERT"), systemError);
     }
-    // The setting above takes effect only in a TLS context that is made after it.
-    const int clientSide = 0;
-    rc = ldap_set_option(ld, LDAP_OPT_X_TLS_NEWCTX, &clientSide);
-    systemError = errno;
-    if (rc != LDAP_OPT_SUCCESS) {
-        throw BaseError(rc, QStringLiteral("set LDAP_OPT_X_TLS_NEWCTX"), systemError);
+    if (isSecure && !ignoreCertificateErrors) {
+        trustHostsAuthorities(ld);
     }
+    // The requirement takes effect only in a TLS context that is made after it.
+    createTlsContext(ld);
 }
 
 /// A configured handle, not connected yet.
-LdapHandle createHandle(const utils::Url& url, bool ignoreCertificateErrors)
+LdapHandle createHandle(const utils::Url& url, bool isSecure, bool ignoreCertificateErrors)
 {
     /// Whether the client library's TLS layer, which its first TLS context sets up, is ready.
     static bool tlsIsSetUp = false;
@@ -128,10 +163,10 @@ LdapHandle createHandle(const utils::Url& url, bool ignoreCertificateErrors)
     initialize(handle, url);
     if (tlsIsSetUp) {
         lock.unlock();
-        setOptions(handle.get(), ignoreCertificateErrors);
+        setOptions(handle.get(), isSecure, ignoreCertificateErrors);
         return handle;
     }
-    setOptions(handle.get(), ignoreCertificateErrors);
+    setOptions(handle.get(), isSecure, ignoreCertificateErrors);
     tlsIsSetUp = true;
     return handle;
 }
@@ -179,7 +214,7 @@ Session::Session(const utils::Url& url, bool startTls, bool ignoreCertificateErr
         m_isSecure = true;
     }
     ERR_clear_error();
-    m_ldap = createHandle(url, ignoreCertificateErrors);
+    m_ldap = createHandle(url, m_isSecure, ignoreCertificateErrors);
     if (startTls && !m_isSecure) {
         this->startTls();
     }
@@ -209,6 +244,9 @@ void Session::startTls()
     // By design: before the handshake, so that a failing one is examined for TLS errors.
     m_isSecure = true;
     TAVO_LOG_VERBOSE(log::tag(*this), u"Upgrading to TLS");
+    if (verifiesCertificates(m_ldap.get()) && trustHostsAuthorities(m_ldap.get())) {
+        createTlsContext(m_ldap.get());
+    }
     const auto [rc, systemError] =
         callClient([&] { return ldap_start_tls_s(m_ldap.get(), nullptr, nullptr); });
     if (rc != LDAP_SUCCESS) {

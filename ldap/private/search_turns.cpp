@@ -21,14 +21,31 @@ SearchTurn::SearchTurn(std::shared_ptr<SearchTurns> turns)
 
 SearchTurn::~SearchTurn() { giveUp(); }
 
-bool SearchTurn::wait()
+bool SearchTurn::beginPage()
 {
     SearchTurns& turns = *m_turns;
     std::unique_lock lock(turns.m_mutex);
     const auto isGivenUp = [&] { return turns.m_queue.count(m_ticket) == 0; };
-    turns.m_changed.wait(
-        lock, [&] { return isGivenUp() || turns.m_mayInterleave || *turns.m_queue.begin() == m_ticket; });
-    return !isGivenUp();
+    turns.m_changed.wait(lock, [&] {
+        return turns.m_mayInterleave || isGivenUp() ||
+               (*turns.m_queue.begin() == m_ticket && turns.m_pagesInFlight == 0);
+    });
+    if (!turns.m_mayInterleave && isGivenUp()) {
+        const bool isAlone = turns.m_queue.empty() && turns.m_pagesInFlight == 0;
+        if (!m_hasBegun || !isAlone) {
+            return false;
+        }
+    }
+    m_hasBegun = true;
+    ++turns.m_pagesInFlight;
+    return true;
+}
+
+void SearchTurn::endPage()
+{
+    const std::lock_guard lock(m_turns->m_mutex);
+    --m_turns->m_pagesInFlight;
+    m_turns->m_changed.notify_all();
 }
 
 void SearchTurn::giveUp()

@@ -26,6 +26,7 @@ private:
     std::condition_variable m_changed;
     std::set<std::uint64_t> m_queue;
     std::uint64_t m_lastTicket = 0;
+    int m_pagesInFlight = 0;
     bool m_mayInterleave = false;
 };
 
@@ -39,15 +40,20 @@ public:
     SearchTurn(const SearchTurn&) = delete;
     SearchTurn& operator=(const SearchTurn&) = delete;
 
-    /// Waits until the search may run; false when its turn was given up, before or meanwhile.
-    bool wait();
+    /// Waits until the search may ask for its next page. False when it had better end: its turn was given up,
+    /// and it hasn't begun or would disturb a search that has the turn now.
+    bool beginPage();
 
-    /// Lets the next search run, and ends this one's waiting at once.
+    /// The page has come, or will not come.
+    void endPage();
+
+    /// Lets the next search run as soon as no page is on its way, and ends this one's waiting at once.
     void giveUp();
 
 private:
     std::shared_ptr<SearchTurns> m_turns;
     std::uint64_t m_ticket;
+    bool m_hasBegun = false;
 };
 
 } // namespace tavo::ldap

@@ -132,7 +132,7 @@ QString searchBase(const Options& options)
     if (!options.base.isEmpty()) {
         return options.base;
     }
-    const QString base = namingContext(options.settings);
+    QString base = namingContext(options.settings);
     if (base.isEmpty()) {
         throw CommandError("choose where to search", "the server names no naming context; give --base");
     }

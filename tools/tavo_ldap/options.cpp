@@ -114,7 +114,7 @@ QString readPassword(const Arguments& arguments)
 
 utils::Url readUrl(const std::string& given)
 {
-    const utils::Url url(text(given));
+    utils::Url url(text(given));
     const QString scheme = url.scheme().toLower();
     const bool known = scheme == QLatin1String("ldap") || scheme == QLatin1String("ldaps");
     if (!url.isValid() || url.host().isEmpty() || !known) {

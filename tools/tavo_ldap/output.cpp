@@ -54,7 +54,8 @@ void printLine(const std::string& line)
 
 void flushOutput()
 {
-    if (std::fflush(stdout) != 0) {
+    // Writing a note flushes standard output, too; what failed then shows only in the stream's state.
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
         throwOutputError();
     }
 }

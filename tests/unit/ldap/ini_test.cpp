@@ -1,0 +1,66 @@
+#include "support/assertion_capture.h"
+#include "support/temporary_directory.h"
+
+#include <ldap/tavo_ldap_ini.h>
+#include <ldap/utils.h>
+
+#include <gtest/gtest.h>
+
+#include <ldap.h>
+
+#include <cstdlib>
+#include <fstream>
+
+namespace tavo::ldap {
+namespace {
+
+class IniTest : public ::testing::Test
+{
+protected:
+    IniTest() { setenv("TAVO_CONFIG_DIR", m_directory.path().c_str(), 1); }
+    ~IniTest() override { unsetenv("TAVO_CONFIG_DIR"); }
+
+    void write(const char* text) { std::ofstream(m_directory.path() / "tavo_ldap.ini") << text; }
+
+    test::TemporaryDirectory m_directory;
+};
+
+TEST_F(IniTest, hasEverythingOffWithoutAFile)
+{
+    const Ini ini;
+    EXPECT_FALSE(ini.logResponseReferences);
+    EXPECT_EQ(ini.openldapDebugLevel, 0);
+}
+
+TEST_F(IniTest, readsBothSwitches)
+{
+    write("logResponseReferences = true\nopenldapDebugLevel = -1\n");
+    const Ini ini;
+    EXPECT_TRUE(ini.logResponseReferences);
+    EXPECT_EQ(ini.openldapDebugLevel, -1);
+}
+
+TEST_F(IniTest, isReadOncePerProcess)
+{
+    write("openldapDebugLevel = 0\n");
+    Ini& first = ini();
+    write("openldapDebugLevel = 7\n");
+    EXPECT_EQ(&ini(), &first);
+    EXPECT_EQ(ini().openldapDebugLevel, 0);
+}
+
+TEST(EnableOpenldapDebugOutputTest, setsTheClientLibrarysLevel)
+{
+    const auto level = [] {
+        int value = -1;
+        ldap_get_option(nullptr, LDAP_OPT_DEBUG_LEVEL, &value);
+        return value;
+    };
+    enableOpenldapDebugOutput(2048);
+    EXPECT_EQ(level(), 2048);
+    enableOpenldapDebugOutput(0);
+    EXPECT_EQ(level(), 0);
+}
+
+} // namespace
+} // namespace tavo::ldap
