@@ -162,12 +162,12 @@ TEST(Lockable, HoldsTheMutexAsLongAsTheAccessorThatOwnsIt)
 
     Lockable<int> other(Mode::nonRecursive, 6);
     auto moving = number.lock();
-    moving = other.lock(); // gives the first mutex back
-    EXPECT_EQ(*number.lock(), 5);
-    EXPECT_EQ(*moving, 6);
+    moving = other.lock();
     auto& same = moving;
     moving = std::move(same);
     EXPECT_EQ(*moving, 6);
+    moving.unlock();
+    EXPECT_EQ(*number.lock(), 5) << "would throw if the assignment had not given the mutex back";
 }
 
 TEST(Lockable, MayBeLockedAgainByItsHolderWhenRecursive)
