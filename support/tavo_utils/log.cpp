@@ -129,8 +129,8 @@ void deliver(Level level, const QString& tag, const QString& text)
     ++nesting;
     if (nesting == 1)
         writeToSink(level, tag, text);
-    else if (nesting == 2)
-        writeToQt(level, tag, text);
+    else
+        writeToQt(level, tag, text); // which keeps its own handler from being called from within itself
 }
 
 } // namespace

@@ -138,8 +138,8 @@ using Sink = std::function<void(Level level, const QString& tag, const QString& 
 ///
 /// When this function returns, the previous sink runs in no other thread and will not be called again. It
 /// therefore waits for calls in progress: don't call it with a lock held that the sink takes. A sink may call
-/// it itself; its own call is not waited for. A message that a sink logs goes to the default sink, and what
-/// Qt's message handler logs in turn is dropped, so that no sink can feed itself.
+/// it itself; its own call is not waited for. A message that a sink logs goes to the default sink, and one
+/// that Qt's message handler logs to standard error, so that neither can feed itself.
 TAVO_UTILS_EXPORT Sink setSink(Sink sink);
 
 /// Hands a message to the sink, whatever the levels are. The macros below are the usual way.

@@ -546,7 +546,7 @@ TEST_F(LogToQt, TakesMessagesAgainWhenASinkPutsItBackByItself)
 
 int handlerCalls = 0;
 
-TEST_F(LogToQt, DropsWhatQtsHandlerLogsFromWithin)
+TEST_F(LogToQt, DoesNotCallQtsHandlerForWhatThatHandlerLogs)
 {
     handlerCalls = 0;
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {
@@ -555,8 +555,11 @@ TEST_F(LogToQt, DropsWhatQtsHandlerLogsFromWithin)
     });
     setSink(
         [](Level, const QString&, const QString&) { TAVO_LOG_INFO(scopeTag<Scope>(), u"from the sink"); });
+    testing::internal::CaptureStderr();
     TAVO_LOG_INFO(scopeTag<Scope>(), u"first");
+    const std::string written = testing::internal::GetCapturedStderr();
     EXPECT_EQ(handlerCalls, 1);
+    EXPECT_THAT(written, testing::HasSubstr("from the handler"));
 }
 
 struct LogsAtExit
