@@ -2,15 +2,32 @@
 
 namespace tavo::utils {
 
+namespace {
+
+/// What may be shown of a text that could not be taken apart: nothing before its last "@".
+QString withoutUserInfo(const QString& text) { return text.mid(text.lastIndexOf(u'@') + 1); }
+
+} // namespace
+
 Url::Url(const QUrl& url)
     : m_url(url)
 {}
 
 Url::Url(const QString& text)
     : m_url(text, QUrl::StrictMode)
-{}
+{
+    if (!m_url.isValid()) {
+        m_invalidText = text;
+    }
+}
 
-QString Url::toString(QUrl::FormattingOptions options) const { return m_url.toString(options); }
+QString Url::toString(QUrl::FormattingOptions options) const
+{
+    if (m_invalidText.isEmpty()) {
+        return m_url.toString(options);
+    }
+    return options.testFlag(QUrl::RemovePassword) ? withoutUserInfo(m_invalidText) : m_invalidText;
+}
 
 std::string Url::toStdString(QUrl::FormattingOptions options) const
 {

@@ -21,7 +21,8 @@ public:
     explicit Url(const QString& text);
 
     /// The text of the URL, by default fully encoded (%-escapes, host name in ASCII) and complete, with the
-    /// password if it holds one. Empty for an invalid URL.
+    /// password if it holds one. An invalid URL gives the text it was made from, as it stands, so that who
+    /// gets to use it can refuse it: an empty text would read as "the default".
     [[nodiscard]] QString toString(QUrl::FormattingOptions options = QUrl::FullyEncoded) const;
 
     /// The same as UTF-8.
@@ -45,6 +46,9 @@ public:
 
 private:
     QUrl m_url;
+
+    /// Set when it is no URL; Qt keeps nothing of it.
+    QString m_invalidText;
 };
 
 } // namespace tavo::utils

@@ -134,12 +134,16 @@ TEST(SessionTest, saysThatNobodyListens)
 
 TEST(SessionTest, refusesAUrlThatTheClientLibraryCannotRead)
 {
-    try {
-        const Session session(urlOf("http://127.0.0.1"), false, false);
-        FAIL() << "nothing thrown";
-    } catch (const BaseError& error) {
-        EXPECT_EQ(error.ldapCode, -9);
-        EXPECT_EQ(error.context, "init"_s);
+    // None of them may be mistaken for an empty one, which means "the server that the host is configured
+    // for".
+    for (const char* const url : {"http://127.0.0.1", "ldap://ho st", "ldap://127.0.0.1:port", "127.0.0.1"}) {
+        try {
+            const Session session(urlOf(url), false, false);
+            FAIL() << url;
+        } catch (const BaseError& error) {
+            EXPECT_EQ(error.ldapCode, -9) << url;
+            EXPECT_EQ(error.context, "init"_s) << url;
+        }
     }
 }
 

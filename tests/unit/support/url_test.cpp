@@ -61,8 +61,14 @@ TEST(Url, RejectsTextThatIsNoUrl)
         const Url bad = url(text);
         EXPECT_FALSE(bad.isValid()) << text;
         EXPECT_FALSE(bad.errorString().isEmpty()) << text;
-        EXPECT_EQ(bad.toStdString(), "") << text;
+        EXPECT_EQ(bad.toStdString(), text);
     }
+}
+
+TEST(Url, HidesWhatMayBeAPasswordAlsoWhenItIsNoUrl)
+{
+    EXPECT_EQ(url("ldap://admin:secret@ho st").toString(QUrl::RemovePassword), QStringLiteral("ho st"));
+    EXPECT_EQ(url("ldap://ho st").toString(QUrl::RemovePassword), QStringLiteral("ldap://ho st"));
 }
 
 TEST(Url, WrapsAQtUrl)
