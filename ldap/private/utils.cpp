@@ -17,6 +17,16 @@ LDAPControl* findPageControl(const ControlsPtr& controls)
     return ldap_control_find(LDAP_CONTROL_PAGEDRESULTS, controls.get(), nullptr);
 }
 
+int parsePageControl(LDAP* ld, LDAPControl* control, berval& cookie)
+{
+    // Without a value, or with an empty one, both of which any server may send, the client library brings the
+    // whole process down.
+    if (control->ldctl_value.bv_val == nullptr || control->ldctl_value.bv_len == 0) {
+        return LDAP_DECODING_ERROR;
+    }
+    return ldap_parse_pageresponse_control(ld, control, nullptr, &cookie);
+}
+
 } // namespace
 
 LdapSearchEntryAccessor::LdapSearchEntryAccessor(LDAP* ld, LDAPMessage* entry)
@@ -155,9 +165,7 @@ bool hasLivePageCookie(LDAP* ld, const ControlsPtr& controls)
     LDAPControl* control = findPageControl(controls);
     berval cookie{0, nullptr};
     const utils::ScopeGuard freeCookie([&] { ber_memfree(cookie.bv_val); });
-    return control != nullptr &&
-           ldap_parse_pageresponse_control(ld, control, nullptr, &cookie) == LDAP_SUCCESS &&
-           cookie.bv_len != 0;
+    return control != nullptr && parsePageControl(ld, control, cookie) == LDAP_SUCCESS && cookie.bv_len != 0;
 }
 
 void Cookie::update(const ControlsPtr& controls)
@@ -169,7 +177,7 @@ void Cookie::update(const ControlsPtr& controls)
         TAVO_LOG_DEBUG(log::tag(*this), u"Page control not found");
         return;
     }
-    const int rc = ldap_parse_pageresponse_control(m_ldap, control, nullptr, &m_cookie);
+    const int rc = parsePageControl(m_ldap, control, m_cookie);
     if (rc != LDAP_SUCCESS) {
         release();
         throw BaseError(rc, QStringLiteral("ldap_parse_pageresponse_control"), 0);
