@@ -1,0 +1,169 @@
+#include "search_test.h"
+
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace tavo::test {
+
+namespace {
+
+using ldap::Result;
+using ::testing::ElementsAre;
+using ::testing::SizeIs;
+
+/// What a server answers to a search before, or in place of, a proper end.
+struct BrokenAnswer
+{
+    const char* name;
+    Steps steps;
+};
+
+class BrokenAnswers : public SearchTest, public ::testing::WithParamInterface<BrokenAnswer>
+{};
+
+TEST_P(BrokenAnswers, EndAPagedSearchWithAConnectError)
+{
+    server.expectSearch().answer(GetParam().steps);
+
+    EXPECT_EQ(resultOf(session), Result::connectError);
+}
+
+TEST_P(BrokenAnswers, EndALaterPageWithAConnectErrorAfterThePagesBefore)
+{
+    server.expectSearch().answer(entries(1, 2), done().page("more"));
+    server.expectSearch().answer(GetParam().steps);
+
+    const auto calls = fetch(2);
+
+    EXPECT_THAT(resultsOf(calls), ElementsAre(Result::moreResults, Result::connectError));
+    EXPECT_THAT(calls.at(1).entries, SizeIs(0));
+}
+
+TEST_P(BrokenAnswers, MakeASearchWithoutPagingThrow)
+{
+    server.expectSearch().answer(GetParam().steps);
+
+    EXPECT_THROW(session.simpleSearch(below("dc=x")), ldap::BaseError);
+}
+
+TEST_P(BrokenAnswers, MakeABindThrow)
+{
+    server.expectBind().answer(GetParam().steps);
+
+    EXPECT_THROW(session.bind(QStringLiteral("cn=a"), QStringLiteral("b")), ldap::BaseError);
+}
+
+TEST_P(BrokenAnswers, LeaveTheVendorUnknown)
+{
+    server.expectSearch().answer(GetParam().steps);
+
+    EXPECT_EQ(utf8(session.detectLdapVendor().loginAttribute), "uid");
+}
+
+INSTANTIATE_TEST_SUITE_P(Wire, BrokenAnswers,
+    ::testing::Values(BrokenAnswer{"NothingThenClose", closeConnection()},
+        BrokenAnswer{"NothingThenHalfClose", halfClose()},
+        BrokenAnswer{"NothingThenReset", resetConnection()},
+        BrokenAnswer{"EntryThenClose", {entry("cn=a"), closeConnection()}},
+        BrokenAnswer{"EntryThenReset", {entry("cn=a"), resetConnection()}},
+        BrokenAnswer{
+            "NoticeOfDisconnectionThenClose", {noticeOfDisconnection(52, "going down"), closeConnection()}},
+        BrokenAnswer{"OtherProtocolThenClose", {raw("HTTP/1.1 400 Bad Request\r\n\r\n"), closeConnection()}},
+        BrokenAnswer{"LengthOfQuarterOfAGigabyteThenClose",
+            {raw(Bytes("\x30\x84\x10\x00\x00\x00", 6)), closeConnection()}},
+        BrokenAnswer{"LengthOfNineBytesThenClose",
+            {raw(Bytes("\x30\x89\x01\x02\x03\x04\x05\x06\x07\x08\x09", 11)), closeConnection()}},
+        BrokenAnswer{"IndefiniteLengthThenClose", {raw(Bytes("\x30\x80\x02\x01\x01", 5)), closeConnection()}},
+        BrokenAnswer{"EmptyMessageThenClose", {raw(Bytes("\x30\x00", 2)), closeConnection()}}),
+    [](const auto& tested) { return std::string(tested.param.name); });
+
+TEST(BrokenOffAnswer, IsAConnectErrorWhereverItBreaksOff)
+{
+    const auto whole = done().diagnostic("all is well").page("");
+    const std::size_t length = whole.encode(Request()).size();
+    for (std::size_t cut = 1; cut < length; ++cut) {
+        ScriptedServer server;
+        server.expectSearch().answer(truncated(cut, whole), closeConnection());
+        ldap::Session session(utils::Url(QString::fromStdString(server.url())), false, false);
+
+        EXPECT_EQ(std::get<Result>(session.search(below("dc=x"), 2)), Result::connectError) << cut;
+    }
+}
+
+using StrangeAnswers = SearchTest;
+
+TEST_F(StrangeAnswers, AreIgnoredWhenTheyAnswerNoRequest)
+{
+    server.expectSearch().answer(
+        entry("cn=stranger").messageId(4711), entries(1, 2), done(32).messageId(4712), done().page(""));
+
+    const auto calls = fetch(2);
+
+    EXPECT_THAT(resultsOf(calls), ElementsAre(Result::ok));
+    EXPECT_THAT(dnsOf(calls.at(0).entries), ElementsAre("cn=1", "cn=2"));
+}
+
+TEST_F(StrangeAnswers, AreIgnoredWhenTheyComeAfterTheEnd)
+{
+    const Gate sent;
+    server.expectSearch().answer(entries(1, 1), done(), entry("cn=late"), done(), opens(sent));
+    server.expectSearch().answer(entries(2, 1), done());
+
+    EXPECT_THAT(dnsOf(fetch(2).at(0).entries), ElementsAre("cn=1"));
+    sent.wait("the late answers");
+    EXPECT_THAT(dnsOf(fetch(2).at(0).entries), ElementsAre("cn=2"));
+}
+
+TEST_F(StrangeAnswers, OfAnotherSearchGoToThatSearch)
+{
+    const Gate goOn;
+    server.expectSearch().base("dc=slow").answer(waitFor(goOn), entry("cn=slow"), done());
+    server.expectSearch().base("dc=fast").answer(opens(goOn), entry("cn=fast"), done());
+    HandlerCalls slow;
+    ldap::Session other(urlOf(server), false, false);
+    session.asyncSearch(below("dc=slow"), slow.handler(), 2);
+    server.waitForRequests(1);
+
+    HandlerCalls fast;
+    other.asyncSearch(below("dc=fast"), fast.handler(), 2);
+
+    EXPECT_THAT(dnsOf(fast.waitForEnd().at(0).entries), ElementsAre("cn=fast"));
+    EXPECT_THAT(dnsOf(slow.waitForEnd().at(0).entries), ElementsAre("cn=slow"));
+}
+
+TEST_F(StrangeAnswers, LeaveNothingForASearchOnTheSameSessionAfterTheServerIsGone)
+{
+    server.expectSearch().answer(closeConnection());
+    EXPECT_EQ(resultOf(session), Result::connectError);
+
+    EXPECT_EQ(resultOf(session), Result::connectError);
+    EXPECT_EQ(server.requests().size(), 1U);
+}
+
+class EmptyAnswers : public SearchTest, public ::testing::WithParamInterface<Answer>
+{};
+
+TEST_P(EmptyAnswers, EndTheSearchWithAConnectError)
+{
+    server.expectSearch().answer(entry("cn=a"), rawOperation(GetParam(), ""), done());
+
+    EXPECT_EQ(resultOf(session), Result::connectError);
+}
+
+INSTANTIATE_TEST_SUITE_P(Wire, EmptyAnswers,
+    ::testing::Values(Answer::searchEntry, Answer::searchReference, Answer::intermediateResponse,
+        Answer::searchDone, Answer::bindResponse, Answer::extendedResponse));
+
+TEST_F(StrangeAnswers, CannotBeGivenByAServerThatRefusesTheConnection)
+{
+    server.stopListening();
+
+    EXPECT_EQ(resultOf(session), Result::connectError);
+}
+
+} // namespace
+
+} // namespace tavo::test

@@ -1,0 +1,352 @@
+#include "search_test.h"
+
+#include "support/log_capture.h"
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace tavo::test {
+
+namespace {
+
+using ldap::Result;
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+using ::testing::SizeIs;
+
+constexpr unsigned kSequence = 0x30;
+
+class PagedSearch : public SearchTest
+{};
+
+TEST_F(PagedSearch, SendsTheSameRequestForEveryPageButForTheCookie)
+{
+    for (const char* cookie : {"", "one", "two"}) {
+        server.expectSearch()
+            .base("ou=people,dc=x")
+            .scope(1)
+            .deref(0)
+            .sizeLimit(0)
+            .timeLimit(30)
+            .typesOnly(false)
+            .filter("(cn=*)")
+            .attributes({"cn", "mail"})
+            .paged(2, cookie)
+            .answer(entries(1, 2), done().page(*cookie ? Bytes(cookie) == "one" ? "two" : "" : "one"));
+    }
+
+    const auto outcome = session.search({QStringLiteral("ou=people,dc=x"), QStringLiteral("(cn=*)"),
+                                            {"cn", "mail"}, ldap::SearchScope::oneLevel},
+        2);
+
+    EXPECT_THAT(std::get<std::vector<ldap::SearchEntry>>(outcome), SizeIs(6));
+}
+
+TEST_F(PagedSearch, SendsAnEmptyFilterAndNoAttributesAsThePresenceOfAClassAndAllAttributes)
+{
+    server.expectSearch().filter("(objectclass=*)").attributes({}).answer(done());
+
+    EXPECT_EQ(resultsOf(fetch(2)), std::vector{Result::ok});
+}
+
+TEST_F(PagedSearch, DeliversThePagesInOrderAndTheLastOneAsTheEnd)
+{
+    server.expectSearch().paged(2, "").answer(entries(1, 2), done().page("a"));
+    server.expectSearch().paged(2, "a").answer(entries(3, 2), done().page("b"));
+    server.expectSearch().paged(2, "b").answer(entries(5, 1), done().page(""));
+
+    const auto calls = fetch(2);
+
+    EXPECT_THAT(resultsOf(calls), ElementsAre(Result::moreResults, Result::moreResults, Result::ok));
+    EXPECT_THAT(dnsOf(calls.at(0).entries), ElementsAre("cn=1", "cn=2"));
+    EXPECT_THAT(dnsOf(calls.at(1).entries), ElementsAre("cn=3", "cn=4"));
+    EXPECT_THAT(dnsOf(calls.at(2).entries), ElementsAre("cn=5"));
+}
+
+TEST_F(PagedSearch, TakesTheCookieOfTheFirstOfSeveralPageControls)
+{
+    server.expectSearch().answer(entries(1, 2), done().page("first").page("second"));
+    server.expectSearch().paged(2, "first").answer(done());
+
+    EXPECT_THAT(resultsOf(fetch(2)), ElementsAre(Result::moreResults, Result::ok));
+}
+
+TEST_F(PagedSearch, FindsThePageControlAmongOthers)
+{
+    server.expectSearch().answer(entries(1, 2),
+        done().control({"1.2.3", true, "x"}).page("mine").control({"1.2.4", false, std::nullopt}));
+    server.expectSearch().paged(2, "mine").answer(done());
+
+    EXPECT_THAT(resultsOf(fetch(2)), ElementsAre(Result::moreResults, Result::ok));
+}
+
+class MalformedPageControl : public SearchTest, public ::testing::WithParamInterface<std::optional<Bytes>>
+{};
+
+TEST_P(MalformedPageControl, EndsAFullPageWithAnErrorAndWithoutEntries)
+{
+    server.expectSearch().answer(entries(1, 2), done().control({kPagedResultsOid, false, GetParam()}));
+
+    const auto calls = fetch(2);
+
+    EXPECT_THAT(resultsOf(calls), ElementsAre(Result::connectError));
+    EXPECT_THAT(calls.at(0).entries, IsEmpty());
+}
+
+TEST_P(MalformedPageControl, DoesNotMatterAfterAShortPage)
+{
+    server.expectSearch().answer(entries(1, 1), done().control({kPagedResultsOid, false, GetParam()}));
+
+    const auto calls = fetch(2);
+
+    EXPECT_THAT(resultsOf(calls), ElementsAre(Result::ok));
+    EXPECT_THAT(dnsOf(calls.at(0).entries), ElementsAre("cn=1"));
+}
+
+INSTANTIATE_TEST_SUITE_P(PagedSearch, MalformedPageControl,
+    ::testing::Values(std::nullopt, Bytes(), Bytes("no BER at all"), Bytes("\x30"),
+        Bytes("\x30\x05\x02\x01", 4), tlv(kSequence, ""), tlv(kSequence, berNumber(0)),
+        Bytes("\x30\x84\xff\xff\xff\xff", 6)));
+
+class PageCookie : public SearchTest, public ::testing::WithParamInterface<Bytes>
+{};
+
+TEST_P(PageCookie, ComesBackUnchanged)
+{
+    server.expectSearch().paged(2, "").answer(entries(1, 2), done().page(GetParam()));
+    server.expectSearch().paged(2, GetParam()).answer(done());
+
+    EXPECT_THAT(resultsOf(fetch(2)), ElementsAre(Result::moreResults, Result::ok));
+}
+
+INSTANTIATE_TEST_SUITE_P(PagedSearch, PageCookie,
+    ::testing::Values(Bytes("c"), Bytes("\0", 1), Bytes("\0a\0\0b\0", 6), Bytes("\xff\xfe\x80", 3),
+        Bytes(1024, 'k'), Bytes(1024, '\0'), Bytes(65536, 'K')),
+    [](const auto& tested) {
+        return std::to_string(tested.index) + "of" + std::to_string(tested.param.size()) + "bytes";
+    });
+
+TEST_F(PagedSearch, EndsAtAnExactPageWithAnEmptyCookie)
+{
+    server.expectSearch().answer(entries(1, 2), done().page(""));
+
+    const auto calls = fetch(2);
+
+    EXPECT_THAT(resultsOf(calls), ElementsAre(Result::ok));
+    EXPECT_THAT(calls.at(0).entries, SizeIs(2));
+}
+
+TEST_F(PagedSearch, GoesOnAfterAnExactPageWithALiveCookieToAnEmptyPage)
+{
+    server.expectSearch().paged(2, "").answer(entries(1, 2), done().page("more?"));
+    server.expectSearch().paged(2, "more?").answer(done().page(""));
+
+    const auto calls = fetch(2);
+
+    EXPECT_THAT(resultsOf(calls), ElementsAre(Result::moreResults, Result::ok));
+    EXPECT_THAT(calls.at(0).entries, SizeIs(2));
+    EXPECT_THAT(calls.at(1).entries, IsEmpty());
+}
+
+TEST_F(PagedSearch, EndsAtAShortPageEvenWithALiveCookieAndWarns)
+{
+    const LogCapture log;
+    server.expectSearch().answer(entries(1, 2), done().page("there is more"));
+
+    const auto calls = fetch(3);
+
+    EXPECT_THAT(resultsOf(calls), ElementsAre(Result::ok));
+    EXPECT_THAT(calls.at(0).entries, SizeIs(2));
+    EXPECT_EQ(server.requests().size(), 1U);
+    EXPECT_THAT(log.texts(log::Level::warning), ElementsAre(HasSubstr("Entries are missing")));
+}
+
+TEST_F(PagedSearch, EndsAtAFullPageWithoutPageControlAndWarns)
+{
+    const LogCapture log;
+    server.expectSearch().answer(entries(1, 2), done());
+
+    const auto calls = fetch(2);
+
+    EXPECT_THAT(resultsOf(calls), ElementsAre(Result::ok));
+    EXPECT_THAT(calls.at(0).entries, SizeIs(2));
+    EXPECT_THAT(log.texts(log::Level::warning), ElementsAre(HasSubstr("Entries may be missing")));
+}
+
+TEST_F(PagedSearch, DeliversAllThatAServerSendsThatIgnoresThePageSize)
+{
+    const LogCapture log;
+    server.expectSearch().paged(2, "").answer(entries(1, 7), done().page("more"));
+    server.expectSearch().paged(2, "more").answer(entries(8, 5), done().page(""));
+
+    const auto calls = fetch(2);
+
+    EXPECT_THAT(resultsOf(calls), ElementsAre(Result::moreResults, Result::ok));
+    EXPECT_THAT(calls.at(0).entries, SizeIs(7));
+    EXPECT_THAT(calls.at(1).entries, SizeIs(5));
+    EXPECT_THAT(log.texts(log::Level::warning), IsEmpty());
+}
+
+TEST_F(PagedSearch, GoesOnWithAnEndlessCookieUntilItsHandlerStopsIt)
+{
+    constexpr std::size_t kPages = 50;
+    server.otherwise([](const Request&) -> Steps { return {entries(1, 2), done().page("for ever")}; });
+    HandlerCalls calls;
+    std::atomic<ldap::SearchContext*> context = nullptr;
+    const Gate started;
+    context = session.asyncSearch(
+        below("dc=x"),
+        [&](Result result, std::vector<ldap::SearchEntry> page) {
+            calls.add(result, std::move(page));
+            started.wait("the start to return");
+            if (calls.count() == kPages)
+                context.load()->stopAsyncSearch();
+        },
+        2);
+    started.open();
+
+    const auto all = calls.waitForEnd();
+
+    ASSERT_THAT(all, SizeIs(kPages + 1));
+    EXPECT_EQ(all.back().result, Result::cancelled);
+    EXPECT_THAT(all.back().entries, IsEmpty());
+    // The page after the stop is not even asked for: the next request comes from another search.
+    EXPECT_EQ(resultsOf(fetch(100)), std::vector{Result::ok});
+    EXPECT_THAT(server.requests(), SizeIs(kPages + 1));
+}
+
+TEST_F(PagedSearch, IsStoppedByAnotherThreadWhileTheServerIsSilent)
+{
+    const Gate goOn;
+    server.expectSearch().answer(entries(1, 2), done().page("more"));
+    server.expectSearch().answer(waitFor(goOn), entries(3, 2), done().page("more"));
+    HandlerCalls calls;
+    ldap::SearchContext* context = session.asyncSearch(below("dc=x"), calls.handler(), 2);
+    server.waitForRequests(2);
+
+    context->stopAsyncSearch();
+
+    EXPECT_THAT(resultsOf(calls.waitForEnd()), ElementsAre(Result::moreResults, Result::cancelled));
+    goOn.open();
+}
+
+TEST_F(PagedSearch, CallsNobodyOnceItIsForgotten)
+{
+    const Gate goOn;
+    const Gate answered;
+    server.expectSearch().answer(waitFor(goOn), entries(1, 2), done().page(""), opens(answered));
+    HandlerCalls calls;
+    ldap::SearchContext* context = session.asyncSearch(below("dc=x"), calls.handler(), 2);
+    server.waitForRequests(1);
+    session.stopAsyncSearch(context);
+    goOn.open();
+    answered.wait("the answer");
+
+    // On the same connection, this search's answer comes after the forgotten one's.
+    server.expectSearch().answer(done());
+    EXPECT_EQ(resultsOf(fetch(2)), std::vector{Result::ok});
+    EXPECT_EQ(calls.count(), 0U);
+}
+
+TEST_F(PagedSearch, LeavesAnUnreadableEntryOutWhichMayMakeThePageShort)
+{
+    const auto unreadable = rawOperation(Answer::searchEntry, "no BER");
+    server.expectSearch().answer(entries(1, 1), unreadable, entries(2, 1), done().page("there is more"));
+
+    const auto calls = fetch(3);
+
+    EXPECT_THAT(resultsOf(calls), ElementsAre(Result::ok));
+    EXPECT_THAT(dnsOf(calls.at(0).entries), ElementsAre("cn=1", "cn=2"));
+    EXPECT_EQ(server.requests().size(), 1U);
+}
+
+TEST_F(PagedSearch, GoesOnWhenThePageIsFullWithoutItsUnreadableEntry)
+{
+    const auto unreadable = rawOperation(Answer::searchEntry, "no BER");
+    server.expectSearch().answer(entries(1, 1), unreadable, entries(2, 1), done().page("more"));
+    server.expectSearch().paged(2, "more").answer(done());
+
+    EXPECT_THAT(resultsOf(fetch(2)), ElementsAre(Result::moreResults, Result::ok));
+}
+
+TEST_F(PagedSearch, ReturnsOnlyTheErrorWhenALaterPageFails)
+{
+    server.expectSearch().answer(entries(1, 2), done().page("more"));
+    server.expectSearch().answer(entries(3, 1), done(4).diagnostic("enough"));
+
+    const auto outcome = session.search(below("dc=x"), 2);
+
+    EXPECT_EQ(std::get<Result>(outcome), Result::sizeLimitExceeded);
+}
+
+TEST_F(PagedSearch, HandsOverNoEntriesWithAnError)
+{
+    server.expectSearch().answer(entries(1, 2), done().page("more"));
+    server.expectSearch().answer(entries(3, 2), done(50).page("more"));
+
+    const auto calls = fetch(2);
+
+    EXPECT_THAT(resultsOf(calls), ElementsAre(Result::moreResults, Result::connectError));
+    EXPECT_THAT(calls.at(1).entries, IsEmpty());
+}
+
+TEST_F(PagedSearch, DoesNotCareHowAnAnswerIsCutIntoPackets)
+{
+    const Gate goOn;
+    const Steps page{entries(1, 2), done().page("more")};
+    server.expectSearch().answer(inSegments(40, page));
+    server.expectSearch().answer(together(page));
+    server.expectSearch().answer(splitAt(1, goOn, page));
+    server.expectSearch().answer(done());
+    HandlerCalls calls;
+    session.asyncSearch(below("dc=x"), calls.handler(), 2);
+    calls.waitForCalls(2);
+    server.waitForRequests(3);
+    goOn.open();
+
+    const auto all = calls.waitForEnd();
+
+    EXPECT_THAT(resultsOf(all),
+        ElementsAre(Result::moreResults, Result::moreResults, Result::moreResults, Result::ok));
+    EXPECT_THAT(dnsOf(all.at(0).entries), ElementsAre("cn=1", "cn=2"));
+    EXPECT_THAT(dnsOf(all.at(2).entries), ElementsAre("cn=1", "cn=2"));
+}
+
+TEST_F(PagedSearch, SeesEveryResultCodeThroughTheSameTable)
+{
+    std::vector<int> codes{124, 128, 255, 256, 4096, 16654, 65535, 2147483647};
+    for (int code = 0; code <= 123; ++code)
+        codes.push_back(code);
+    server.otherwise([](const Request& request) -> Steps {
+        return done(std::stoi(request.as<SearchRequest>().base.substr(3)));
+    });
+
+    for (const int code : codes) {
+        const auto outcome = session.search(below("dc=" + std::to_string(code)), 10);
+        const bool ended = std::holds_alternative<Result>(outcome);
+        EXPECT_EQ(ended ? std::get<Result>(outcome) : Result::ok, ldap::translateErrorCode(code)) << code;
+    }
+}
+
+TEST_F(PagedSearch, TellsTheCodesApartThatACallerActsOn)
+{
+    const std::vector<std::pair<int, Result>> expected{{4, Result::sizeLimitExceeded},
+        {32, Result::noSuchObject}, {49, Result::invalidCredentials}, {3, Result::connectError},
+        {10, Result::connectError}, {12, Result::connectError}, {50, Result::connectError},
+        {53, Result::connectError}};
+    for (const auto& [code, result] : expected) {
+        server.expectSearch().answer(done(code));
+        EXPECT_EQ(resultOf(session), result) << code;
+    }
+}
+
+} // namespace
+
+} // namespace tavo::test
