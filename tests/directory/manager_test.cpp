@@ -147,6 +147,17 @@ TEST(ManagerCreationTest, logsTheSettingsWithoutThePassword)
     EXPECT_FALSE(log.contains(slapd.rootPassword() + "\""));
 }
 
+TEST(ManagerCreationTest, masksAnEmptyPasswordLikeAnyOther)
+{
+    const Slapd slapd;
+    Settings settings = settingsFor(slapd);
+    settings.adminDn.clear();
+    settings.adminPassword.clear();
+    const test::LogCapture log;
+    createManagerOrThrow(settings);
+    EXPECT_TRUE(log.contains(R"("adminPassword":"******")"));
+}
+
 TEST(ManagerCreationTest, showsThePasswordOnlyWhenThatIsAllowed)
 {
     const Slapd slapd;
@@ -191,7 +202,18 @@ TEST_F(FetchTest, fetchesEveryUserWithALogin)
     EXPECT_THAT(users.records(), SizeIs(static_cast<std::size_t>(m_sample.peopleWithLogin)));
     EXPECT_THAT(users.records(), Each(::testing::Field(&User::login, Not(QString()))));
     EXPECT_GT(users.all().size(), 10U);
-    EXPECT_TRUE(log.contains("Ignoring entry with empty login: "));
+    const auto count = [&](const std::string& start) {
+        const auto texts = log.texts();
+        return std::count_if(
+            texts.begin(), texts.end(), [&](const std::string& text) { return text.rfind(start, 0) == 0; });
+    };
+    EXPECT_EQ(count("Ignoring entry with empty login: cn="), m_sample.people - m_sample.peopleWithLogin);
+    std::size_t found = 0;
+    for (const auto& delivery : users.all()) {
+        EXPECT_TRUE(log.contains("Found " + std::to_string(delivery.records.size()) + " users"));
+        found += delivery.records.size();
+    }
+    EXPECT_EQ(found, static_cast<std::size_t>(m_sample.peopleWithLogin));
 }
 
 TEST_F(FetchTest, narrowsTheUsersByTheCallersFilter)

@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdlib>
 
 namespace tavo::ldap {
@@ -130,6 +131,23 @@ TEST(SessionTest, saysThatNobodyListens)
         EXPECT_EQ(error.context, "bind"_s);
         EXPECT_NE(error.systemError, 0);
     }
+}
+
+TEST(SessionTest, survivesWritingToAConnectionThatTheServerHasClosed)
+{
+    // The default, with which a signal would end this process, and the test with it.
+    std::signal(SIGPIPE, SIG_DFL);
+    Slapd slapd;
+    auto session = std::make_unique<Session>(urlOf(slapd.url()), false, false);
+    bindAsAdmin(*session, slapd);
+    slapd.restart();
+    const SearchParams anything{qt(slapd.suffix()), QString(), {}, SearchScope::subtree};
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        EXPECT_THROW(session->simpleSearch(anything), BaseError);
+        EXPECT_EQ(std::get<Result>(session->search(anything, 10)), Result::connectError);
+        EXPECT_THROW(session->whoAmI(), BaseError);
+    }
+    session.reset();
 }
 
 TEST(SessionTest, refusesAUrlThatTheClientLibraryCannotRead)
