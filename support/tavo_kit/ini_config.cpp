@@ -98,7 +98,7 @@ private:
     QString find() const
     {
         for (const QString& folder : folders()) {
-            const QString path = QDir(folder).filePath(m_fileName);
+            QString path = QDir(folder).filePath(m_fileName);
             if (QFileInfo::exists(path))
                 return path;
         }
@@ -120,7 +120,7 @@ private:
     // A relative path would mean the working directory, where a stranger may have put a file.
     QString folderFrom(const char* variable) const
     {
-        const QString value = QFile::decodeName(qgetenv(variable));
+        QString value = QFile::decodeName(qgetenv(variable));
         if (QDir::isAbsolutePath(value))
             return value;
         if (qEnvironmentVariableIsSet(variable))

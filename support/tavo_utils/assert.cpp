@@ -19,7 +19,7 @@ struct CurrentHandler
 // reachable.
 CurrentHandler& current()
 {
-    static CurrentHandler* const instance = new CurrentHandler;
+    static auto* const instance = new CurrentHandler;
     return *instance;
 }
 

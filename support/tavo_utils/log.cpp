@@ -43,7 +43,7 @@ struct State
 // By design: never destroyed, since threads may log while the process exits; the pointer keeps it reachable.
 State& state()
 {
-    static State* const instance = new State;
+    static auto* const instance = new State;
     return *instance;
 }
 
