@@ -376,9 +376,10 @@ TEST(CallRecorder, ShowsACallThatHasNotReturned)
     EXPECT_EQ(recorder.only("nanosleep").time("req"), (RecordedCall::Time{3600, 7}));
     EXPECT_FALSE(recorder.only("nanosleep").result.has_value());
     gate.open();
+    recorder.waitForReturns("nanosleep", 1);
 
-    EXPECT_EQ(sleeping.get(), 0);
     EXPECT_EQ(recorder.only("nanosleep").result, 0);
+    EXPECT_EQ(sleeping.get(), 0);
 }
 
 TEST(CallRecorder, ShowsWhatWasInACopyWhenItWasFreed)

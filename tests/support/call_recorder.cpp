@@ -297,9 +297,10 @@ private:
 struct CallRecorder::State
 {
     mutable std::mutex mutex;
-    mutable std::condition_variable began;
+    mutable std::condition_variable changed;
     std::vector<RecordedCall> calls;
     std::map<std::string, int> counts;
+    std::map<std::string, int> returns;
     std::map<AnyFunction, std::shared_ptr<void>> plans;
     std::map<const LDAP*, int> handles;
     int lastHandle = 0;
@@ -487,7 +488,7 @@ private:
         choose(number);
         m_index = m_state->calls.size();
         m_state->calls.push_back(m_call);
-        m_state->began.notify_all();
+        m_state->changed.notify_all();
         return !m_isFreeing || m_state->ledger.free(m_freed, m_call.function);
     }
 
@@ -527,6 +528,8 @@ private:
         const std::lock_guard lock(m_state->mutex);
         m_state->calls[m_index].result = returned.number;
         m_state->calls[m_index].error = m_errno.value;
+        ++m_state->returns[m_call.function];
+        m_state->changed.notify_all();
         Results results(*m_state, m_index, returned);
         if (m_receive && !m_instead)
             m_receive(results);
@@ -666,13 +669,23 @@ std::vector<std::string> CallRecorder::names() const
 
 void CallRecorder::waitForCalls(const std::string& function, std::size_t count) const
 {
+    waitFor(m_state->counts, function, count);
+}
+
+void CallRecorder::waitForReturns(const std::string& function, std::size_t count) const
+{
+    waitFor(m_state->returns, function, count);
+}
+
+void CallRecorder::waitFor(
+    const std::map<std::string, int>& counts, const std::string& function, std::size_t count) const
+{
     std::unique_lock lock(m_state->mutex);
     const auto enough = [&] {
-        const auto found = m_state->counts.find(function);
-        return count == 0 ||
-               (found != m_state->counts.end() && static_cast<std::size_t>(found->second) >= count);
+        const auto found = counts.find(function);
+        return count == 0 || (found != counts.end() && static_cast<std::size_t>(found->second) >= count);
     };
-    if (!m_state->began.wait_for(lock, kDeadline, enough))
+    if (!m_state->changed.wait_for(lock, kDeadline, enough))
         throw std::runtime_error("waited in vain for " + std::to_string(count) + " calls of " + function);
 }
 

@@ -147,6 +147,8 @@ public:
 
     /// Blocks until so many calls of this function have begun; throws when `kDeadline` passes.
     void waitForCalls(const std::string& function, std::size_t count) const;
+    /// Blocks until so many have returned.
+    void waitForReturns(const std::string& function, std::size_t count) const;
 
     /// The iterator of ldap_first_attribute, which is no leak to whoever keeps it on purpose, may stay
     /// unfreed.
@@ -176,6 +178,8 @@ private:
 
     static AnyFunction realFunction(AnyFunction function);
     std::mutex& mutex() const;
+    void waitFor(
+        const std::map<std::string, int>& counts, const std::string& function, std::size_t count) const;
     std::shared_ptr<void>& planSlot(AnyFunction function);
 
     template <class R, class... A>
