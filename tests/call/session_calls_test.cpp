@@ -1,0 +1,620 @@
+#include "call_test.h"
+
+#include "support/assertion_capture.h"
+#include "support/log_capture.h"
+#include "support/temporary_directory.h"
+
+#include <ldap/private/client_library.h>
+#include <ldap/private/utils.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <new>
+
+#include <gmock/gmock.h>
+#include <openssl/err.h>
+
+namespace tavo::test {
+
+namespace {
+
+using ldap::BaseError;
+using ldap::InvalidCredentialsError;
+using ldap::Session;
+using ldap::TlsError;
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+constexpr int kCertificateVerifyFailed = 134;
+
+/// Has the call fail, as a failing handshake does, with an entry in OpenSSL's queue.
+template <class... A>
+void failWithQueue(CallRecorder& recorder, int (*function)(A...), int code, int library)
+{
+    recorder.replace(function, [=](A...) {
+        ERR_raise(library, kCertificateVerifyFailed);
+        errno = EPROTO;
+        return code;
+    });
+}
+
+std::string setOption(int option, const std::string& value)
+{
+    return "ldap_set_option(invalue=" + value + ", ld=handle 1, option=" + std::to_string(option) + ") = 0";
+}
+
+/// Has the host's configuration name these authorities.
+void configureAuthorities(CallRecorder& recorder, const std::string& file, const std::string& directory)
+{
+    recorder.replace(ldap_get_option, [=](LDAP* ld, int option, void* value) {
+        if (ld != nullptr || option == LDAP_OPT_DEBUG_LEVEL)
+            return CallRecorder::real(ldap_get_option)(ld, option, value);
+        const std::string& path = option == LDAP_OPT_X_TLS_CACERTFILE ? file : directory;
+        *static_cast<char**>(value) = path.empty() ? nullptr : CallRecorder::real(ber_strdup)(path.c_str());
+        return LDAP_OPT_SUCCESS;
+    });
+}
+
+TEST(SessionCreation, LogsItsUrl)
+{
+    const LogCapture log;
+    const Session session(plainUrl(), false, false);
+
+    EXPECT_THAT(log.texts(log::Level::debug), ElementsAre("Creating for ldap://127.0.0.1:1"));
+}
+
+TEST(SessionCreation, ClearsTheErrorQueueBeforeItAsksForAHandle)
+{
+    CallRecorder recorder;
+    {
+        const Session session(plainUrl(), false, false);
+    }
+
+    EXPECT_THAT(recorder.names(),
+        ElementsAre("ldap_is_ldaps_url", "ERR_clear_error", "ldap_initialize", "ldap_set_option",
+            "ldap_set_option", "ldap_set_option", "ldap_set_option", "ldap_destroy"));
+    EXPECT_EQ(recorder.only("ldap_initialize").text("uri"), "ldap://127.0.0.1:1");
+}
+
+TEST(SessionCreation, SetsFourOptionsOnItsOwnHandleAndNoOther)
+{
+    CallRecorder recorder;
+    const Session session(plainUrl(), false, false);
+
+    EXPECT_THAT(described(recorder.calls("ldap_set_option")),
+        ElementsAre(
+            setOption(0x11, "3"), setOption(0x08, "null"), setOption(0x6006, "1"), setOption(0x600f, "0")));
+}
+
+TEST(SessionCreation, DemandsNoCertificateOnlyWhenAskedToAndBeforeTheNewTlsContext)
+{
+    for (const auto& url : {plainUrl(), secureUrl()}) {
+        CallRecorder recorder;
+        {
+            const Session session(url, false, true);
+        }
+
+        EXPECT_THAT(described(recorder.calls("ldap_set_option")),
+            ElementsAre(setOption(0x11, "3"), setOption(0x08, "null"), setOption(0x6006, "0"),
+                setOption(0x600f, "0")));
+        EXPECT_EQ(recorder.count("ldap_get_option"), 0U);
+    }
+}
+
+TEST(SessionCreation, GivesAStrictTlsContextTheHostsAuthorities)
+{
+    const TemporaryDirectory directory;
+    const std::string file = directory.path() / "ca.pem";
+    std::ofstream(file) << "not read here";
+    CallRecorder recorder;
+    configureAuthorities(recorder, file, directory.path());
+    recorder.fail(ldap_set_option, LDAP_OPT_SUCCESS);
+    {
+        const Session session(secureUrl(), false, false);
+    }
+
+    EXPECT_THAT(described(recorder.calls("ldap_set_option")),
+        ElementsAre(setOption(0x11, "3"), setOption(0x08, "null"), setOption(0x6006, "1"),
+            setOption(0x6002, "\"" + file + "\""),
+            setOption(0x6003, "\"" + std::string(directory.path()) + "\""), setOption(0x600f, "0")));
+}
+
+TEST(SessionCreation, LeavesOutAuthoritiesThatCannotBeReadOrAreNotConfigured)
+{
+    CallRecorder recorder;
+    configureAuthorities(recorder, "/nowhere/ca.pem", "");
+    {
+        const Session session(secureUrl(), false, false);
+    }
+
+    EXPECT_THAT(recorder.calls("ldap_set_option"), SizeIs(4));
+}
+
+TEST(SessionCreation, UpgradesAPlainConnectionWhenAskedTo)
+{
+    CallRecorder recorder;
+    configureAuthorities(recorder, "", "");
+    recorder.fail(ldap_start_tls_s, LDAP_SUCCESS);
+    {
+        const Session session(plainUrl(), true, false);
+    }
+
+    EXPECT_EQ(recorder.count("ldap_set_option"), 4U);
+    EXPECT_EQ(describe(recorder.only("ldap_start_tls_s")),
+        "ldap_start_tls_s(clientctrls=null, ld=handle 1, serverctrls=null) = 0");
+}
+
+TEST(SessionCreation, GivesAnUpgradeTheHostsAuthoritiesInATlsContextOfTheirOwn)
+{
+    const TemporaryDirectory directory;
+    CallRecorder recorder;
+    configureAuthorities(recorder, "", directory.path());
+    recorder.fail(ldap_start_tls_s, LDAP_SUCCESS);
+    {
+        const Session session(plainUrl(), true, false);
+    }
+
+    EXPECT_THAT(namesAmong(recorder, {"ldap_set_option", "ldap_start_tls_s"}),
+        ElementsAre("ldap_set_option", "ldap_set_option", "ldap_set_option", "ldap_set_option",
+            "ldap_set_option", "ldap_set_option", "ldap_start_tls_s"));
+    EXPECT_EQ(recorder.calls("ldap_set_option").at(4).number("option"), LDAP_OPT_X_TLS_CACERTDIR);
+    EXPECT_EQ(recorder.calls("ldap_set_option").at(5).number("option"), LDAP_OPT_X_TLS_NEWCTX);
+}
+
+TEST(SessionCreation, NeverUpgradesWhatIsTlsFromTheFirstByte)
+{
+    CallRecorder recorder;
+    {
+        const Session session(secureUrl(), true, false);
+    }
+
+    EXPECT_EQ(recorder.count("ldap_start_tls_s"), 0U);
+}
+
+TEST(SessionCreation, ReportsAnUnusableUrlWithErrno)
+{
+    CallRecorder recorder;
+    recorder.fail(ldap_initialize, LDAP_PARAM_ERROR, {.error = EXDEV});
+
+    expectError(
+        thrownBy<BaseError>([] { Session(plainUrl(), false, false); }), LDAP_PARAM_ERROR, "init"_s, EXDEV);
+    EXPECT_EQ(recorder.count("ldap_set_option"), 0U);
+    EXPECT_EQ(recorder.count("ldap_destroy"), 0U);
+}
+
+TEST(SessionCreation, DestroysTheHandleThatAFailureLeftBehind)
+{
+    CallRecorder recorder;
+    recorder.leaveErrnoWhenFreeing(ENOTEMPTY);
+    recorder.replace(ldap_initialize, [](LDAP** ld, const char* uri) {
+        CallRecorder::real(ldap_initialize)(ld, uri);
+        errno = EXDEV;
+        return LDAP_NO_MEMORY;
+    });
+
+    expectError(
+        thrownBy<BaseError>([] { Session(plainUrl(), false, false); }), LDAP_NO_MEMORY, "init"_s, EXDEV);
+    EXPECT_EQ(recorder.only("ldap_destroy").handle(), 1);
+}
+
+TEST(SessionCreation, StopsAtTheFirstOptionThatFails)
+{
+    struct Row
+    {
+        int nth;
+        const char* context;
+        int systemError;
+    };
+    for (const Row& row : {Row{1, "", 0}, Row{2, "", 0}, Row{3, "set LDAP_OPT_X_TLS_REQUIRE_CERT", EXDEV},
+             Row{4, "set LDAP_OPT_X_TLS_NEWCTX", EXDEV}}) {
+        SCOPED_TRACE(row.nth);
+        CallRecorder recorder;
+        recorder.leaveErrnoWhenFreeing(ENOTEMPTY);
+        recorder.fail(ldap_set_option, LDAP_PARAM_ERROR, {.nth = row.nth, .error = EXDEV});
+
+        expectError(thrownBy<BaseError>([] { Session(plainUrl(), false, false); }), LDAP_PARAM_ERROR,
+            QString::fromUtf8(row.context), row.systemError);
+        EXPECT_EQ(recorder.count("ldap_set_option"), static_cast<std::size_t>(row.nth));
+        EXPECT_EQ(recorder.count("ldap_destroy"), 1U);
+    }
+}
+
+TEST(SessionCreation, ReportsAFailedUpgradeWithErrnoAndDestroysTheHandleOnce)
+{
+    CallRecorder recorder;
+    recorder.leaveErrnoWhenFreeing(ENOTEMPTY);
+    recorder.fail(ldap_start_tls_s, LDAP_CONNECT_ERROR, {.error = ECONNRESET});
+
+    expectError(thrownBy<BaseError>([] { Session(plainUrl(), true, false); }), LDAP_CONNECT_ERROR,
+        "startTls"_s, ECONNRESET);
+    EXPECT_EQ(recorder.count("ldap_destroy"), 1U);
+}
+
+TEST(SessionCreation, AsksForAHandleUnderTheProcessWideLock)
+{
+    const Session first(plainUrl(), false, false);
+    CallRecorder recorder;
+    const LockWatch locks;
+    std::vector<bool> held;
+    const auto look = [&] { held.push_back(LockWatch::isHeldHere(ldap::initMutex())); };
+    beforeEach(recorder, ldap_initialize, look);
+    beforeEach(recorder, ldap_set_option, look);
+    {
+        const Session session(plainUrl(), false, false);
+    }
+
+    EXPECT_THAT(held, ElementsAre(true, false, false, false, false));
+    EXPECT_EQ(LockWatch::countHeldHere(), 0U);
+}
+
+/// In a process of its own, which has had no session before.
+void makeFirstSession()
+{
+    CallRecorder recorder;
+    const LockWatch locks;
+    bool isHeld = true;
+    const auto look = [&] { isHeld = isHeld && LockWatch::isHeldHere(ldap::initMutex()); };
+    beforeEach(recorder, ldap_initialize, look);
+    beforeEach(recorder, ldap_set_option, look);
+    {
+        const Session session(plainUrl(), false, false);
+    }
+    std::_Exit(isHeld && recorder.count("ldap_set_option") == 4 ? 0 : 1);
+}
+
+TEST(SessionCreationDeathTest, SetsTheTlsLayerUpUnderTheProcessWideLockTheFirstTime)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+
+    EXPECT_EXIT(makeFirstSession(), ::testing::ExitedWithCode(0), "");
+}
+
+TEST(StartTls, ReportsASecondUpgradeAndCallsAllTheSame)
+{
+    CallRecorder recorder;
+    recorder.fail(ldap_start_tls_s, LDAP_SUCCESS);
+    const AssertionCapture assertions;
+    Session session(plainUrl(), false, false);
+
+    session.startTls();
+    EXPECT_THAT(assertions.failures(), IsEmpty());
+    session.startTls();
+
+    EXPECT_THAT(assertions.failures(),
+        ElementsAre(AssertionCapture::Failure{"ldap/session", 107, "!m_isSecure", ""}));
+    EXPECT_EQ(recorder.count("ldap_start_tls_s"), 2U);
+}
+
+TEST(StartTls, IsReportedOnAConnectionThatIsTlsFromTheFirstByte)
+{
+    CallRecorder recorder;
+    recorder.fail(ldap_start_tls_s, LDAP_SUCCESS);
+    const AssertionCapture assertions;
+    Session session(secureUrl(), false, false);
+
+    session.startTls();
+
+    EXPECT_THAT(assertions.failures(),
+        ElementsAre(AssertionCapture::Failure{"ldap/session", 107, "!m_isSecure", ""}));
+    EXPECT_EQ(recorder.count("ldap_start_tls_s"), 1U);
+}
+
+TEST(StartTls, LogsThatItUpgrades)
+{
+    CallRecorder recorder;
+    recorder.fail(ldap_start_tls_s, LDAP_SUCCESS);
+    const LogCapture log;
+    const Session session(plainUrl(), true, false);
+
+    EXPECT_THAT(log.texts(log::Level::verbose), ElementsAre("Upgrading to TLS"));
+}
+
+TEST(StartTls, LooksForATlsErrorAlreadyInTheFirstHandshake)
+{
+    CallRecorder recorder;
+    failWithQueue(recorder, ldap_start_tls_s, LDAP_CONNECT_ERROR, ERR_LIB_SSL);
+
+    const auto error = thrownBy<TlsError>([] { Session(plainUrl(), true, false); });
+
+    expectError(error, LDAP_CONNECT_ERROR, "TLS error with session"_s, EPROTO);
+    EXPECT_EQ(ERR_GET_LIB(error.sslError), ERR_LIB_SSL);
+    EXPECT_EQ(ERR_GET_REASON(error.sslError), kCertificateVerifyFailed);
+}
+
+TEST(StartTls, ConsumesTheErrorOfAnotherOpenSslLibraryAndKeepsTheContext)
+{
+    CallRecorder recorder;
+    failWithQueue(recorder, ldap_start_tls_s, LDAP_CONNECT_ERROR, ERR_LIB_X509);
+
+    expectError(thrownBy<BaseError>([] { Session(plainUrl(), true, false); }), LDAP_CONNECT_ERROR,
+        "startTls"_s, EPROTO);
+    EXPECT_EQ(ERR_peek_error(), 0U);
+}
+
+TEST(StartTls, IsNotBlamedForAnErrorFromBeforeTheSession)
+{
+    CallRecorder recorder;
+    recorder.fail(ldap_start_tls_s, LDAP_CONNECT_ERROR, {.error = 0});
+    ERR_raise(ERR_LIB_SSL, kCertificateVerifyFailed);
+
+    expectError(
+        thrownBy<BaseError>([] { Session(plainUrl(), true, false); }), LDAP_CONNECT_ERROR, "startTls"_s, 0);
+}
+
+TEST(Bind, SendsDnAndPasswordAsASimpleBindWithoutControls)
+{
+    CallRecorder recorder;
+    recorder.fail(ldap_sasl_bind_s, LDAP_SUCCESS);
+    Session session(plainUrl(), false, false);
+
+    session.bind("cn=Jörg,dc=x"_s, "pä%1 "_s);
+
+    EXPECT_EQ(describe(recorder.only("ldap_sasl_bind_s")),
+        "ldap_sasl_bind_s(clientctrls=null, cred=\"p\\c3\\a4%1 \", dn=\"cn=J\\c3\\b6rg,dc=x\", ld=handle 1, "
+        "mechanism=null, servercredp=null, serverctrls=null) = 0");
+}
+
+TEST(Bind, SendsAnEmptyDnAndPasswordAsEmptyTextsAndNotAsNull)
+{
+    CallRecorder recorder;
+    recorder.fail(ldap_sasl_bind_s, LDAP_SUCCESS);
+    Session session(plainUrl(), false, false);
+
+    session.bind(QString(), QString());
+
+    EXPECT_EQ(recorder.only("ldap_sasl_bind_s").text("dn"), "");
+    EXPECT_EQ(recorder.only("ldap_sasl_bind_s").text("cred"), "");
+}
+
+TEST(Bind, SendsAPasswordWithANulWhole)
+{
+    CallRecorder recorder;
+    recorder.fail(ldap_sasl_bind_s, LDAP_SUCCESS);
+    Session session(plainUrl(), false, false);
+
+    session.bind("cn=a"_s, QString::fromUtf8("a\0b", 3));
+
+    EXPECT_EQ(recorder.only("ldap_sasl_bind_s").text("cred"), Bytes("a\0b", 3));
+    EXPECT_EQ(recorder.calls("ber_memfree").back().text("content"), Bytes(3, '\0'));
+}
+
+TEST(Bind, WipesAndFreesTheCopyOfThePasswordWhateverComesOfIt)
+{
+    for (const int code : {LDAP_SUCCESS, LDAP_INVALID_CREDENTIALS, LDAP_SERVER_DOWN}) {
+        SCOPED_TRACE(code);
+        CallRecorder recorder;
+        recorder.fail(ldap_sasl_bind_s, code);
+        Session session(plainUrl(), false, false);
+        try {
+            session.bind("cn=a"_s, "secret"_s);
+        } catch (const BaseError& error) {
+            EXPECT_EQ(error.ldapCode, code);
+        }
+
+        EXPECT_EQ(recorder.only("ber_memfree").text("content"), Bytes(6, '\0'));
+    }
+}
+
+TEST(Bind, DoesNotGoOutWithoutMemoryForThePassword)
+{
+    CallRecorder recorder;
+    recorder.fail(ber_strdup, nullptr, {.error = ENOMEM});
+    Session session(plainUrl(), false, false);
+
+    expectError(
+        thrownBy<BaseError>([&] { session.bind("cn=a"_s, "secret"_s); }), LDAP_NO_MEMORY, "bind"_s, ENOMEM);
+    EXPECT_EQ(recorder.count("ldap_sasl_bind_s"), 0U);
+}
+
+TEST(Bind, NamesTheRefusedUserWithoutAskingTheErrorQueueAlsoOnTls)
+{
+    CallRecorder recorder;
+    failWithQueue(recorder, ldap_sasl_bind_s, LDAP_INVALID_CREDENTIALS, ERR_LIB_SSL);
+    Session session(secureUrl(), false, false);
+
+    const auto error = thrownBy<InvalidCredentialsError>([&] { session.bind("cn=a"_s, "wrong"_s); });
+
+    EXPECT_EQ(error.user, "cn=a"_s);
+    expectError(error, LDAP_INVALID_CREDENTIALS, ""_s, 0);
+    EXPECT_EQ(recorder.count("ERR_get_error"), 0U);
+    ERR_clear_error();
+}
+
+TEST(Bind, FailsOnAPlainConnectionWithoutAskingTheErrorQueue)
+{
+    CallRecorder recorder;
+    recorder.leaveErrnoWhenFreeing(ENOTEMPTY);
+    failWithQueue(recorder, ldap_sasl_bind_s, LDAP_SERVER_DOWN, ERR_LIB_SSL);
+    Session session(plainUrl(), false, false);
+
+    expectError(
+        thrownBy<BaseError>([&] { session.bind("cn=a"_s, "b"_s); }), LDAP_SERVER_DOWN, "bind"_s, EPROTO);
+    EXPECT_EQ(recorder.count("ERR_get_error"), 0U);
+    ERR_clear_error();
+}
+
+TEST(Bind, TellsATlsErrorOnATlsConnection)
+{
+    CallRecorder recorder;
+    failWithQueue(recorder, ldap_sasl_bind_s, LDAP_SERVER_DOWN, ERR_LIB_SSL);
+    Session session(secureUrl(), false, false);
+
+    const auto error = thrownBy<TlsError>([&] { session.bind("cn=a"_s, "b"_s); });
+
+    expectError(error, LDAP_SERVER_DOWN, "TLS error with session"_s, EPROTO);
+}
+
+TEST(Bind, FailsOnATlsConnectionWithItsContextWhenTheErrorQueueIsEmpty)
+{
+    CallRecorder recorder;
+    recorder.fail(ldap_sasl_bind_s, LDAP_SERVER_DOWN, {.error = ENOTCONN});
+    Session session(secureUrl(), false, false);
+
+    expectError(
+        thrownBy<BaseError>([&] { session.bind("cn=a"_s, "b"_s); }), LDAP_SERVER_DOWN, "bind"_s, ENOTCONN);
+    EXPECT_EQ(recorder.count("ERR_get_error"), 1U);
+}
+
+/// Has the server answer with this identity; null for none.
+void identify(CallRecorder& recorder, const Bytes* identity, int code = LDAP_SUCCESS)
+{
+    recorder.replace(ldap_whoami_s, [=](LDAP*, berval** received, LDAPControl**, LDAPControl**) {
+        if (identity != nullptr)
+            *received = CallRecorder::real(ber_mem2bv)(identity->data(), identity->size(), 1, nullptr);
+        errno = EPROTO;
+        return code;
+    });
+}
+
+TEST(WhoAmI, IsTheServersOwnFormUpToItsFirstNul)
+{
+    for (const auto& [identity, expected] :
+        std::vector<std::pair<Bytes, QString>>{{"dn:cn=Jörg", "dn:cn=Jörg"_s},
+            {"u:EXAMPLE\\ann", "u:EXAMPLE\\ann"_s}, {Bytes("u:a\0b", 5), "u:a"_s}}) {
+        CallRecorder recorder;
+        identify(recorder, &identity);
+        Session session(plainUrl(), false, false);
+
+        EXPECT_EQ(session.whoAmI(), expected);
+        EXPECT_EQ(recorder.count("ber_bvfree"), 1U);
+    }
+}
+
+TEST(WhoAmI, IsAnonymousWithoutAnIdentityAndWithAnEmptyOne)
+{
+    const Bytes empty;
+    for (const Bytes* identity : {static_cast<const Bytes*>(nullptr), &empty}) {
+        CallRecorder recorder;
+        identify(recorder, identity);
+        const LogCapture log;
+        Session session(plainUrl(), false, false);
+
+        EXPECT_EQ(session.whoAmI(), "anonymous"_s);
+        EXPECT_THAT(log.texts(log::Level::verbose), ElementsAre("Who am I?"));
+    }
+}
+
+TEST(WhoAmI, FreesWhatCameWithAFailureAndReportsTheErrnoOfTheCall)
+{
+    const Bytes identity = "u:a";
+    CallRecorder recorder;
+    recorder.leaveErrnoWhenFreeing(ENOTEMPTY);
+    identify(recorder, &identity, LDAP_SERVER_DOWN);
+    Session session(plainUrl(), false, false);
+
+    expectError(thrownBy<BaseError>([&] { session.whoAmI(); }), LDAP_SERVER_DOWN, "whoAmI"_s, EPROTO);
+    EXPECT_EQ(recorder.count("ber_bvfree"), 1U);
+}
+
+TEST(WhoAmI, TellsATlsErrorOnATlsConnection)
+{
+    CallRecorder recorder;
+    failWithQueue(recorder, ldap_whoami_s, LDAP_SERVER_DOWN, ERR_LIB_SSL);
+    Session session(secureUrl(), false, false);
+
+    expectError(
+        thrownBy<TlsError>([&] { session.whoAmI(); }), LDAP_SERVER_DOWN, "TLS error with session"_s, EPROTO);
+}
+
+LDAP* newHandle()
+{
+    LDAP* ld = nullptr;
+    EXPECT_EQ(ldap_initialize(&ld, "ldap://127.0.0.1:1"), LDAP_SUCCESS);
+    return ld;
+}
+
+TEST(DestroyLdap, LogsAFailureAndLeavesErrnoToIt)
+{
+    CallRecorder recorder;
+    recorder.fail(ldap_destroy, LDAP_PARAM_ERROR, {.error = EXDEV});
+    LDAP* ld = newHandle();
+    const LogCapture log;
+
+    Session::destroyLdap(ld);
+    const int error = errno;
+
+    EXPECT_EQ(error, EXDEV);
+    ASSERT_THAT(log.messages(), SizeIs(1));
+    const auto message = log.messages().front();
+    EXPECT_EQ(message.level, log::Level::debug);
+    EXPECT_EQ(message.tag, "destroyLdap");
+    EXPECT_EQ(message.text, "Error destroying ldap: Bad parameter to an ldap routine");
+}
+
+TEST(DestroyLdap, IsSilentWhenAllIsWell)
+{
+    const CallRecorder recorder;
+    LDAP* ld = newHandle();
+    const LogCapture log;
+
+    Session::destroyLdap(ld);
+
+    EXPECT_THAT(log.texts(), IsEmpty());
+    EXPECT_EQ(recorder.count("ldap_destroy"), 1U);
+}
+
+TEST(VendorDetection, AsksForTheRootEntryWithoutFilterAndAttributes)
+{
+    CallRecorder recorder;
+    recorder.fail(ldap_search_ext_s, LDAP_SERVER_DOWN);
+    {
+        const Session session(plainUrl(), false, false);
+        session.detectLdapVendor();
+    }
+
+    EXPECT_EQ(describe(recorder.only("ldap_search_ext_s")),
+        "ldap_search_ext_s(attrs=null, attrsonly=0, base=\"\", clientctrls=null, filter=null, ld=handle 2, "
+        "scope=0, serverctrls=null, sizelimit=0, timeout=30 s + 0) = -1");
+}
+
+TEST(VendorDetection, TakesAServerThatCannotBeAskedForOpenLdapAndSaysSoInOneLine)
+{
+    CallRecorder recorder;
+    recorder.fail(ldap_search_ext_s, LDAP_SERVER_DOWN, {.error = ECONNREFUSED});
+    const Session session(plainUrl(), false, false);
+    const LogCapture log(log::Level::debug);
+
+    EXPECT_EQ(session.detectLdapVendor().loginAttribute, "uid"_s);
+
+    const auto texts = log.texts();
+    EXPECT_EQ(std::count_if(texts.begin(), texts.end(),
+                  [](const auto& text) { return text.rfind("Detect LDAP vendor error", 0) == 0; }),
+        1);
+    EXPECT_EQ(texts.back(),
+        "Detect LDAP vendor error: ldap_search_ext_s: Can't contact LDAP server (Connection refused).");
+}
+
+TEST(VendorDetection, PassesOnWhatIsNoLdapError)
+{
+    CallRecorder recorder;
+    recorder.replace(ldap_search_ext_s,
+        [](LDAP*, const char*, int, const char*, char**, int, LDAPControl**, LDAPControl**, timeval*, int,
+            LDAPMessage**) -> int { throw std::bad_alloc(); });
+    const Session session(plainUrl(), false, false);
+
+    EXPECT_THROW(session.detectLdapVendor(), std::bad_alloc);
+}
+
+TEST(GetLdapError, ReportsAHandleThatDoesNotTell)
+{
+    CallRecorder recorder;
+    recorder.fail(ldap_get_option, LDAP_OPT_ERROR);
+    const AssertionCapture assertions;
+    LDAP* ld = newHandle();
+
+    EXPECT_EQ(ldap::getLdapError(ld), 0);
+
+    EXPECT_EQ(recorder.only("ldap_get_option").number("option"), LDAP_OPT_RESULT_CODE);
+    EXPECT_THAT(
+        assertions.failures(), ElementsAre(AssertionCapture::Failure{"ldap/utils", 122, "rc == 0", ""}));
+    ldap_destroy(ld);
+}
+
+} // namespace
+
+} // namespace tavo::test
