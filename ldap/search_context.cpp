@@ -364,6 +364,7 @@ void SearchContext::asyncSearch(SearchHandler handler, int pageSize)
     *installed = std::move(handler);
     utils::ScopeGuard uninstall([&] { *installed = nullptr; });
     m_asyncSearch = std::async(std::launch::async, [self = shared_from_this(), pageSize]() mutable {
+        const finished_threads::Ending ending;
         SigpipeGuard::blockForThisThread();
         runningOnThisThread = self.get();
         // Moved out of the task, whose state is owned by the context's own future: nothing may be left that

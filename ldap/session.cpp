@@ -354,6 +354,10 @@ SearchContext* Session::asyncSearch(SearchParams params, SearchHandler handler, 
         [this, guard = m_asyncGuard.sharedGuard(), context](Result result, std::vector<SearchEntry> entries) {
             if (const auto alive = guard.lock()) {
                 completeSearch(context, result, std::move(entries));
+                if (result != Result::moreResults) {
+                    // While the guard is held, so that a session that ends doesn't miss it.
+                    finished_threads::announceEnd();
+                }
             }
         },
         pageSize);

@@ -1,5 +1,6 @@
 #include <ldap/private/finished_threads.h>
 
+#include <condition_variable>
 #include <mutex>
 #include <utility>
 
@@ -7,24 +8,28 @@ namespace tavo::ldap::finished_threads {
 
 namespace {
 
-struct LastTask
+struct Threads
 {
     std::mutex mutex;
-    std::future<void> task;
+    std::condition_variable changed;
+    int ending = 0;
+    std::future<void> last;
 };
 
 /// Never destroyed: a search may still end while the process exits.
-LastTask& lastTask()
+Threads& threads()
 {
-    static LastTask& instance = *new LastTask;
+    static Threads& instance = *new Threads;
     return instance;
 }
 
-std::future<void> exchange(std::future<void> task)
+thread_local bool isSearchThread = false;
+thread_local bool isEnding = false;
+
+std::future<void> exchangeLast(std::future<void> task)
 {
-    LastTask& last = lastTask();
-    const std::lock_guard lock(last.mutex);
-    return std::exchange(last.task, std::move(task));
+    const std::lock_guard lock(threads().mutex);
+    return std::exchange(threads().last, std::move(task));
 }
 
 /// Leaves no thread behind that has ended without being joined when the process exits.
@@ -40,12 +45,41 @@ const JoinAtExit joinAtExit;
 
 } // namespace
 
+Ending::Ending() { isSearchThread = true; }
+
+Ending::~Ending()
+{
+    if (!isEnding) {
+        return;
+    }
+    const std::lock_guard lock(threads().mutex);
+    --threads().ending;
+    threads().changed.notify_all();
+}
+
+void announceEnd()
+{
+    if (!isSearchThread || isEnding) {
+        return;
+    }
+    const std::lock_guard lock(threads().mutex);
+    ++threads().ending;
+    isEnding = true;
+}
+
 void handOver(std::future<void> task)
 {
     // Destroying the former one waits for its thread, outside the lock.
-    const std::future<void> former = exchange(std::move(task));
+    const std::future<void> former = exchangeLast(std::move(task));
 }
 
-void join() { const std::future<void> last = exchange({}); }
+void join()
+{
+    {
+        std::unique_lock lock(threads().mutex);
+        threads().changed.wait(lock, [] { return threads().ending == (isEnding ? 1 : 0); });
+    }
+    const std::future<void> last = exchangeLast({});
+}
 
 } // namespace tavo::ldap::finished_threads

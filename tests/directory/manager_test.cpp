@@ -187,6 +187,7 @@ protected:
         return groups.records();
     }
 
+    test::ThreadsEndHere m_threads;
     test::SampleDirectory m_sample;
     Slapd m_slapd;
     std::unique_ptr<Manager> m_manager;
@@ -197,7 +198,7 @@ TEST_F(FetchTest, fetchesEveryUserWithALogin)
 {
     Deliveries<User> users;
     const test::LogCapture log;
-    m_manager->fetchUsersAsync(users.handler(), m_everything);
+    m_manager->fetchUsersAsync(users.handler(), {"ou=people,"_s + m_everything.base, QString()});
     EXPECT_EQ(users.waitForEnd(), Result::ok);
     EXPECT_THAT(users.records(), SizeIs(static_cast<std::size_t>(m_sample.peopleWithLogin)));
     EXPECT_THAT(users.records(), Each(::testing::Field(&User::login, Not(QString()))));
