@@ -374,8 +374,7 @@ void SearchContext::asyncSearch(SearchHandler handler, int pageSize)
         try {
             PageLoop(*context, pageSize).run();
         } catch (const std::exception& error) {
-            TAVO_LOG_WARNING(log::tag(*context),
-                u"The search below [%1] ended without a final call, by an exception: %2",
+            TAVO_LOG_WARNING(log::tag(*context), u"The search below [%1] was ended by an exception: %2",
                 context->m_params.base, error.what());
             throw;
         }
