@@ -108,20 +108,28 @@ inline std::vector<Entry> entries(int first, int count)
     return made;
 }
 
+/// A warning is thinned out when it has come often, as it does when tests run in one process; not while this
+/// lives.
+class UnthinnedLog
+{
+public:
+    UnthinnedLog()
+        : m_former(log::reducerConfig())
+    {
+        log::setReducerConfig({.period = m_former.period, .limit = 0});
+    }
+    ~UnthinnedLog() { log::setReducerConfig(m_former); }
+    UnthinnedLog(const UnthinnedLog&) = delete;
+    UnthinnedLog& operator=(const UnthinnedLog&) = delete;
+
+private:
+    log::ReducerConfig m_former;
+};
+
 /// A session with a scripted server.
 class SearchTest : public ::testing::Test
 {
 protected:
-    // A warning is thinned out when it has come often, as it does when tests run in one process.
-    SearchTest()
-        : m_reducerConfig(log::reducerConfig())
-    {
-        auto unlimited = m_reducerConfig;
-        unlimited.limit = 0;
-        log::setReducerConfig(unlimited);
-    }
-    ~SearchTest() override { log::setReducerConfig(m_reducerConfig); }
-
     static utils::Url urlOf(const ScriptedServer& server)
     {
         return utils::Url(QString::fromStdString(server.url()));
@@ -147,7 +155,7 @@ protected:
     ldap::Session session{urlOf(server), false, false};
 
 private:
-    log::ReducerConfig m_reducerConfig;
+    UnthinnedLog m_unthinned;
 };
 
 } // namespace tavo::test

@@ -1,0 +1,627 @@
+#include "search_calls_test.h"
+
+#include "support/assertion_capture.h"
+
+#include <atomic>
+#include <cerrno>
+#include <future>
+#include <memory>
+#include <pthread.h>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+
+#include <gmock/gmock.h>
+
+namespace tavo::test {
+
+namespace {
+
+using ldap::BaseError;
+using ldap::Result;
+using ldap::SearchContext;
+
+using ::testing::Contains;
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+class PagedSearchCalls : public SearchCalls
+{
+protected:
+    /// Two full pages and one that is not.
+    void serveThreePages()
+    {
+        server.expectSearch().answer(entries(1, 2), done().page("one"));
+        server.expectSearch().answer(entries(3, 2), done().page("two"));
+        server.expectSearch().answer(entries(5, 1), done().page(""));
+    }
+
+    /// Has the first `count` polls come back without a message.
+    void pollInVain(int count)
+    {
+        recorder.replace(
+            ldap_result, [this, count](LDAP* ld, int id, int all, timeval* timeout, LDAPMessage** chain) {
+                if (++m_polls <= count)
+                    return 0;
+                return CallRecorder::real(ldap_result)(ld, id, all, timeout, chain);
+            });
+    }
+
+    /// Has the result come with another return value.
+    void returnInsteadOfTheType(int value)
+    {
+        recorder.replace(ldap_result, [=](LDAP* ld, int id, int all, timeval* timeout, LDAPMessage** chain) {
+            CallRecorder::real(ldap_result)(ld, id, all, timeout, chain);
+            errno = EXDEV;
+            return value;
+        });
+    }
+
+    std::vector<RecordedCall::Time> sleeps() const
+    {
+        std::vector<RecordedCall::Time> times;
+        for (const auto& call : recorder.calls("nanosleep"))
+            times.push_back(call.time("req"));
+        return times;
+    }
+
+    /// A search that ends with this result and nothing else.
+    void expectOnly(Result result)
+    {
+        const auto calls = fetch();
+        EXPECT_THAT(resultsOf(calls), ElementsAre(result));
+        EXPECT_THAT(calls.front().entries, IsEmpty());
+    }
+
+private:
+    std::atomic<int> m_polls = 0;
+};
+
+constexpr RecordedCall::Time kPollInterval{0, 100'000'000};
+
+TEST_F(PagedSearchCalls, AskReceiveReadAndFreePageByPageOnOneHandleAndThread)
+{
+    serveThreePages();
+
+    EXPECT_THAT(resultsOf(fetch()), ElementsAre(Result::moreResults, Result::moreResults, Result::ok));
+    recorder.waitForReturns("ldap_destroy", 1);
+
+    EXPECT_THAT(namesAmong(recorder, {"ldap_create_page_control", "ldap_search_ext", "ldap_control_free",
+                                         "ldap_result", "ldap_get_dn", "ldap_parse_pageresponse_control",
+                                         "ldap_controls_free", "ldap_msgfree", "ldap_destroy"}),
+        ElementsAre("ldap_create_page_control", "ldap_search_ext", "ldap_control_free", "ldap_result",
+            "ldap_get_dn", "ldap_get_dn", "ldap_parse_pageresponse_control", "ldap_controls_free",
+            "ldap_msgfree", "ldap_create_page_control", "ldap_search_ext", "ldap_control_free", "ldap_result",
+            "ldap_get_dn", "ldap_get_dn", "ldap_parse_pageresponse_control", "ldap_controls_free",
+            "ldap_msgfree", "ldap_create_page_control", "ldap_search_ext", "ldap_control_free", "ldap_result",
+            "ldap_get_dn", "ldap_parse_pageresponse_control", "ldap_controls_free", "ldap_msgfree",
+            "ldap_destroy"));
+    const auto worker = recorder.calls("ldap_search_ext").front().thread;
+    EXPECT_NE(worker, std::this_thread::get_id());
+    for (const std::string function : {"ldap_search_ext", "ldap_result", "ldap_get_dn"}) {
+        for (const auto& call : recorder.calls(function)) {
+            EXPECT_EQ(call.handle(), 2);
+            EXPECT_EQ(call.thread, worker);
+        }
+    }
+}
+
+TEST_F(PagedSearchCalls, SendEveryArgumentWithOneCriticalControl)
+{
+    serveThreePages();
+
+    fetch();
+
+    const auto requests = recorder.calls("ldap_search_ext");
+    ASSERT_THAT(requests, SizeIs(3));
+    const std::vector<Bytes> cookies{"", "one", "two"};
+    for (std::size_t page = 0; page < requests.size(); ++page) {
+        const auto& request = requests[page];
+        EXPECT_EQ(request.text("base"), "dc=x");
+        EXPECT_EQ(request.number("scope"), LDAP_SCOPE_ONELEVEL);
+        EXPECT_EQ(request.text("filter"), "(cn=*)");
+        EXPECT_THAT(request.texts("attrs"), ElementsAre("cn", "mail"));
+        EXPECT_EQ(request.number("attrsonly"), 0);
+        EXPECT_THAT(request.controls("serverctrls"),
+            ElementsAre(Control{kPagedResultsOid, true, pagedResultsValue(2, cookies[page])}));
+        EXPECT_TRUE(request.isNull("clientctrls"));
+        EXPECT_EQ(request.time("timeout"), (RecordedCall::Time{30, 0}));
+        EXPECT_EQ(request.number("sizelimit"), 0);
+    }
+}
+
+TEST_F(PagedSearchCalls, PassNullForNoFilterAndNoAttributes)
+{
+    recorder.fail(ldap_search_ext, LDAP_SERVER_DOWN);
+    session->setResponseTimeout(std::chrono::seconds(7));
+
+    session->search({}, 2);
+
+    const auto request = recorder.only("ldap_search_ext");
+    EXPECT_EQ(request.text("base"), "");
+    EXPECT_TRUE(request.isNull("filter"));
+    EXPECT_TRUE(request.isNull("attrs"));
+    EXPECT_EQ(request.time("timeout"), (RecordedCall::Time{7, 0}));
+}
+
+TEST_F(PagedSearchCalls, BuildTheControlForThePageSizeAndTheCookieOfThePageBefore)
+{
+    serveThreePages();
+
+    fetch();
+
+    const auto controls = recorder.calls("ldap_create_page_control");
+    ASSERT_THAT(controls, SizeIs(3));
+    const std::vector<Bytes> cookies{"", "one", "two"};
+    for (std::size_t page = 0; page < controls.size(); ++page) {
+        EXPECT_EQ(controls[page].number("pagesize"), 2);
+        EXPECT_EQ(controls[page].text("cookie"), cookies[page]);
+        EXPECT_EQ(controls[page].number("iscritical"), 1);
+    }
+    EXPECT_TRUE(recorder.calls("ldap_parse_pageresponse_control").front().isNull("count"));
+}
+
+TEST_F(PagedSearchCalls, WaitForTheWholeResultWithMinusOneSecond)
+{
+    server.expectSearch().answer(entries(1, 1), done());
+
+    fetch();
+
+    const auto poll = recorder.only("ldap_result");
+    EXPECT_EQ(poll.number("msgid"), recorder.only("ldap_search_ext").number("msgid"));
+    EXPECT_EQ(poll.number("all"), LDAP_MSG_ALL);
+    EXPECT_EQ(poll.time("timeout"), (RecordedCall::Time{-1, 0}));
+}
+
+TEST_F(PagedSearchCalls, PollAgainAfterATenthOfASecondWhenNothingHasCome)
+{
+    server.expectSearch().answer(entries(1, 1), done());
+    pollInVain(2);
+    recorder.fail(nanosleep, 0);
+
+    EXPECT_THAT(resultsOf(fetch()), ElementsAre(Result::ok));
+
+    EXPECT_THAT(namesAmong(recorder, {"ldap_result", "nanosleep"}),
+        ElementsAre("ldap_result", "nanosleep", "ldap_result", "nanosleep", "ldap_result"));
+    EXPECT_THAT(sleeps(), Each(kPollInterval));
+    EXPECT_EQ(recorder.count("ldap_search_ext"), 1U);
+}
+
+TEST_F(PagedSearchCalls, SleepOnForTheRemainderWhenASignalWakesThem)
+{
+    server.expectSearch().answer(entries(1, 1), done());
+    pollInVain(1);
+    std::atomic<int> naps = 0;
+    recorder.replace(nanosleep, [&](const timespec*, timespec* remaining) {
+        if (++naps > 2)
+            return 0;
+        *remaining = {0, 40'000'000 / naps};
+        errno = EINTR;
+        return -1;
+    });
+
+    EXPECT_THAT(resultsOf(fetch()), ElementsAre(Result::ok));
+
+    EXPECT_THAT(sleeps(),
+        ElementsAre(kPollInterval, RecordedCall::Time{0, 40'000'000}, RecordedCall::Time{0, 20'000'000}));
+}
+
+TEST_F(PagedSearchCalls, PollNoMoreOnceTheyAreStopped)
+{
+    server.otherwise([](const Request&) { return Steps(); });
+    pollInVain(1);
+    const auto context = makeContext();
+    recorder.replace(nanosleep, [&](const timespec*, timespec*) {
+        context->stopAsyncSearch();
+        return 0;
+    });
+    HandlerCalls calls;
+
+    context->asyncSearch(calls.handler(), 2);
+
+    EXPECT_THAT(resultsOf(calls.waitForEnd()), ElementsAre(Result::cancelled));
+    recorder.waitForReturns("nanosleep", 1);
+    EXPECT_EQ(recorder.count("ldap_result"), 1U);
+}
+
+TEST_F(PagedSearchCalls, TakeAnyPositiveReturnForAResult)
+{
+    for (const int type : std::initializer_list<int>{LDAP_RES_SEARCH_ENTRY, LDAP_RES_SEARCH_REFERENCE, 1}) {
+        server.expectSearch().answer(entries(1, 1), done());
+        returnInsteadOfTheType(type);
+
+        const auto calls = fetch();
+
+        EXPECT_THAT(resultsOf(calls), ElementsAre(Result::ok));
+        EXPECT_THAT(dnsOf(calls.front().entries), ElementsAre("cn=1"));
+    }
+}
+
+TEST_F(PagedSearchCalls, EndWithErrnoWhenTheRequestCannotBeSent)
+{
+    recorder.leaveErrnoWhenFreeing(ENOTEMPTY);
+    recorder.fail(ldap_search_ext, LDAP_FILTER_ERROR, {.error = EXDEV});
+
+    expectOnly(Result::noSuchObject);
+
+    EXPECT_TRUE(log.contains("ldap_search_ext: Bad search filter (Invalid cross-device link)"));
+    EXPECT_EQ(recorder.count("ldap_result"), 0U);
+}
+
+TEST_F(PagedSearchCalls, EndBeforeTheRequestWhenTheControlCannotBeBuilt)
+{
+    recorder.fail(ldap_create_page_control, LDAP_NO_MEMORY, {.error = EXDEV});
+
+    expectOnly(Result::connectError);
+
+    EXPECT_TRUE(log.contains("ldap_create_page_control: Out of memory"));
+    EXPECT_FALSE(log.contains("Invalid cross-device link"));
+    EXPECT_EQ(recorder.count("ldap_search_ext"), 0U);
+}
+
+TEST_F(PagedSearchCalls, EndAsServerDownWithErrnoWhenThePollFailsWithoutAMessage)
+{
+    server.otherwise([](const Request&) { return Steps(); });
+    recorder.leaveErrnoWhenFreeing(ENOTEMPTY);
+    recorder.fail(ldap_result, -1, {.error = ECONNRESET});
+
+    expectOnly(Result::connectError);
+
+    EXPECT_TRUE(log.contains("ldap_result: Can't contact LDAP server (Connection reset by peer)"));
+    EXPECT_EQ(recorder.count("ldap_parse_result"), 0U);
+}
+
+TEST_F(PagedSearchCalls, EndWithTheCodeOfTheMessageThatAFailedPollBroughtAndFreeIt)
+{
+    server.expectSearch().answer(done(4));
+    recorder.leaveErrnoWhenFreeing(ENOTEMPTY);
+    returnInsteadOfTheType(-1);
+
+    expectOnly(Result::sizeLimitExceeded);
+
+    EXPECT_TRUE(log.contains("ldap_result: Size limit exceeded (Invalid cross-device link)"));
+    EXPECT_EQ(recorder.only("ldap_parse_result").number("freeit"), 1);
+    EXPECT_EQ(recorder.count("ldap_msgfree"), 0U);
+}
+
+TEST_F(PagedSearchCalls, EndWithTheParsersCodeWhenThatMessageCannotBeParsed)
+{
+    server.expectSearch().answer(done(4));
+    returnInsteadOfTheType(-1);
+    recorder.fail(ldap_parse_result, LDAP_FILTER_ERROR);
+
+    expectOnly(Result::noSuchObject);
+
+    EXPECT_TRUE(log.contains("ldap_result: Bad search filter"));
+}
+
+TEST_F(PagedSearchCalls, EndWithTheServersCodeAndFreeThePageOnceWithoutReadingIt)
+{
+    server.expectSearch().answer(entries(1, 2), done(32).matched("dc=x").diagnostic("gone"));
+
+    expectOnly(Result::noSuchObject);
+    recorder.waitForReturns("ldap_destroy", 1);
+
+    EXPECT_TRUE(log.contains("Search failed for [dc=x], matched DN [dc=x]; the server says: [gone]"));
+    EXPECT_EQ(recorder.count("ldap_get_dn"), 0U);
+    EXPECT_EQ(recorder.count("ldap_msgfree"), 1U);
+}
+
+TEST_F(PagedSearchCalls, EndWithTheParsersCodeAndFreeThePageOnceWhenItsResultCannotBeParsed)
+{
+    server.expectSearch().answer(entries(1, 2), done().page("more"));
+    recorder.fail(ldap_parse_result, LDAP_FILTER_ERROR, {.nth = 1});
+
+    expectOnly(Result::noSuchObject);
+    recorder.waitForReturns("ldap_destroy", 1);
+
+    EXPECT_EQ(recorder.count("ldap_msgfree"), 1U);
+}
+
+TEST_F(PagedSearchCalls, EndWithoutEntriesWhenTheControlsCannotBeParsed)
+{
+    server.expectSearch().answer(entries(1, 2), done().page("more"));
+    recorder.fail(ldap_parse_result, LDAP_FILTER_ERROR, {.nth = 2, .error = EXDEV});
+
+    expectOnly(Result::noSuchObject);
+    recorder.waitForReturns("ldap_destroy", 1);
+
+    EXPECT_TRUE(log.contains("ldap_parse_result: Bad search filter"));
+    EXPECT_FALSE(log.contains("Invalid cross-device link"));
+    EXPECT_EQ(recorder.count("ldap_msgfree"), 1U);
+}
+
+TEST_F(PagedSearchCalls, EndWithoutEntriesWhenThePageControlCannotBeParsed)
+{
+    server.expectSearch().answer(entries(1, 2), done().page("more"));
+    recorder.fail(ldap_parse_pageresponse_control, LDAP_DECODING_ERROR, {.error = EXDEV});
+
+    expectOnly(Result::connectError);
+    recorder.waitForReturns("ldap_destroy", 1);
+
+    EXPECT_TRUE(log.contains("ldap_parse_pageresponse_control: Decoding error"));
+    EXPECT_FALSE(log.contains("Invalid cross-device link"));
+    EXPECT_EQ(recorder.count("ldap_msgfree"), 1U);
+}
+
+TEST_F(PagedSearchCalls, FreeTheLiveCookieWhenTheyAreStopped)
+{
+    server.expectSearch().answer(entries(1, 2), done().page("live"));
+    const auto context = makeContext();
+    std::promise<void> ended;
+
+    context->asyncSearch(
+        [&](Result result, const std::vector<ldap::SearchEntry>&) {
+            if (result == Result::moreResults)
+                context->stopAsyncSearch();
+            else
+                ended.set_value();
+        },
+        2);
+    ended.get_future().get();
+    recorder.waitForReturns("ber_memfree", 1);
+
+    EXPECT_EQ(recorder.count("ldap_search_ext"), 1U);
+    EXPECT_EQ(recorder.only("ldap_parse_pageresponse_control").text("cookie"), "live");
+}
+
+TEST_F(PagedSearchCalls, LogEachStepOfEachPage)
+{
+    serveThreePages();
+    log.clear();
+
+    fetch();
+
+    std::vector<Bytes> ids;
+    for (const auto& request : recorder.calls("ldap_search_ext"))
+        ids.push_back(std::to_string(request.number("msgid")));
+    ASSERT_THAT(ids, SizeIs(3));
+    EXPECT_THAT(log.texts(log::Level::verbose),
+        ElementsAre("Getting page 1 (cookie size: 0)", "Polling message id " + ids[0] + " for page 1",
+            "Found 2 entries on page 1", "Getting page 2 (cookie size: 3)",
+            "Polling message id " + ids[1] + " for page 2", "Found 2 entries on page 2",
+            "Getting page 3 (cookie size: 3)", "Polling message id " + ids[2] + " for page 3",
+            "Found 1 entries on page 3"));
+    EXPECT_THAT(log.texts(log::Level::debug),
+        ElementsAre("Created for [dc=x] with [(cn=*)] filter (attributes: { cn, mail })"));
+}
+
+TEST_F(PagedSearchCalls, AskNothingOfTheClientLibraryUnderTheirLocks)
+{
+    serveThreePages();
+    const LockWatch locks;
+    std::atomic<int> calls = 0;
+    std::atomic<int> underLock = 0;
+    const auto look = [&] {
+        ++calls;
+        underLock += LockWatch::countHeldHere() != 0 ? 1 : 0;
+    };
+    beforeEach(recorder, ldap_dup, look);
+    beforeEach(recorder, ldap_create_page_control, look);
+    beforeEach(recorder, ldap_search_ext, look);
+    beforeEach(recorder, ldap_control_free, look);
+    beforeEach(recorder, ldap_result, look);
+    beforeEach(recorder, ldap_parse_result, look);
+    beforeEach(recorder, ldap_first_entry, look);
+    beforeEach(recorder, ldap_next_entry, look);
+    beforeEach(recorder, ldap_get_dn, look);
+    beforeEach(recorder, ldap_get_values_len, look);
+    beforeEach(recorder, ldap_parse_pageresponse_control, look);
+    beforeEach(recorder, ldap_controls_free, look);
+    beforeEach(recorder, ldap_msgfree, look);
+    beforeEach(recorder, ldap_destroy, look);
+
+    EXPECT_THAT(fetch(), SizeIs(3));
+    session.reset();
+    recorder.waitForReturns("ldap_destroy", 2);
+
+    EXPECT_GT(calls, 30);
+    EXPECT_EQ(underLock, 0);
+}
+
+TEST_F(PagedSearchCalls, TakeTheSessionsLockAtFourPlaces)
+{
+    server.expectSearch().answer(entries(1, 2), done().page("one"));
+    server.expectSearch().answer(entries(3, 1), done().page(""));
+    {
+        const LockWatch locks;
+        fetch();
+        EXPECT_THAT(locks.positionsIn("ldap/session"),
+            ElementsAre("ldap/session:141", "ldap/session:153", "ldap/session:153"));
+    }
+    {
+        const LockWatch locks;
+        session->stopAsyncSearch(nullptr);
+        session.reset();
+        EXPECT_THAT(locks.positionsIn("ldap/session"), ElementsAre("ldap/session:177", "ldap/session:65"));
+    }
+}
+
+TEST_F(PagedSearchCalls, MakeTheErrorOfAnIntermediateCallTheirFinalResult)
+{
+    server.expectSearch().answer(entries(1, 2), done().page("one"));
+    HandlerCalls calls;
+
+    session->asyncSearch(
+        params(),
+        [&](Result result, std::vector<ldap::SearchEntry> page) {
+            calls.add(result, std::move(page));
+            if (result == Result::moreResults)
+                throw BaseError(LDAP_INVALID_CREDENTIALS, "handler"_s, 0);
+        },
+        2);
+
+    EXPECT_THAT(resultsOf(calls.waitForEnd()), ElementsAre(Result::moreResults, Result::invalidCredentials));
+    EXPECT_THAT(calls.waitForEnd().back().entries, IsEmpty());
+    EXPECT_EQ(recorder.count("ldap_search_ext"), 1U);
+}
+
+TEST_F(PagedSearchCalls, EndWithoutAFinalCallWhenAnIntermediateOneThrowsSomethingElse)
+{
+    server.expectSearch().answer(entries(1, 2), done().page("one"));
+    HandlerCalls calls;
+
+    session->asyncSearch(
+        params(),
+        [&](Result result, std::vector<ldap::SearchEntry> page) {
+            calls.add(result, std::move(page));
+            if (result == Result::moreResults)
+                throw std::runtime_error("no disk");
+        },
+        2);
+    ASSERT_TRUE(log.waitFor("no disk"));
+    EXPECT_THAT(resultsOf(calls.waitForCalls(1)), ElementsAre(Result::moreResults));
+    EXPECT_THAT(log.texts(log::Level::warning),
+        ElementsAre("The search below [dc=x] was ended by an exception: no disk"));
+
+    session.reset();
+
+    EXPECT_THAT(resultsOf(calls.waitForEnd()), ElementsAre(Result::moreResults, Result::cancelled));
+    EXPECT_EQ(recorder.count("ldap_search_ext"), 1U);
+}
+
+TEST_F(PagedSearchCalls, AreOverWhenTheFinalCallThrows)
+{
+    for (const bool isLdapError : {true, false}) {
+        server.expectSearch().answer(entries(1, 1), done());
+        std::atomic<int> calls = 0;
+        log.clear();
+
+        session->asyncSearch(
+            params(),
+            [&](Result, const std::vector<ldap::SearchEntry>&) {
+                ++calls;
+                if (isLdapError)
+                    throw BaseError(LDAP_OTHER, "no disk"_s, 0);
+                throw std::runtime_error("no disk");
+            },
+            2);
+
+        const std::string line =
+            isLdapError ? "The last page of the search below [dc=x] was lost in its handler: no disk"
+                        : "The search below [dc=x] was ended by an exception: no disk";
+        ASSERT_TRUE(log.waitFor(line));
+        EXPECT_THAT(log.texts(log::Level::warning), ElementsAre(HasSubstr(line)));
+        EXPECT_EQ(calls, 1);
+    }
+}
+
+/// A handler that must never be called, and whether it is still there.
+class UncalledHandler
+{
+public:
+    ldap::SearchHandler handler()
+    {
+        auto owned = std::make_shared<int>(0);
+        m_owned = owned;
+        return [owned = std::move(owned)](Result, const std::vector<ldap::SearchEntry>&) {
+            ADD_FAILURE() << "the handler was called";
+        };
+    }
+    bool isDropped() const { return m_owned.expired(); }
+
+private:
+    std::weak_ptr<int> m_owned;
+};
+
+/// No thread can be started while this lives: there is no such stack.
+class NoThreads
+{
+public:
+    NoThreads()
+    {
+        pthread_getattr_default_np(&m_former);
+        pthread_attr_t attributes;
+        pthread_getattr_default_np(&attributes);
+        EXPECT_EQ(pthread_attr_setstacksize(&attributes, std::size_t{1} << 60), 0);
+        EXPECT_EQ(pthread_setattr_default_np(&attributes), 0);
+        pthread_attr_destroy(&attributes);
+    }
+    ~NoThreads()
+    {
+        pthread_setattr_default_np(&m_former);
+        pthread_attr_destroy(&m_former);
+    }
+    NoThreads(const NoThreads&) = delete;
+    NoThreads& operator=(const NoThreads&) = delete;
+
+private:
+    pthread_attr_t m_former;
+};
+
+class SearchStart : public PagedSearchCalls
+{
+protected:
+    /// Nobody may be called for a search that could not be started, nor have to wait for it.
+    void expectNoTrace(const UncalledHandler& handler)
+    {
+        EXPECT_TRUE(handler.isDropped());
+        server.expectSearch().answer(entries(1, 1), done());
+        EXPECT_THAT(resultsOf(fetch()), ElementsAre(Result::ok));
+        session.reset();
+    }
+};
+
+TEST_F(SearchStart, FailsWithoutATraceWhenTheHandleCannotBeDuplicated)
+{
+    recorder.fail(ldap_dup, nullptr, {.nth = 1, .error = ENOMEM});
+    UncalledHandler uncalled;
+
+    expectError(thrownBy<BaseError>([&] { session->asyncSearch(params(), uncalled.handler(), 2); }),
+        LDAP_NO_MEMORY, "ldap_dup"_s, ENOMEM);
+
+    expectNoTrace(uncalled);
+}
+
+TEST_F(SearchStart, FailsWithoutATraceWhenNoThreadCanBeHad)
+{
+    UncalledHandler uncalled;
+    {
+        const NoThreads noThreads;
+        EXPECT_THROW(session->asyncSearch(params(), uncalled.handler(), 2), std::system_error);
+    }
+
+    EXPECT_EQ(recorder.only("ldap_destroy").handle(), 2);
+    expectNoTrace(uncalled);
+}
+
+TEST_F(SearchStart, NeedsASharedOwner)
+{
+    const std::unique_ptr<SearchContext> context = session->createSearchContext(params());
+    UncalledHandler uncalled;
+
+    EXPECT_THROW(context->asyncSearch(uncalled.handler(), 2), std::bad_weak_ptr);
+
+    EXPECT_FALSE(context->isAsyncSearchRunning());
+    EXPECT_TRUE(uncalled.isDropped());
+}
+
+TEST_F(SearchStart, IsRefusedWithoutHarmWhileASearchRuns)
+{
+    const Gate gate;
+    server.expectSearch().answer(waitFor(gate), entries(1, 1), done());
+    const auto context = makeContext();
+    const AssertionCapture assertions;
+    HandlerCalls running;
+    HandlerCalls refused;
+    context->asyncSearch(running.handler(), 2);
+
+    context->asyncSearch(refused.handler(), 2);
+
+    EXPECT_THAT(resultsOf(refused.waitForEnd()), ElementsAre(Result::ok));
+    EXPECT_THAT(refused.waitForEnd().front().entries, IsEmpty());
+    EXPECT_THAT(assertions.failures(),
+        ElementsAre(AssertionCapture::Failure{"ldap/search_context", 192, "!isAsyncSearchRunning()", ""}));
+    EXPECT_EQ(running.count(), 0U);
+    gate.open();
+    EXPECT_THAT(resultsOf(running.waitForEnd()), ElementsAre(Result::ok));
+    EXPECT_THAT(running.waitForEnd().front().entries, SizeIs(1));
+    EXPECT_EQ(refused.count(), 1U);
+}
+
+} // namespace
+
+} // namespace tavo::test

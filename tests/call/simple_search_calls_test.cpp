@@ -1,0 +1,248 @@
+#include "search_calls_test.h"
+
+#include "support/assertion_capture.h"
+
+#include <ldap/private/utils.h>
+
+#include <cerrno>
+
+#include <gmock/gmock.h>
+
+namespace tavo::test {
+
+namespace {
+
+using ldap::BaseError;
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+class SimpleSearchCalls : public SearchCalls
+{
+protected:
+    /// Has the blocking search come back with what the server sent, but with another code.
+    void returnInsteadOfTheServersCode(int code)
+    {
+        recorder.replace(ldap_search_ext_s,
+            [=](LDAP* ld, const char* base, int scope, const char* filter, char** attributes,
+                int attributesOnly, LDAPControl** serverControls, LDAPControl** clientControls,
+                timeval* timeout, int sizeLimit, LDAPMessage** chain) {
+                CallRecorder::real(ldap_search_ext_s)(ld, base, scope, filter, attributes, attributesOnly,
+                    serverControls, clientControls, timeout, sizeLimit, chain);
+                errno = EXDEV;
+                return code;
+            });
+    }
+
+    /// Has every reading of an iteration's next attribute end it with this code.
+    void endAttributesWith(int code)
+    {
+        recorder.replace(ldap_next_attribute, [=](LDAP* ld, LDAPMessage*, BerElement*) -> char* {
+            CallRecorder::real(ldap_set_option)(ld, LDAP_OPT_RESULT_CODE, &code);
+            return nullptr;
+        });
+    }
+};
+
+TEST_F(SimpleSearchCalls, SendEveryArgumentAndNoControl)
+{
+    recorder.fail(ldap_search_ext_s, LDAP_SERVER_DOWN);
+
+    EXPECT_THROW(session->simpleSearch(params()), BaseError);
+    session->setResponseTimeout(std::chrono::seconds(7));
+    EXPECT_THROW(session->simpleSearch(below("dc=x")), BaseError);
+
+    EXPECT_THAT(described(recorder.calls("ldap_search_ext_s")),
+        ElementsAre("ldap_search_ext_s(attrs=[cn, mail], attrsonly=0, base=\"dc=x\", clientctrls=null, "
+                    "filter=\"(cn=*)\", ld=handle 2, scope=1, serverctrls=null, sizelimit=0, timeout=30 s + "
+                    "0) = -1",
+            "ldap_search_ext_s(attrs=null, attrsonly=0, base=\"dc=x\", clientctrls=null, filter=null, "
+            "ld=handle 3, scope=2, serverctrls=null, sizelimit=0, timeout=7 s + 0) = -1"));
+}
+
+TEST_F(SimpleSearchCalls, ThrowTheCodeWithErrnoWhenNothingCameBack)
+{
+    recorder.leaveErrnoWhenFreeing(ENOTEMPTY);
+    recorder.fail(ldap_search_ext_s, LDAP_SERVER_DOWN, {.error = ECONNRESET});
+
+    expectError(thrownBy<BaseError>([&] { session->simpleSearch(params()); }), LDAP_SERVER_DOWN,
+        "ldap_search_ext_s"_s, ECONNRESET);
+
+    EXPECT_EQ(recorder.count("ldap_parse_result"), 0U);
+}
+
+TEST_F(SimpleSearchCalls, ThrowTheCodeOfTheMessageRatherThanTheReturnedOneAndFreeTheMessage)
+{
+    server.expectSearch().answer(entries(1, 2), done(4).matched("dc=x").diagnostic("enough"));
+    returnInsteadOfTheServersCode(LDAP_OTHER);
+    recorder.leaveErrnoWhenFreeing(ENOTEMPTY);
+
+    expectError(thrownBy<BaseError>([&] { session->simpleSearch(params()); }), LDAP_SIZELIMIT_EXCEEDED,
+        "ldap_search_ext_s"_s, EXDEV);
+
+    EXPECT_EQ(recorder.only("ldap_parse_result").number("freeit"), 1);
+    EXPECT_EQ(recorder.count("ldap_msgfree"), 0U);
+    EXPECT_TRUE(log.contains("Search failed for [dc=x], matched DN [dc=x]; the server says: [enough]"));
+}
+
+TEST_F(SimpleSearchCalls, ThrowTheCodeOfAMessageThatCannotBeParsed)
+{
+    server.expectSearch().answer(done(4));
+    recorder.fail(ldap_parse_result, LDAP_DECODING_ERROR);
+    recorder.leaveErrno(ldap_search_ext_s, EXDEV);
+
+    expectError(thrownBy<BaseError>([&] { session->simpleSearch(params()); }), LDAP_DECODING_ERROR,
+        "ldap_search_ext_s"_s, EXDEV);
+}
+
+TEST_F(SimpleSearchCalls, FreeTheMessageOnceAndThenTheHandle)
+{
+    server.expectSearch().answer(entries(1, 2), done());
+
+    EXPECT_THAT(session->simpleSearch(params()), SizeIs(2));
+
+    EXPECT_THAT(namesAmong(recorder, {"ldap_dup", "ldap_search_ext_s", "ldap_msgfree", "ldap_destroy"}),
+        ElementsAre("ldap_dup", "ldap_search_ext_s", "ldap_msgfree", "ldap_destroy"));
+    EXPECT_EQ(recorder.only("ldap_destroy").handle(), 2);
+}
+
+TEST_F(SimpleSearchCalls, LogEachStep)
+{
+    server.expectSearch().answer(entries(1, 2), done());
+    log.clear();
+
+    session->simpleSearch(params());
+
+    EXPECT_THAT(log.texts(log::Level::debug),
+        ElementsAre("Created for [dc=x] with [(cn=*)] filter (attributes: { cn, mail })"));
+    EXPECT_THAT(
+        log.texts(log::Level::verbose), ElementsAre("Performing non-paged search", "Found 2 entries"));
+}
+
+TEST_F(SimpleSearchCalls, NeedAHandleOfTheirOwn)
+{
+    recorder.fail(ldap_dup, nullptr, {.error = ENOMEM});
+
+    expectError(
+        thrownBy<BaseError>([&] { session->simpleSearch(params()); }), LDAP_NO_MEMORY, "ldap_dup"_s, ENOMEM);
+}
+
+TEST_F(SimpleSearchCalls, LeaveOutTheEntryWhoseDnCannotBeReadAndNameTheHandlesCode)
+{
+    server.expectSearch().answer(entries(1, 3), done());
+    std::atomic<int> reads = 0;
+    recorder.replace(ldap_get_dn, [&](LDAP* ld, LDAPMessage* entry) -> char* {
+        if (++reads != 2)
+            return CallRecorder::real(ldap_get_dn)(ld, entry);
+        const int code = LDAP_DECODING_ERROR;
+        CallRecorder::real(ldap_set_option)(ld, LDAP_OPT_RESULT_CODE, &code);
+        return nullptr;
+    });
+
+    const auto found = session->simpleSearch(params());
+
+    EXPECT_THAT(dnsOf(found), ElementsAre("cn=1", "cn=3"));
+    const auto messages = log.messages();
+    const auto line = std::find_if(messages.begin(), messages.end(),
+        [](const auto& message) { return message.text.rfind("Search entry", 0) == 0; });
+    ASSERT_NE(line, messages.end());
+    EXPECT_EQ(line->text, "Search entry handling error: ldap_get_dn: Decoding error");
+    EXPECT_EQ(line->level, log::Level::debug);
+}
+
+TEST_F(SimpleSearchCalls, KeepTheAttributesReadBeforeTheIterationFails)
+{
+    server.expectSearch().answer(entry("cn=1").attr("cn", "1").attr("sn", "2"), done());
+    recorder.mayKeepAttributeIterators();
+    endAttributesWith(LDAP_NO_MEMORY);
+    log.clear();
+
+    const auto found = session->simpleSearch(below("dc=x"));
+
+    ASSERT_THAT(found, SizeIs(1));
+    ASSERT_THAT(found.front().attributes, SizeIs(1));
+    EXPECT_EQ(found.front().attributes.front().name, "cn"_s);
+    EXPECT_THAT(
+        log.texts(log::Level::verbose), ElementsAre("Performing non-paged search",
+                                            "ldap_next_attribute error: Out of memory", "Found 1 entries"));
+}
+
+TEST_F(SimpleSearchCalls, TakeADecodingErrorForTheEndOfTheAttributes)
+{
+    server.expectSearch().answer(entry("cn=1").attr("cn", "1"), done());
+    recorder.mayKeepAttributeIterators();
+    endAttributesWith(LDAP_DECODING_ERROR);
+
+    EXPECT_THAT(session->simpleSearch(below("dc=x")), SizeIs(1));
+
+    EXPECT_FALSE(log.contains("ldap_next_attribute error"));
+}
+
+TEST_F(SimpleSearchCalls, NeverFreeTheIteratorOfTheAttributesButEveryName)
+{
+    server.expectSearch().answer(entry("cn=1").attr("cn", "1").attr("sn", "2"), done());
+    recorder.mayKeepAttributeIterators();
+
+    session->simpleSearch(below("dc=x"));
+    session.reset();
+
+    EXPECT_EQ(recorder.count("ldap_first_attribute"), 1U);
+    EXPECT_EQ(recorder.count("ber_free"), 0U);
+    EXPECT_THAT(recorder.takeProblems(), IsEmpty());
+}
+
+/// A result that was received, without a session in between.
+class ResponseCalls : public SearchCalls
+{
+protected:
+    ResponseCalls() { EXPECT_EQ(ldap_initialize(&m_ld, server.url().c_str()), LDAP_SUCCESS); }
+    ~ResponseCalls() override { ldap_destroy(m_ld); }
+
+    ldap::SearchResponse receive(const ResultMessage& last)
+    {
+        server.expectSearch().answer(last);
+        LDAPMessage* chain = nullptr;
+        ldap_search_ext_s(
+            m_ld, "dc=x", LDAP_SCOPE_BASE, nullptr, nullptr, 0, nullptr, nullptr, nullptr, 0, &chain);
+        return {m_ld, ldap::MessagePtr(chain, &ldap_msgfree)};
+    }
+
+private:
+    LDAP* m_ld = nullptr;
+};
+
+TEST_F(ResponseCalls, GivesTheControlsOfAFailedResultAndReportsIt)
+{
+    const AssertionCapture assertions;
+
+    auto response = receive(done(4).page("cookie"));
+
+    EXPECT_TRUE(ldap::hasPageControl(response.controls()));
+    EXPECT_THAT(assertions.failures(),
+        ElementsAre(AssertionCapture::Failure{"ldap/private/utils", 140, "errcode == 0x00", ""}));
+}
+
+TEST_F(ResponseCalls, HasNoControlsWithoutAReportWhenTheServerSentNone)
+{
+    const AssertionCapture assertions;
+
+    auto response = receive(done());
+
+    EXPECT_EQ(response.controls(), nullptr);
+    EXPECT_EQ(recorder.only("ldap_parse_result").number("freeit"), 0);
+    EXPECT_THAT(assertions.failures(), IsEmpty());
+}
+
+TEST_F(ResponseCalls, ThrowsWhenTheControlsCannotBeParsed)
+{
+    auto response = receive(done().page("cookie"));
+    recorder.fail(ldap_parse_result, LDAP_DECODING_ERROR, {.error = EXDEV});
+
+    expectError(
+        thrownBy<BaseError>([&] { response.controls(); }), LDAP_DECODING_ERROR, "ldap_parse_result"_s, 0);
+}
+
+} // namespace
+
+} // namespace tavo::test
