@@ -130,7 +130,12 @@ public:
     void stopAsyncSearch(SearchContext* context);
 
     /// Runs a paged search and waits for all of it: the entries of all pages in the server's order, or the
-    /// `Result` that ended it, without entries.
+    /// `Result` that ended it, without entries. Waits for its turn behind searches that were started before.
+    ///
+    /// Not to be called by a handler from an intermediate call, which keeps every other search from
+    /// delivering. \throws std::future_error when the search was forgotten by `stopAsyncSearch` meanwhile,
+    /// and what
+    ///         `asyncSearch` throws
     std::variant<Result, std::vector<SearchEntry>> search(SearchParams params, int pageSize);
 
     /// Asks the root DSE which kind of directory this is. Blocks. A server that can't be asked counts as

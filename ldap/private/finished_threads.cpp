@@ -4,6 +4,8 @@
 #include <mutex>
 #include <utility>
 
+#include <unistd.h>
+
 namespace tavo::ldap::finished_threads {
 
 namespace {
@@ -32,13 +34,21 @@ std::future<void> exchangeLast(std::future<void> task)
     return std::exchange(threads().last, std::move(task));
 }
 
-/// Leaves no thread behind that has ended without being joined when the process exits.
+/// Leaves no thread behind that has ended without being joined when the process exits. In a forked child
+/// there are no such threads, only the memory of them.
 struct JoinAtExit
 {
     JoinAtExit() = default;
     JoinAtExit(const JoinAtExit&) = delete;
     JoinAtExit& operator=(const JoinAtExit&) = delete;
-    ~JoinAtExit() { join(); }
+    ~JoinAtExit()
+    {
+        if (getpid() == process) {
+            join();
+        }
+    }
+
+    const pid_t process = getpid();
 };
 
 const JoinAtExit joinAtExit;
