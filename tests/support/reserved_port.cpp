@@ -41,11 +41,12 @@ ReservedPort::ReservedPort()
 
 ReservedPort::~ReservedPort() { close(m_socket); }
 
-bool isListening(std::uint16_t port)
+bool isListening(std::uint16_t port, const std::string& address)
 {
     const int client = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in address = loopback(port);
-    const bool connected = connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    sockaddr_in server = loopback(port);
+    inet_pton(AF_INET, address.c_str(), &server.sin_addr);
+    const bool connected = connect(client, reinterpret_cast<const sockaddr*>(&server), sizeof server) == 0;
     close(client);
     return connected;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 namespace tavo::test {
 
@@ -24,7 +25,7 @@ private:
     std::uint16_t m_number = 0;
 };
 
-/// Whether something accepts connections on that port of 127.0.0.1 right now.
-bool isListening(std::uint16_t port);
+/// Whether something accepts connections on that port of that loopback address right now.
+bool isListening(std::uint16_t port, const std::string& address = "127.0.0.1");
 
 } // namespace tavo::test
