@@ -1,0 +1,420 @@
+// Users and groups of a real Active Directory domain.
+#include "directory_test.h"
+
+#include "support/samba.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <iostream>
+
+#include <dlfcn.h>
+#include <netdb.h>
+
+namespace tavo::test {
+namespace {
+
+/// The hosts that anybody in this process has asked the resolver for.
+class HostLookups
+{
+public:
+    static HostLookups& instance()
+    {
+        static HostLookups lookups;
+        return lookups;
+    }
+    void add(const char* host)
+    {
+        const std::lock_guard lock(m_mutex);
+        m_hosts.emplace_back(host == nullptr ? "" : host);
+    }
+    std::vector<std::string> hosts() const
+    {
+        const std::lock_guard lock(m_mutex);
+        return m_hosts;
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::vector<std::string> m_hosts;
+};
+
+} // namespace
+} // namespace tavo::test
+
+/// Stands before the C library's function of this name for the client library, too: whoever wants to go to
+/// another server has to come by here.
+extern "C" __attribute__((visibility("default"))) int getaddrinfo(
+    const char* host, const char* service, const addrinfo* hints, addrinfo** result)
+{
+    static const auto real = reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
+    tavo::test::HostLookups::instance().add(host);
+    return real(host, service, hints, result);
+}
+
+namespace tavo::ldap {
+namespace {
+
+using test::operator""_s;
+using test::Deliveries;
+using test::Entries;
+using test::qt;
+using test::Samba;
+using test::urlOf;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::Field;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::UnorderedElementsAre;
+using ::testing::UnorderedElementsAreArray;
+
+const QString kSuffix = qt(Samba::suffix);
+const QString kAdministrator = qt(Samba::administrator);
+const QString kPassword = qt(Samba::password);
+constexpr int kEnabled = 23;
+constexpr int kDisabled = 5;
+
+std::string staffDn(const std::string& name) { return "CN=" + name + ",OU=Staff,DC=ad,DC=test"; }
+
+/// `user00` and on; the disabled ones come after the enabled ones.
+std::string loginOf(int number) { return (number < 10 ? "user0" : "user") + std::to_string(number); }
+
+/// A password in the form in which Active Directory takes it: UTF-16 in quotes.
+std::string passwordLine(const std::string& password)
+{
+    const QString quoted = qt("\"" + password + "\"");
+    const QByteArray utf16(reinterpret_cast<const char*>(quoted.utf16()), quoted.size() * 2);
+    return "unicodePwd:: " + utf16.toBase64().toStdString() + "\n";
+}
+
+std::string account(int number)
+{
+    const std::string login = loginOf(number);
+    // The second one never has to change its password; the third has a name that isn't ASCII.
+    const std::string control = number >= kEnabled ? "514" : number == 1 ? "66048" : "512";
+    const std::string name = number == 2 ? "Zoë Müller" : "Person " + login;
+    return "dn: " + staffDn(login) + "\nobjectClass: user\nsAMAccountName: " + login +
+           "\nuserPrincipalName: " + login + "@ad.test\ndisplayName: " + name + "\nmail: " + login +
+           "@AD.Test\nuserAccountControl: " + control + "\n" + passwordLine(Samba::password) + "\n";
+}
+
+std::string group(const std::string& name, const std::vector<std::string>& members)
+{
+    std::string ldif = "dn: " + staffDn(name) + "\nobjectClass: group\nsAMAccountName: " + name + "\n";
+    for (const std::string& member : members) {
+        ldif += "member: " + staffDn(member) + "\n";
+    }
+    return ldif + "\n";
+}
+
+std::string staff()
+{
+    std::string ldif = "dn: OU=Staff,DC=ad,DC=test\nobjectClass: organizationalUnit\n\n";
+    std::vector<std::string> enabled;
+    for (int number = 0; number < kEnabled + kDisabled; ++number) {
+        ldif += account(number);
+        if (number < kEnabled) {
+            enabled.push_back(loginOf(number));
+        }
+    }
+    ldif += "dn: " + staffDn("Supplier") + "\nobjectClass: contact\nmail: supplier@other.test\n\n";
+    ldif += "dn: " + staffDn("PC1") +
+            "\nobjectClass: computer\nsAMAccountName: PC1$\nuserAccountControl: 4096\n\n";
+    ldif += group("Everybody", enabled);
+    return ldif + group("Nested", {"Everybody", "user03"}) + group("Nobody", {});
+}
+
+/// With the two accounts that a new domain has.
+std::vector<QString> enabledLogins()
+{
+    std::vector<QString> logins{"Administrator"_s, "dns-dc"_s};
+    for (int number = 0; number < kEnabled; ++number) {
+        logins.push_back(qt(loginOf(number)));
+    }
+    return logins;
+}
+
+class ActiveDirectoryTest : public ::testing::Test
+{
+protected:
+    /// One domain serves all tests of a process. Not set up for the suite: its tests would count as skipped
+    /// where that fails.
+    ActiveDirectoryTest()
+    {
+        if (samba) {
+            return;
+        }
+        samba = std::make_unique<Samba>(staff());
+        // As an administrator would, before the process's first use of the client library.
+        setenv("LDAPTLS_CACERT", samba->caCertificate().c_str(), 1);
+        configuration.write("tavo_ldap.ini", "logResponseReferences = true\n");
+        setenv("TAVO_CONFIG_DIR", configuration.path().c_str(), 1);
+    }
+
+    static void TearDownTestSuite() { samba.reset(); }
+
+    void TearDown() override
+    {
+        if (HasFailure()) {
+            std::cerr << "What Samba said:\n" << samba->log();
+        }
+    }
+
+    static Settings settings()
+    {
+        Settings settings;
+        settings.uri = urlOf(samba->ldapsUrl());
+        settings.adminDn = kAdministrator;
+        settings.adminPassword = kPassword;
+        settings.searchPageSize = 10;
+        return settings;
+    }
+
+    static SearchFilter everything(const QString& filter = {}) { return {kSuffix, filter}; }
+
+    static std::vector<QString> fetchLogins(const QString& filter = {})
+    {
+        const auto manager = createManagerOrThrow(settings());
+        Deliveries<User> users;
+        manager->fetchUsersAsync(users.handler(), everything(filter));
+        EXPECT_EQ(users.waitForEnd(), Result::ok);
+        return loginsOf(users.records());
+    }
+
+    static std::vector<QString> loginsOf(const std::vector<User>& users)
+    {
+        std::vector<QString> logins;
+        for (const User& user : users) {
+            logins.push_back(user.login);
+        }
+        return logins;
+    }
+
+    static std::vector<QString> membersOf(const std::string& group)
+    {
+        const auto manager = createManagerOrThrow(settings());
+        Deliveries<Group> groups;
+        manager->fetchGroupsAsync(groups.handler(), everything(qt("(sAMAccountName=" + group + ")")));
+        EXPECT_EQ(groups.waitForEnd(), Result::ok);
+        const auto records = groups.records();
+        EXPECT_THAT(records, ElementsAre(Field(&Group::name, qt(group))));
+        return records.empty() ? std::vector<QString>{"no such group"_s} : records[0].members;
+    }
+
+    static std::unique_ptr<Session> secureSession()
+    {
+        return std::make_unique<Session>(urlOf(samba->ldapsUrl()), false, false);
+    }
+
+    static std::unique_ptr<Session> boundSession()
+    {
+        auto session = secureSession();
+        session->bind(kAdministrator, kPassword);
+        return session;
+    }
+
+    static inline const test::TemporaryDirectory configuration;
+    static inline std::unique_ptr<Samba> samba;
+};
+
+TEST_F(ActiveDirectoryTest, isRecognisedBeforeAnybodyBinds)
+{
+    for (const std::string& url : {samba->url(), samba->ldapsUrl()}) {
+        const VendorDefaults defaults = Session(urlOf(url), false, false).detectLdapVendor();
+        EXPECT_EQ(defaults.loginAttribute, "sAMAccountName"_s);
+        EXPECT_EQ(defaults.groupObjectClass, "group"_s);
+        EXPECT_EQ(defaults.memberAttribute, QByteArray("member"));
+        EXPECT_EQ(defaults.userFilter,
+            "(&(objectCategory=User)(!(userAccountControl:1.2.840.113556.1.4.803:=2)))"_s);
+    }
+}
+
+TEST_F(ActiveDirectoryTest, answersNoSearchWithoutABind)
+{
+    const auto session = secureSession();
+    try {
+        session->simpleSearch({kSuffix, QString(), {}, SearchScope::subtree});
+        FAIL() << "nothing thrown";
+    } catch (const BaseError& error) {
+        EXPECT_EQ(error.ldapCode, 1);
+    }
+}
+
+TEST_F(ActiveDirectoryTest, fetchesExactlyTheEnabledUsersPageByPage)
+{
+    const test::LogCapture log;
+    const auto manager = createManagerOrThrow(settings());
+    Deliveries<User> users;
+    manager->fetchUsersAsync(users.handler(), everything());
+    EXPECT_EQ(users.waitForEnd(), Result::ok);
+    EXPECT_THAT(loginsOf(users.records()), UnorderedElementsAreArray(enabledLogins()));
+    EXPECT_THAT(users.results(), ElementsAre(Result::moreResults, Result::moreResults, Result::ok));
+    // A contact has no account that could be disabled, so the server's filter lets it pass.
+    EXPECT_TRUE(log.contains("Ignoring entry with empty login: " + staffDn("Supplier")));
+    EXPECT_EQ(log.texts(log::Level::warning), std::vector<std::string>());
+}
+
+TEST_F(ActiveDirectoryTest, fetchesAUsersNameAndAddress)
+{
+    const auto manager = createManagerOrThrow(settings());
+    Deliveries<User> users;
+    manager->fetchUsersAsync(users.handler(), everything("(sAMAccountName=user02)"_s));
+    EXPECT_EQ(users.waitForEnd(), Result::ok);
+    EXPECT_THAT(users.records(),
+        ElementsAre(::testing::AllOf(Field(&User::dn, qt(staffDn("user02"))), Field(&User::login, "user02"_s),
+            Field(&User::fullName, "Zoë Müller"_s), Field(&User::email, "user02@ad.test"_s))));
+}
+
+TEST_F(ActiveDirectoryTest, leavesDisabledUsersOutAlsoWhenAskedForByName)
+{
+    EXPECT_THAT(fetchLogins(qt("(sAMAccountName=" + loginOf(kEnabled) + ")")), IsEmpty());
+    EXPECT_THAT(fetchLogins("(sAMAccountName=Guest)"_s), IsEmpty());
+}
+
+TEST_F(ActiveDirectoryTest, takesComputersForNoUsers)
+{
+    EXPECT_THAT(fetchLogins("(objectClass=computer)"_s), IsEmpty());
+    // They are users by class, so that it takes the category to tell.
+    const auto found = boundSession()->simpleSearch(
+        {kSuffix, "(&(objectClass=user)(cn=PC1))"_s, {"cn"}, SearchScope::subtree});
+    EXPECT_THAT(found, ElementsAre(Field(&SearchEntry::dn, qt(staffDn("PC1")))));
+}
+
+TEST_F(ActiveDirectoryTest, bindsByDnByPrincipalNameAndByDomainName)
+{
+    for (const std::string& name :
+        {staffDn("user00"), std::string("user00@ad.test"), std::string("ADTEST\\user00")}) {
+        EXPECT_NO_THROW(secureSession()->bind(qt(name), kPassword)) << name;
+        EXPECT_THROW(secureSession()->bind(qt(name), "wrong"_s), InvalidCredentialsError) << name;
+    }
+}
+
+TEST_F(ActiveDirectoryTest, refusesABareLogin)
+{
+    EXPECT_THROW(secureSession()->bind("user00"_s, kPassword), InvalidCredentialsError);
+}
+
+TEST_F(ActiveDirectoryTest, refusesDisabledAndUnknownAccountsLikeAWrongPassword)
+{
+    for (const std::string& name : {loginOf(kEnabled) + "@ad.test", std::string("nobody@ad.test")}) {
+        try {
+            secureSession()->bind(qt(name), kPassword);
+            FAIL() << name;
+        } catch (const InvalidCredentialsError& error) {
+            EXPECT_EQ(error.user, qt(name));
+        }
+    }
+}
+
+TEST_F(ActiveDirectoryTest, takesASimpleBindOnlyOverTls)
+{
+    try {
+        Session(urlOf(samba->url()), false, false).bind(kAdministrator, kPassword);
+        FAIL() << "nothing thrown";
+    } catch (const BaseError& error) {
+        EXPECT_EQ(error.ldapCode, 8);
+        EXPECT_EQ(error.context, "bind"_s);
+    }
+    Settings settings = ActiveDirectoryTest::settings();
+    EXPECT_TRUE(testLdapConnection(settings)) << "ldaps";
+    settings.uri = urlOf(samba->url());
+    EXPECT_FALSE(testLdapConnection(settings)) << "plain";
+    settings.startTls = true;
+    EXPECT_TRUE(testLdapConnection(settings)) << "StartTLS";
+}
+
+TEST_F(ActiveDirectoryTest, reportsThatItIsNotToldWhoItIs)
+{
+    const auto session = boundSession();
+    try {
+        session->whoAmI();
+        FAIL() << "nothing thrown";
+    } catch (const BaseError& error) {
+        EXPECT_EQ(error.ldapCode, 2);
+        EXPECT_EQ(error.context, "whoAmI"_s);
+    }
+    EXPECT_THAT(session->simpleSearch({kSuffix, QString(), {"dc"}, SearchScope::base}), ::testing::SizeIs(1))
+        << "the connection is still good";
+}
+
+TEST_F(ActiveDirectoryTest, logsReferralsAndNeverChasesThem)
+{
+    const test::LogCapture log;
+    EXPECT_THAT(fetchLogins("(sAMAccountName=user00)"_s), ElementsAre("user00"_s));
+    EXPECT_TRUE(log.contains("Not chasing reference received from server: "
+                             "ldaps://ad.test/CN=Configuration,DC=ad,DC=test"));
+    const std::string self = samba->ldapsUrl().substr(std::string("ldaps://").size());
+    EXPECT_THAT(test::HostLookups::instance().hosts(),
+        ::testing::AllOf(Contains(self), Not(Contains(HasSubstr(Samba::domain)))));
+}
+
+TEST_F(ActiveDirectoryTest, reportsABaseOfAnotherDomainAsOneThatDoesNotExist)
+{
+    const auto found = boundSession()->search(
+        {"DC=other,DC=test"_s, "(objectClass=user)"_s, {"cn"}, SearchScope::subtree}, 10);
+    EXPECT_EQ(std::get<Result>(found), Result::noSuchObject);
+}
+
+TEST_F(ActiveDirectoryTest, fetchesGroupsWithTheMembersThatTheServerLists)
+{
+    std::vector<QString> everybody;
+    for (int number = 0; number < kEnabled; ++number) {
+        everybody.push_back(qt(staffDn(loginOf(number))));
+    }
+    EXPECT_THAT(membersOf("Everybody"), UnorderedElementsAreArray(everybody));
+    EXPECT_THAT(membersOf("Nobody"), IsEmpty());
+}
+
+TEST_F(ActiveDirectoryTest, listsANestedGroupAsAMemberAndNotItsMembers)
+{
+    EXPECT_THAT(membersOf("Nested"), UnorderedElementsAre(qt(staffDn("Everybody")), qt(staffDn("user03"))));
+}
+
+TEST_F(ActiveDirectoryTest, findsTheMembersOfNestedGroupsWhenAskedWithTheChainRule)
+{
+    auto expected = enabledLogins();
+    expected.erase(expected.begin(), expected.begin() + 2);
+    EXPECT_THAT(fetchLogins(qt("(memberOf:1.2.840.113556.1.4.1941:=" + staffDn("Nested") + ")")),
+        UnorderedElementsAreArray(expected));
+}
+
+TEST_F(ActiveDirectoryTest, listsNobodyInThePrimaryGroupOfAll)
+{
+    const auto session = boundSession();
+    const auto users = session->simpleSearch(
+        {kSuffix, "(&(sAMAccountName=user00)(primaryGroupID=513))"_s, {"memberOf"}, SearchScope::subtree});
+    ASSERT_THAT(users, ::testing::SizeIs(1));
+    EXPECT_THAT(users[0].getAttribute("memberOf"_s).values, ElementsAre(qt(staffDn("Everybody"))));
+    EXPECT_THAT(membersOf("Domain Users"), IsEmpty());
+}
+
+TEST_F(ActiveDirectoryTest, servesTwoFetchesOfOneManagerAtTheSameTime)
+{
+    const auto manager = createManagerOrThrow(settings());
+    Deliveries<User> users;
+    Deliveries<Group> groups;
+    bool interleaved = false;
+    manager->fetchUsersAsync(
+        [&](Result result, std::vector<User> page) {
+            if (users.all().empty()) {
+                // The groups' first page comes before the users' second one is asked for.
+                const test::LogCapture log;
+                manager->fetchGroupsAsync(groups.handler(), everything());
+                interleaved = log.waitFor("Found 10 entries on page 1");
+            }
+            users.add(result, std::move(page));
+        },
+        everything());
+    EXPECT_EQ(users.waitForEnd(), Result::ok);
+    EXPECT_EQ(groups.waitForEnd(), Result::ok);
+    EXPECT_TRUE(interleaved);
+    EXPECT_THAT(loginsOf(users.records()), UnorderedElementsAreArray(enabledLogins()));
+    EXPECT_GT(groups.all().size(), 3U);
+    EXPECT_THAT(groups.records(), Contains(Field(&Group::name, "Nested"_s)));
+}
+
+} // namespace
+} // namespace tavo::ldap
