@@ -2,12 +2,18 @@
 
 #include "test_outcome.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <stdexcept>
+#include <vector>
 
 #include <fcntl.h>
+#include <net/if.h>
+#include <netinet/in.h>
 #include <sys/file.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace tavo::test {
@@ -15,6 +21,9 @@ namespace {
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
+
+constexpr std::uint16_t ldapPort = 389;
+constexpr std::uint16_t ldapsPort = 636;
 
 constexpr auto howToInstall =
     "run ./dev setup (Debian: apt-get install samba samba-dsdb-modules samba-ad-provision)";
@@ -39,6 +48,53 @@ result = provision(
     dns_backend="NONE", skip_sysvolacl=True, batch_mode=True)
 result.samdb.add_ldif(open(directory + "/entries.ldif", encoding="utf-8").read())
 )";
+
+bool mayListenWhereSambaDoes()
+{
+    const int server = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(ldapPort);
+    const bool forbidden =
+        bind(server, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 && errno == EACCES;
+    close(server);
+    return !forbidden;
+}
+
+void switchLoopbackOn()
+{
+    const int anySocket = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ifreq loopback{};
+    loopback.ifr_name[0] = 'l';
+    loopback.ifr_name[1] = 'o';
+    loopback.ifr_flags = IFF_UP | IFF_RUNNING;
+    ioctl(anySocket, SIOCSIFFLAGS, &loopback);
+    close(anySocket);
+}
+
+/// Not everybody may listen on Samba's ports, but everybody may have a network of his own and be root there.
+/// So a program that is going to need a Samba moves there first of all, while it has no other thread.
+__attribute__((constructor)) void moveToNetworkOfOnesOwn(int argc, char** argv)
+{
+    static constexpr auto isThere = "TAVO_TEST_OWN_NETWORK";
+    if (std::getenv(isThere) != nullptr)
+        return switchLoopbackOn();
+    if (mayListenWhereSambaDoes())
+        return;
+    std::fputs("This user may not listen on port 389; going on in a network namespace. Where those are "
+               "forbidden, too, run this as root.\n",
+        stderr);
+    std::string program = fs::read_symlink("/proc/self/exe");
+    std::vector<std::string> words{"unshare", "--user", "--map-root-user", "--net", "--", program};
+    words.insert(words.end(), argv + 1, argv + argc);
+    std::vector<char*> pointers;
+    for (std::string& word : words)
+        pointers.push_back(word.data());
+    pointers.push_back(nullptr);
+    setenv(isThere, "1", 1);
+    execvp(pointers[0], pointers.data());
+    std::perror(pointers[0]);
+}
 
 /// Holds a lock that other processes see, too.
 class FileLock
@@ -165,7 +221,7 @@ void Samba::start()
                    "--configfile=" + (m_directory.path() / "smb.conf").string()},
             .program = installedSamba(),
             .log = log}));
-    for (const std::uint16_t port : {std::uint16_t{389}, std::uint16_t{636}}) {
+    for (const std::uint16_t port : {ldapPort, ldapsPort}) {
         while (!isListening(port, m_address)) {
             // Nothing tells when a server begins to listen; that it has ended instead is known at once.
             if (m_process->waitForExit(2ms))
