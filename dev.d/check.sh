@@ -4,6 +4,7 @@
 readonly check_steps=(
     "sanitize asan"
     "sanitize tsan"
+    "check_openssl_libldap"
     "cmd_lint"
 )
 

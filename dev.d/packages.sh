@@ -6,6 +6,7 @@ declare -A packages=(
     [test]="libgtest-dev libgmock-dev ccache"
     [slapd]="slapd"
     [samba]="samba samba-dsdb-modules samba-ad-provision python3"
+    [openssl_libldap]="gcc make libc6-dev dpkg-dev libssl-dev libsasl2-dev"
     [lint]="clang clang-format clang-tidy shellcheck git"
 )
 

@@ -1,0 +1,65 @@
+# shellcheck shell=bash
+# The second TLS backend. Debian 12 builds libldap on GnuTLS, most others build it on OpenSSL, and what is known of a
+# failed handshake differs. So the tests with real servers run once more on the distribution's own source of the
+# version that is installed, built on OpenSSL: compiled code takes the one for the other.
+
+readonly openssl_libldap=$PWD/build/openssl-libldap
+
+system_libldap_is_on_openssl() {
+    ldd "$(pkg-config --variable=libdir ldap)/libldap.so" | grep -q libssl
+}
+
+# Apt with folders of its own and the machine's repositories asked for sources: leaves apt's own state as it is.
+private_apt_get() {
+    apt-get -o Dir::Etc::sourcelist=/dev/null -o Dir::Etc::sourceparts="$openssl_libldap/apt/sources" \
+        -o Dir::State::lists="$openssl_libldap/apt/lists" -o Dir::Cache="$openssl_libldap/apt/cache" \
+        -o APT::Sandbox::User="$(id -un)" -qq "$@"
+}
+
+# fetch_libldap_source VERSION: into the folder `source`.
+fetch_libldap_source() (
+    rm -rf "$openssl_libldap" && mkdir -p "$openssl_libldap"/{source,apt/{sources,lists/partial,cache/archives/partial}} || exit
+    for file in /etc/apt/sources.list /etc/apt/sources.list.d/*.list /etc/apt/sources.list.d/*.sources; do
+        [ ! -e "$file" ] ||
+            sed -E 's/^deb[[:space:]]/deb-src /; s/^Types:.*/Types: deb-src/' "$file" \
+                >"$openssl_libldap/apt/sources/${file##*/}" || exit
+    done
+    # A repository without sources makes this fail; what matters is whether the one source is found.
+    private_apt_get update
+    cd "$openssl_libldap/source" && private_apt_get source "openldap=$1"
+)
+
+# Into the folder `prefix`; clients, server and manual pages are left out.
+compile_libldap() (
+    cd "$openssl_libldap"/source/openldap-*/ || exit
+    CFLAGS="-O2 -g -w" ./configure --prefix="$openssl_libldap/prefix" --sysconfdir="$openssl_libldap/prefix/etc" \
+        --disable-slapd --disable-static --enable-shared --with-tls=openssl --with-cyrus-sasl --without-systemd \
+        --disable-dependency-tracking || exit
+    for folder in include libraries/liblutil libraries/liblber libraries/libldap; do
+        make -C "$folder" depend && make -C "$folder" -j"$(nproc)" || exit
+    done
+    for folder in include libraries/liblber libraries/libldap; do
+        make -C "$folder" install STRIP= || exit
+    done
+)
+
+# Once for each version of the installed one.
+build_openssl_libldap() {
+    local version
+    version=$(dpkg-query -W -f '${source:Version}' libldap-dev) || return
+    [ "$(cat "$openssl_libldap/version" 2>/dev/null)" != "$version" ] || return 0
+    fetch_libldap_source "$version" && compile_libldap &&
+        rm -rf "$openssl_libldap/source" "$openssl_libldap/apt" && echo "$version" >"$openssl_libldap/version"
+}
+
+# The test programs alone get the other library: the fixtures keep it from their servers.
+check_openssl_libldap() {
+    if system_libldap_is_on_openssl; then
+        echo "ok   the system's own libldap is on OpenSSL: every other run tests that backend"
+        return
+    fi
+    install_missing build test slapd samba openssl_libldap
+    step "openssl-libldap" build_openssl_libldap && build dev || return
+    step "tests on openssl-libldap" env LD_LIBRARY_PATH="$openssl_libldap/prefix/lib" TAVO_TEST_TLS_BACKEND=OpenSSL \
+        ctest --test-dir build/dev --parallel $(($(nproc) * 2)) --no-tests=error --output-on-failure -L '^directory$'
+}
