@@ -25,14 +25,13 @@ summarise_tests() {
 }
 
 cmd_test() {
-    local selection=() status=0
+    local selection=() servers=(slapd samba) status=0
     case ${1:-} in
         "") ;;
-        quick) selection=(-L '^(unit|call|wire)$') ;;
+        quick) selection=(-L '^(unit|call|wire)$') servers=() ;;
         *) selection=(-R "$1") ;;
     esac
-    install_missing build test
-    [ "${1:-}" = quick ] || install_missing slapd samba
+    install_missing build test "${servers[@]}"
     build dev || return
     rm -f "$logs/tests-dev.xml"
     run_tests dev "${selection[@]}" || status=$?
