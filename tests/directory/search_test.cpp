@@ -232,12 +232,21 @@ TEST_F(SearchTest, runsTwoPagedSearchesOnOneConnectionToTheirEnds)
 TEST_F(SearchTest, goesOnWithTheNextSearchWhenTheOneBeforeIsForgotten)
 {
     for (int round = 0; round < 50; ++round) {
-        Entries forgotten;
         Entries next;
-        SearchContext* const context = m_session->asyncSearch(peopleSearch(), forgotten.handler(), 1);
-        forgotten.waitForPages(1);
-        m_session->asyncSearch(peopleSearch(), next.handler(), 2);
-        m_session->stopAsyncSearch(context);
+        std::promise<void> nextWaits;
+        // The next search starts while the first one certainly runs: a search's address means it only so
+        // long.
+        SearchContext* const forgotten = m_session->asyncSearch(
+            peopleSearch(),
+            [&, calls = 0](Result, const std::vector<SearchEntry>&) mutable {
+                if (++calls == 1) {
+                    m_session->asyncSearch(peopleSearch(), next.handler(), 2);
+                    nextWaits.set_value();
+                }
+            },
+            1);
+        nextWaits.get_future().get();
+        m_session->stopAsyncSearch(forgotten);
         ASSERT_EQ(next.waitForEnd(), Result::ok) << "in round " << round;
         ASSERT_THAT(next.records(), SizeIs(25));
     }
