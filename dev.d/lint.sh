@@ -29,12 +29,41 @@ lint_readme() {
     sed -n '/^```cpp$/,/^```$/p' README.md | sed '1d;$d' | diff - examples/fetch_users.cpp
 }
 
+# "FILE: BEGINNING" of every comment on a deliberate oddity, and of every line of the list of them.
+by_design_comments() {
+    git grep --untracked -o 'By design: .*' -- ldap support tools |
+        sed -E 's/^([^:]*):By design: (.{1,30}).*/\1: \2/; s/ *$//' | LC_ALL=C sort
+}
+
+by_design_rows() {
+    sed -nE 's/^\| `([^`]*)` \| "([^"]*)" .*/\1: \2/p' docs/by-design.md | LC_ALL=C sort
+}
+
+# Each line of the list ends with the test that holds the oddity.
+by_design_tests_exist() {
+    local row suite name status=0
+    while read -r row; do
+        read -r suite name < <(sed -nE 's/.*`([A-Za-z0-9]+)\.([A-Za-z0-9]+)` \|$/\1 \2/p' <<<"$row") || suite=
+        if [ -z "$suite" ] ||
+            ! git ls-files -z -- 'tests/*.cpp' | xargs -0 cat | grep -Pzq "TEST(_F|_P)?\($suite,\s+$name\)"; then
+            echo "there is no such test: $row"
+            status=1
+        fi
+    done < <(grep '^| `' docs/by-design.md)
+    return "$status"
+}
+
+lint_by_design() {
+    diff --label code --label docs/by-design.md -U0 <(by_design_comments) <(by_design_rows) && by_design_tests_exist
+}
+
 cmd_lint() {
     local failures=0
     install_missing build test lint
     step "format" lint_format || failures=1
     step "shellcheck" lint_shell || failures=1
     step "readme" lint_readme || failures=1
+    step "by-design" lint_by_design || failures=1
     build clang || failures=1
     build dev || return
     step "clang-tidy" lint_tidy || failures=1

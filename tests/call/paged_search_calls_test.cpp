@@ -368,6 +368,24 @@ TEST_F(PagedSearchCalls, FreeTheLiveCookieWhenTheyAreStopped)
     EXPECT_EQ(recorder.only("ldap_parse_pageresponse_control").text("cookie"), "live");
 }
 
+TEST_F(PagedSearchCalls, GoOnToTheirEndWhenTheyAreForgotten)
+{
+    const Gate forgotten;
+    server.expectSearch().answer(entries(1, 2), done().page("one"));
+    server.expectSearch().answer(waitFor(forgotten), entries(3, 2), done().page("two"));
+    server.expectSearch().answer(entries(5, 1), done().page(""));
+    HandlerCalls calls;
+    SearchContext* const context = session->asyncSearch(params(), calls.handler(), 2);
+    calls.waitForCalls(1);
+
+    session->stopAsyncSearch(context);
+    forgotten.open();
+    recorder.waitForReturns("ldap_destroy", 1);
+
+    EXPECT_EQ(recorder.count("ldap_search_ext"), 3U);
+    EXPECT_EQ(calls.count(), 1U);
+}
+
 TEST_F(PagedSearchCalls, LogEachStepOfEachPage)
 {
     serveThreePages();

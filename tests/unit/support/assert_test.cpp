@@ -2,7 +2,10 @@
 #include "support/log_capture.h"
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <gmock/gmock.h>
+#include <memory>
 #include <stdexcept>
 #include <tavo_utils/assert.h>
 #include <thread>
@@ -94,6 +97,31 @@ TEST(Assert, LetsTheHandlerBeReplacedWhileOtherThreadsAssert)
     }
     setAssertionHandler({});
     EXPECT_EQ(calls, 2 * perThread);
+}
+
+struct AssertsAtExit
+{
+    ~AssertsAtExit() { assertFailure("some/file", 30, "false"); }
+};
+
+struct SaysWhenItGoes
+{
+    ~SaysWhenItGoes() { std::fputs("the handler is gone; ", stderr); }
+};
+
+void exitWithAStaticThatAsserts()
+{
+    static const AssertsAtExit last; // made before the handler is first used, so destroyed after it
+    setAssertionHandler([owned = std::make_shared<SaysWhenItGoes>()](SourcePosition, const char*,
+                            const QString&) { std::fputs("asserted at exit", stderr); });
+    std::exit(0); // NOLINT(concurrency-mt-unsafe): the child has this thread only
+}
+
+TEST(AssertDeathTest, WorksWhileStaticObjectsAreDestroyed)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(exitWithAStaticThatAsserts(), testing::ExitedWithCode(0),
+        testing::AllOf(testing::HasSubstr("asserted at exit"), testing::Not(testing::HasSubstr("gone"))));
 }
 
 } // namespace
