@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <future>
 #include <memory>
+#include <optional>
 #include <pthread.h>
 #include <stdexcept>
 #include <system_error>
@@ -456,6 +457,23 @@ TEST_F(PagedSearchCalls, TakeTheSessionsLockAtFourPlaces)
         session.reset();
         EXPECT_THAT(locks.positionsIn("ldap/session"), ElementsAre("ldap/session:177", "ldap/session:65"));
     }
+}
+
+TEST_F(PagedSearchCalls, DropAForgottenHandlerOutsideTheSessionsLock)
+{
+    server.otherwise([](const Request&) { return closeConnection(); });
+    const LockWatch locks;
+    std::optional<std::size_t> held;
+    auto owned = std::shared_ptr<void>(nullptr, [&](void*) { held = LockWatch::countHeldHere(); });
+    const Gate gate;
+    beforeEach(recorder, ldap_search_ext, [&] { gate.wait("the test"); });
+    SearchContext* const context = session->asyncSearch(
+        params(), [owned = std::move(owned)](Result, const std::vector<ldap::SearchEntry>&) {}, 2);
+
+    session->stopAsyncSearch(context);
+
+    EXPECT_EQ(held, 0U);
+    gate.open();
 }
 
 TEST_F(PagedSearchCalls, MakeTheErrorOfAnIntermediateCallTheirFinalResult)
