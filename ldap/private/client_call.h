@@ -75,13 +75,19 @@ struct ClientCallResult
 
 /// Makes one call of the client library on a caller's thread, safe from SIGPIPE.
 ///
-/// `errno` is read before anything else can change it, and is still the call's when this returns.
+/// `errno` is read before anything else can change it. A call that leaves it alone, as a failed TLS handshake
+/// may, gives 0: what was there before is not its reason, and is still there when this returns.
 template <class Call>
 ClientCallResult callClient(Call&& call)
 {
     const SigpipeGuard guard;
+    const int formerError = std::exchange(errno, 0);
     const int code = std::forward<Call>(call)();
-    return {code, errno};
+    const int systemError = errno;
+    if (systemError == 0) {
+        errno = formerError;
+    }
+    return {code, systemError};
 }
 
 } // namespace tavo::ldap
