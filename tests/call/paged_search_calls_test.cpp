@@ -466,7 +466,8 @@ TEST_F(PagedSearchCalls, DropAForgottenHandlerOutsideTheSessionsLock)
     std::optional<std::size_t> held;
     auto owned = std::shared_ptr<void>(nullptr, [&](void*) { held = LockWatch::countHeldHere(); });
     const Gate gate;
-    beforeEach(recorder, ldap_search_ext, [&] { gate.wait("the test"); });
+    // By value: it may be the last to need the gate.
+    beforeEach(recorder, ldap_search_ext, [gate] { gate.wait("the test"); });
     SearchContext* const context = session->asyncSearch(
         params(), [owned = std::move(owned)](Result, const std::vector<ldap::SearchEntry>&) {}, 2);
 

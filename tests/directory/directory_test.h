@@ -3,13 +3,12 @@
 #include "support/log_capture.h"
 #include "support/qt_printers.h"
 #include "support/slapd.h"
+#include "support/threads_end_here.h"
 
 #include <ldap/manager.h>
 #include <ldap/session.h>
 
 #include <condition_variable>
-#include <filesystem>
-#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -21,31 +20,6 @@ namespace tavo::test {
 inline utils::Url urlOf(const std::string& text) { return utils::Url(QString::fromStdString(text)); }
 
 inline QString qt(const std::string& text) { return QString::fromStdString(text); }
-
-/// How many entries a directory of the system has: threads, descriptors.
-inline std::size_t countIn(const char* directory)
-{
-    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(directory), {}));
-}
-
-/// Waits, when it goes, for all threads that have been started since it came: a search that outlives its
-/// session ends with its server. There is no event for that; the test's deadline bounds the waiting.
-class ThreadsEndHere
-{
-public:
-    ThreadsEndHere() = default;
-    ~ThreadsEndHere()
-    {
-        while (countIn("/proc/self/task") > m_before) {
-            std::this_thread::yield();
-        }
-    }
-    ThreadsEndHere(const ThreadsEndHere&) = delete;
-    ThreadsEndHere& operator=(const ThreadsEndHere&) = delete;
-
-private:
-    std::size_t m_before = countIn("/proc/self/task");
-};
 
 /// Takes the calls of a search's or a fetch's handler and lets a test wait for them. Must outlive them.
 template <class Record>
