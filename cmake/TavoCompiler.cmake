@@ -15,7 +15,9 @@ endif()
 
 find_program(CCACHE_PROGRAM ccache)
 if(CCACHE_PROGRAM AND PROJECT_IS_TOP_LEVEL AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
-    set(CMAKE_CXX_COMPILER_LAUNCHER "${CCACHE_PROGRAM}")
+    # Precompiled headers are compared by what is in them, and a copy of this tree elsewhere is this tree.
+    set(CMAKE_CXX_COMPILER_LAUNCHER "${CMAKE_COMMAND}" -E env
+        CCACHE_NOHASHDIR=1 CCACHE_SLOPPINESS=pch_defines,time_macros "${CCACHE_PROGRAM}")
 endif()
 
 add_library(tavo_flags INTERFACE)

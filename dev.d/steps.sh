@@ -3,9 +3,6 @@
 
 readonly logs=$PWD/build/logs
 
-# The package tests compile the library once more in another folder; let the compiler cache see that it is the same.
-export CCACHE_NOHASHDIR=1
-
 # seconds_since NANOSECONDS: the time from then to now, with one decimal.
 seconds_since() {
     local tenths=$((($(date +%s%N) - $1) / 100000000))
