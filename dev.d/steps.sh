@@ -24,7 +24,8 @@ step() {
         return 0
     fi
     printf '%-4s %-28s %7s s   exit status %d, log: %s\n' FAIL "$name" "$(seconds_since "$started")" "$status" "$log"
-    tail -n 25 "$log" | sed 's/^/     | /'
+    # Of a test run, what did not go well.
+    grep -vE '^ *Start +[0-9]+: |Test +#[0-9]+: .* Passed ' "$log" | tail -n 60 | cut -c -200 | sed 's/^/     | /'
     return "$status"
 }
 
