@@ -260,12 +260,10 @@ TEST_P(TlsOutcomeTest, isTheDocumentedOne)
     EXPECT_THAT(alternatives(found->second.at(tlsPackage() == "GnuTLS" ? 0 : 1)), Contains(measured));
 }
 
-std::string nameOfTest(const ::testing::TestParamInfo<Row>& row)
-{
-    return row.param.server->name + "_" + nameOf(row.param.connection);
-}
+void PrintTo(const Row& row, std::ostream* out) { *out << row.server->name + "_" + nameOf(row.connection); }
 
-INSTANTIATE_TEST_SUITE_P(Servers, TlsOutcomeTest, ::testing::ValuesIn(rows()), nameOfTest);
+INSTANTIATE_TEST_SUITE_P(
+    Servers, TlsOutcomeTest, ::testing::ValuesIn(rows()), ::testing::PrintToStringParamName());
 
 TEST_F(TlsTest, isDocumentedWithoutRowsThatNobodyMeasures)
 {

@@ -22,6 +22,8 @@ struct BrokenAnswer
     Steps steps;
 };
 
+void PrintTo(const BrokenAnswer& answer, std::ostream* out) { *out << answer.name; }
+
 class BrokenAnswers : public SearchTest, public ::testing::WithParamInterface<BrokenAnswer>
 {};
 
@@ -77,7 +79,7 @@ INSTANTIATE_TEST_SUITE_P(Wire, BrokenAnswers,
             {raw(Bytes("\x30\x89\x01\x02\x03\x04\x05\x06\x07\x08\x09", 11)), closeConnection()}},
         BrokenAnswer{"IndefiniteLengthThenClose", {raw(Bytes("\x30\x80\x02\x01\x01", 5)), closeConnection()}},
         BrokenAnswer{"EmptyMessageThenClose", {raw(Bytes("\x30\x00", 2)), closeConnection()}}),
-    [](const auto& tested) { return std::string(tested.param.name); });
+    ::testing::PrintToStringParamName());
 
 TEST(BrokenOffAnswer, IsAConnectErrorWhereverItBreaksOff)
 {
@@ -142,23 +144,71 @@ TEST_F(StrangeAnswers, LeaveNothingForASearchOnTheSameSessionAfterTheServerIsGon
     EXPECT_EQ(server.requests().size(), 1U);
 }
 
-class EmptyAnswers : public SearchTest, public ::testing::WithParamInterface<Answer>
-{};
-
-// What comes of it is libldap's choice, which looks at a byte behind the message: not what, but that it ends.
-TEST_P(EmptyAnswers, EndTheSearchAndLeaveTheNextSessionAlone)
+/// An operation without contents in the middle of an answer, and what a search makes of it.
+struct EmptyAnswer
 {
-    server.expectSearch().answer(entry("cn=a"), rawOperation(GetParam(), ""), done());
-    EXPECT_THAT(resultOf(session), AnyOf(Result::ok, Result::connectError));
+    const char* name;
+    Answer answer;
+    Result result;
+};
 
-    server.expectSearch().answer(entries(1, 1), done());
-    ldap::Session next(urlOf(server), false, false);
-    EXPECT_EQ(resultOf(next), Result::ok);
+void PrintTo(const EmptyAnswer& empty, std::ostream* out) { *out << empty.name; }
+
+class EmptyAnswers : public SearchTest, public ::testing::WithParamInterface<EmptyAnswer>
+{
+protected:
+    void expectTheNextSessionToBeWell()
+    {
+        server.expectSearch().answer(entries(1, 1), done());
+        ldap::Session next(urlOf(server), false, false);
+        EXPECT_EQ(resultOf(next), Result::ok);
+    }
+};
+
+// What brings neither an entry nor a result is passed over; an empty result is none.
+TEST_P(EmptyAnswers, AreNeverTakenForAResult)
+{
+    server.otherwise([](const Request& request) -> Steps {
+        // With a length of several bytes, as Active Directory writes it, so that libldap reads it for sure.
+        const Bytes message =
+            berNumber(request.messageId) + tlv(static_cast<unsigned>(GetParam().answer), "");
+        return {entry("cn=a"),
+            raw("\x30\x84" + Bytes({0, 0, 0, static_cast<char>(message.size())}) + message), done()};
+    });
+
+    const auto calls = fetch(100);
+
+    EXPECT_THAT(resultsOf(calls), ElementsAre(GetParam().result));
+    EXPECT_THAT(calls.at(0).entries, SizeIs(GetParam().result == Result::ok ? 1 : 0));
+}
+
+// libldap reads eight bytes to learn a message's length. A whole message of seven can't be told from a broken
+// one by it when the next has come, too.
+TEST_P(EmptyAnswers, EndTheSearchWhenTheyAreTooShortForLibldap)
+{
+    server.expectSearch().answer(together({entry("cn=a"), rawOperation(GetParam().answer, ""), done()}));
+
+    EXPECT_EQ(resultOf(session), Result::connectError);
+    expectTheNextSessionToBeWell();
+}
+
+// The same when it depends on how the bytes arrive whether libldap can read it.
+TEST_P(EmptyAnswers, AreNeverTakenForAResultHoweverTheyArrive)
+{
+    server.expectSearch().answer(entry("cn=a"), rawOperation(GetParam().answer, ""), done());
+
+    EXPECT_THAT(resultOf(session), AnyOf(GetParam().result, Result::connectError));
+    expectTheNextSessionToBeWell();
 }
 
 INSTANTIATE_TEST_SUITE_P(Wire, EmptyAnswers,
-    ::testing::Values(Answer::searchEntry, Answer::searchReference, Answer::intermediateResponse,
-        Answer::searchDone, Answer::bindResponse, Answer::extendedResponse));
+    ::testing::Values(EmptyAnswer{"SearchEntry", Answer::searchEntry, Result::ok},
+        EmptyAnswer{"SearchReference", Answer::searchReference, Result::ok},
+        EmptyAnswer{"IntermediateResponse", Answer::intermediateResponse, Result::ok},
+        EmptyAnswer{"SearchDone", Answer::searchDone, Result::connectError},
+        EmptyAnswer{"BindResponse", Answer::bindResponse, Result::connectError},
+        EmptyAnswer{"ExtendedResponse", Answer::extendedResponse, Result::connectError}),
+    ::testing::PrintToStringParamName());
 
 TEST_F(StrangeAnswers, CannotBeGivenByAServerThatRefusesTheConnection)
 {

@@ -87,12 +87,21 @@ TEST_F(PagedSearch, FindsThePageControlAmongOthers)
     EXPECT_THAT(resultsOf(fetch(2)), ElementsAre(Result::moreResults, Result::ok));
 }
 
-class MalformedPageControl : public SearchTest, public ::testing::WithParamInterface<std::optional<Bytes>>
+/// The value of a page control that can't be read.
+struct BrokenValue
+{
+    const char* name;
+    std::optional<Bytes> value;
+};
+
+void PrintTo(const BrokenValue& broken, std::ostream* out) { *out << broken.name; }
+
+class MalformedPageControl : public SearchTest, public ::testing::WithParamInterface<BrokenValue>
 {};
 
 TEST_P(MalformedPageControl, EndsAFullPageWithAnErrorAndWithoutEntries)
 {
-    server.expectSearch().answer(entries(1, 2), done().control({kPagedResultsOid, false, GetParam()}));
+    server.expectSearch().answer(entries(1, 2), done().control({kPagedResultsOid, false, GetParam().value}));
 
     const auto calls = fetch(2);
 
@@ -102,7 +111,7 @@ TEST_P(MalformedPageControl, EndsAFullPageWithAnErrorAndWithoutEntries)
 
 TEST_P(MalformedPageControl, DoesNotMatterAfterAShortPage)
 {
-    server.expectSearch().answer(entries(1, 1), done().control({kPagedResultsOid, false, GetParam()}));
+    server.expectSearch().answer(entries(1, 1), done().control({kPagedResultsOid, false, GetParam().value}));
 
     const auto calls = fetch(2);
 
@@ -111,9 +120,13 @@ TEST_P(MalformedPageControl, DoesNotMatterAfterAShortPage)
 }
 
 INSTANTIATE_TEST_SUITE_P(PagedSearch, MalformedPageControl,
-    ::testing::Values(std::nullopt, Bytes(), Bytes("no BER at all"), Bytes("\x30"),
-        Bytes("\x30\x05\x02\x01", 4), tlv(kSequence, ""), tlv(kSequence, berNumber(0)),
-        Bytes("\x30\x84\xff\xff\xff\xff", 6)));
+    ::testing::Values(BrokenValue{"None", std::nullopt}, BrokenValue{"Empty", Bytes()},
+        BrokenValue{"NoBer", Bytes("no BER at all")}, BrokenValue{"TagAlone", Bytes("\x30")},
+        BrokenValue{"BreaksOff", Bytes("\x30\x05\x02\x01", 4)},
+        BrokenValue{"EmptySequence", tlv(kSequence, "")},
+        BrokenValue{"WithoutCookie", tlv(kSequence, berNumber(0))},
+        BrokenValue{"LengthOfFourGigabytes", Bytes("\x30\x84\xff\xff\xff\xff", 6)}),
+    ::testing::PrintToStringParamName());
 
 class PageCookie : public SearchTest, public ::testing::WithParamInterface<Bytes>
 {};

@@ -179,25 +179,39 @@ TEST(ScriptedServer, ChecksEveryFieldOfASearch)
     ldap_msgfree(chain);
 }
 
-class FilterText : public ::testing::TestWithParam<const char*>
+struct NamedFilter
+{
+    const char* name;
+    const char* text;
+};
+
+void PrintTo(const NamedFilter& filter, std::ostream* out) { *out << filter.name; }
+
+class FilterText : public ::testing::TestWithParam<NamedFilter>
 {};
 
 TEST_P(FilterText, IsTheOneThatWasSent)
 {
     ScriptedServer server;
-    server.expectSearch().filter(GetParam()).answer(done());
+    server.expectSearch().filter(GetParam().text).answer(done());
     const Handle ld = connectTo(server);
     LDAPMessage* chain = nullptr;
-    EXPECT_EQ(ldap_search_ext_s(ld.get(), "", LDAP_SCOPE_BASE, GetParam(), nullptr, 0, nullptr, nullptr,
+    EXPECT_EQ(ldap_search_ext_s(ld.get(), "", LDAP_SCOPE_BASE, GetParam().text, nullptr, 0, nullptr, nullptr,
                   nullptr, 0, &chain),
         LDAP_SUCCESS);
     ldap_msgfree(chain);
 }
 
 INSTANTIATE_TEST_SUITE_P(ScriptedServer, FilterText,
-    ::testing::Values("(objectClass=*)", "(cn=x)", "(cn=\\2a\\c3\\bc\\00)", "(cn>=5)", "(cn<=5)", "(cn~=a)",
-        "(|(a=1)(b=2)(c=3))", "(cn=*a*b*)", "(cn=a*)", "(cn=*a)", "(!(cn=x))",
-        "(userAccountControl:1.2.840.113556.1.4.803:=2)", "(cn:dn:=x)", "(&)"));
+    ::testing::Values(NamedFilter{"Presence", "(objectClass=*)"}, NamedFilter{"Equality", "(cn=x)"},
+        NamedFilter{"EscapedBytes", "(cn=\\2a\\c3\\bc\\00)"}, NamedFilter{"GreaterOrEqual", "(cn>=5)"},
+        NamedFilter{"LessOrEqual", "(cn<=5)"}, NamedFilter{"Approximate", "(cn~=a)"},
+        NamedFilter{"Or", "(|(a=1)(b=2)(c=3))"}, NamedFilter{"Substrings", "(cn=*a*b*)"},
+        NamedFilter{"Beginning", "(cn=a*)"}, NamedFilter{"Ending", "(cn=*a)"},
+        NamedFilter{"Not", "(!(cn=x))"},
+        NamedFilter{"MatchingRule", "(userAccountControl:1.2.840.113556.1.4.803:=2)"},
+        NamedFilter{"MatchingRuleOfTheDn", "(cn:dn:=x)"}, NamedFilter{"True", "(&)"}),
+    ::testing::PrintToStringParamName());
 
 struct Mismatch
 {
@@ -205,6 +219,8 @@ struct Mismatch
     std::function<void(Expectation&)> demand;
     const char* complaint;
 };
+
+void PrintTo(const Mismatch& mismatch, std::ostream* out) { *out << mismatch.name; }
 
 class WrongSearch : public ::testing::TestWithParam<Mismatch>
 {};
@@ -237,7 +253,7 @@ INSTANTIATE_TEST_SUITE_P(ScriptedServer, WrongSearch,
         Mismatch{"attributes", [](Expectation& e) { e.attributes({"cn"}); }, "not so is attributes cn"},
         Mismatch{"paged", [](Expectation& e) { e.paged(2, ""); }, "not so is control 1.2.840.113556.1.4.319"},
         Mismatch{"last", [](Expectation& e) { e.base("dc=x").scope(2).scope(1); }, "not so is scope 1"}),
-    [](const auto& tested) { return std::string(tested.param.name); });
+    ::testing::PrintToStringParamName());
 
 TEST(ScriptedServer, TellsPagingControlsApartBySizeCookieAndCriticality)
 {
