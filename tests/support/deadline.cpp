@@ -1,5 +1,7 @@
 #include "deadline.h"
 
+#include "sanitized.h"
+
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -17,18 +19,6 @@
 #include <semaphore.h>
 #include <sys/syscall.h>
 #include <unistd.h>
-
-#if defined(__has_feature)
-#define TAVO_HAS_FEATURE(x) __has_feature(x)
-#else
-#define TAVO_HAS_FEATURE(x) 0
-#endif
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || TAVO_HAS_FEATURE(address_sanitizer) ||  \
-    TAVO_HAS_FEATURE(thread_sanitizer)
-#define TAVO_SANITIZED 1
-#else
-#define TAVO_SANITIZED 0
-#endif
 
 namespace tavo::test {
 namespace {
@@ -174,7 +164,7 @@ std::chrono::milliseconds Deadline::configuredLimit()
 {
     const char* const text = std::getenv("TAVO_TEST_DEADLINE");
     const std::chrono::seconds limit(text == nullptr ? 60 : std::strtol(text, nullptr, 10));
-    return TAVO_SANITIZED ? limit * 4 : limit;
+    return sanitized ? limit * 4 : limit;
 }
 
 void Deadline::OnTestStart(const ::testing::TestInfo& test)
