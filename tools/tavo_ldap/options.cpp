@@ -8,6 +8,7 @@
 #include <QFile>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <map>
 #include <optional>
@@ -60,7 +61,11 @@ void addConnectionOptions(CLI::App& app, Arguments& arguments)
            "--response-timeout", arguments.responseTimeout, "Seconds the server may take for a search")
         ->check(CLI::PositiveNumber)
         ->capture_default_str();
-    app.add_flag("-v,--verbose", arguments.verbosity, "Log to standard error; -vv logs everything");
+    // Not bound to the number itself: some versions of the parser then set it back for each command not
+    // given.
+    app.add_flag_function(
+        "-v,--verbose", [&arguments](std::int64_t count) { arguments.verbosity = static_cast<int>(count); },
+        "Log to standard error; -vv logs everything");
 }
 
 void addFetchOptions(CLI::App& app, Arguments& arguments)
