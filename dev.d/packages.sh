@@ -5,8 +5,9 @@ declare -A packages=(
     [build]="g++ cmake ninja-build pkg-config qt6-base-dev libldap-dev libssl-dev rapidjson-dev libcli11-dev"
     [test]="libgtest-dev libgmock-dev ccache"
     [slapd]="slapd"
-    [samba]="samba samba-dsdb-modules samba-ad-provision python3"
+    [samba]="samba-ad-dc samba-dsdb-modules samba-ad-provision python3"
     [openssl_libldap]="gcc make libc6-dev dpkg-dev libssl-dev libsasl2-dev"
+    [roots]="debootstrap git"
     [lint]="clang clang-format clang-tidy shellcheck git"
 )
 

@@ -26,7 +26,7 @@ constexpr std::uint16_t ldapPort = 389;
 constexpr std::uint16_t ldapsPort = 636;
 
 constexpr auto howToInstall =
-    "run ./dev setup (Debian: apt-get install samba samba-dsdb-modules samba-ad-provision)";
+    "run ./dev setup (Debian: apt-get install samba-ad-dc samba-dsdb-modules samba-ad-provision)";
 
 /// Makes a domain in the directory argv[1] and adds the entries in its entries.ldif. The command-line tool
 /// does the same, but it insists on permissions that only root can give, and starts the interpreter once

@@ -1,0 +1,57 @@
+# shellcheck shell=bash
+# The tests on a release of Debian, from bare: what is committed, in a root of its own that is made anew each time.
+
+declare -A debian_releases=([debian12]=bookworm [debian13]=trixie)
+
+# Where this machine's apt gets Debian from, unless told otherwise.
+debian_mirror() {
+    local mirror
+    mirror=${TAVO_DEBIAN_MIRROR:-$(apt-get indextargets --format '$(SITE)' 'Created-By: Packages' |
+        grep -m 1 -E '/debian/?$')}
+    [ -n "$mirror" ] || echo "this machine's apt knows no mirror of Debian: set TAVO_DEBIAN_MIRROR" >&2
+    echo "$mirror"
+}
+
+# How this machine's apt reaches its mirrors: proxies and the like, which hold in the root, too.
+apt_transport() {
+    apt-config dump | grep -E '^Acquire::(http|https|ftp|Retries|Check-)'
+}
+
+# make_root RELEASE FOLDER: the release's bare minimum, and the committed tree in /src.
+make_root() {
+    local mirror proxy
+    mirror=$(debian_mirror) && [ -n "$mirror" ] || return
+    proxy=$(apt-config dump --format '%v' Acquire::http::Proxy)
+    as_root rm -rf --one-file-system "$2" && mkdir -p "$2" &&
+        as_root env ${proxy:+http_proxy="$proxy"} debootstrap --variant=minbase "$1" "$2" "$mirror" || return
+    apt_transport | as_root tee "$2/etc/apt/apt.conf.d/90transport" >/dev/null
+    as_root cp /etc/resolv.conf /etc/hosts "$2/etc/" && as_root mkdir "$2/src" &&
+        git archive HEAD | as_root tar -x -C "$2/src"
+}
+
+# in_root FOLDER COMMAND...: as root, and with mounts and processes of its own: the kernel undoes the mounts and ends
+# the processes with the command, however that ends. The network is the machine's.
+in_root() {
+    local root=$1
+    shift
+    # shellcheck disable=SC2016 # for the inner shell
+    as_root unshare --mount --propagation private --pid --fork --kill-child bash -c '
+        mount --rbind /dev "$0/dev" && mount -t proc proc "$0/proc" &&
+            exec chroot "$0" /usr/bin/env --ignore-environment HOME=/root TERM="$TERM" \
+                PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin "$@"' "$root" "$@"
+}
+
+cmd_test_on() {
+    local name=${1:-} release root
+    release=${debian_releases[${name:-none}]:-}
+    if [ -z "$release" ]; then
+        echo "usage: ./dev test-on RELEASE [TEST ARGUMENTS], with one of ${!debian_releases[*]}" >&2
+        return 2
+    fi
+    shift
+    root=$PWD/build/roots/$name
+    install_missing roots
+    step "root $name" make_root "$release" "$root" || return
+    echo "From here on, what is said of build/logs is in build/roots/$name/src:"
+    in_root "$root" /src/dev test "$@"
+}
