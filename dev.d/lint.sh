@@ -39,22 +39,34 @@ by_design_rows() {
     sed -nE 's/^\| `([^`]*)` \| "([^"]*)" .*/\1: \2/p' docs/by-design.md | LC_ALL=C sort
 }
 
-# Each line of the list ends with the test that holds the oddity.
-by_design_tests_exist() {
-    local row suite name status=0
-    while read -r row; do
-        read -r suite name < <(sed -nE 's/.*`([A-Za-z0-9]+)\.([A-Za-z0-9]+)` \|$/\1 \2/p' <<<"$row") || suite=
-        if [ -z "$suite" ] ||
-            ! git ls-files -z -- 'tests/*.cpp' | xargs -0 cat | grep -Pzq "TEST(_F|_P)?\($suite,\s+$name\)"; then
-            echo "there is no such test: $row"
-            status=1
-        fi
-    done < <(grep '^| `' docs/by-design.md)
-    return "$status"
+lint_by_design() {
+    diff --label code --label docs/by-design.md -U0 <(by_design_comments) <(by_design_rows)
 }
 
-lint_by_design() {
-    diff --label code --label docs/by-design.md -U0 <(by_design_comments) <(by_design_rows) && by_design_tests_exist
+# SUITE.NAME of every test.
+all_tests() {
+    git ls-files -z --cached --others --exclude-standard -- 'tests/*.cpp' | xargs -0 cat |
+        grep -Pzo 'TEST(_F|_P)?\(\K\w+,\s+\w+(?=\))' | tr -d ' \n' | tr ',\0' '.\n' | sort -u
+}
+
+documented_tests() {
+    git grep --untracked -ohP '`\K[A-Z]\w*\.\w+(?=`)' -- docs | sort -u
+}
+
+# A line of a table with a column of tests has a test there.
+documented_without_test() {
+    git ls-files -z --cached --others --exclude-standard -- docs | xargs -0 awk -F '|' '
+        !/^\|/ { in_table = 0; next }
+        in_table && !/^\|---/ && $(NF - 1) !~ /`[A-Z][A-Za-z0-9]*\.[A-Za-z0-9]+`/ { print FILENAME ": no test: " $0 }
+        $(NF - 1) ~ /^ (test|pinned by) $/ { in_table = 1 }'
+}
+
+lint_documents() {
+    local faults
+    faults=$(comm -23 <(documented_tests) <(all_tests) | sed 's/^/there is no such test: /' &&
+        documented_without_test) || return
+    echo "$faults"
+    [ -z "$faults" ]
 }
 
 cmd_lint() {
@@ -64,6 +76,7 @@ cmd_lint() {
     step "shellcheck" lint_shell || failures=1
     step "readme" lint_readme || failures=1
     step "by-design" lint_by_design || failures=1
+    step "documents" lint_documents || failures=1
     build clang || failures=1
     build dev || return
     step "clang-tidy" lint_tidy || failures=1
