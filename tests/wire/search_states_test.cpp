@@ -1,0 +1,364 @@
+#include "search_test.h"
+
+#include "support/log_capture.h"
+#include "support/threads_end_here.h"
+
+#include <algorithm>
+#include <atomic>
+#include <future>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace tavo::test {
+
+namespace {
+
+using ldap::Result;
+using ldap::SearchContext;
+using ldap::Session;
+
+using ::testing::AnyOf;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+/// A session that may go, whose searches need not take turns. Still libldap lets a search on the same
+/// connection send its request only when another one that waits for its answer has got something.
+class SearchStates : public ::testing::Test
+{
+protected:
+    SearchStates()
+    {
+        server.expectSearch().answer(entry("").attr("forestFunctionality", "7"), done());
+        session->detectLdapVendor();
+    }
+
+    /// Ends what may still run, so that a call too many would have come.
+    void endEverything()
+    {
+        session.reset();
+        server.waitForClose(0);
+    }
+
+    /// So many searches have been asked for since the session's first.
+    void waitForSearches(std::size_t count) { server.waitForRequests(1 + count); }
+
+    template <class Kind>
+    std::size_t countOf() const
+    {
+        const auto requests = server.requests();
+        return static_cast<std::size_t>(std::count_if(requests.begin(), requests.end(),
+            [](const auto& request) { return request.template is<Kind>(); }));
+    }
+
+    ThreadsEndHere m_threads;
+    ScriptedServer server;
+    std::unique_ptr<Session> session =
+        std::make_unique<Session>(utils::Url(QString::fromStdString(server.url())), false, false);
+};
+
+TEST_F(SearchStates, AreAllCancelledByTheThreadThatDestroysTheSession)
+{
+    const Gate never;
+    server.otherwise([=](const Request&) -> Steps { return {waitFor(never), done()}; });
+    std::vector<SearchContext*> called;
+    std::vector<std::thread::id> threads;
+    HandlerCalls calls;
+    std::vector<SearchContext*> started(2);
+    for (auto& context : started) {
+        context = session->asyncSearch(
+            below("dc=x"),
+            [&](Result result, std::vector<ldap::SearchEntry> page) {
+                called.push_back(context);
+                threads.push_back(std::this_thread::get_id());
+                calls.add(result, std::move(page));
+            },
+            2);
+    }
+    waitForSearches(1);
+
+    std::thread destroyer([&] { session.reset(); });
+    const auto destroyersId = destroyer.get_id();
+    destroyer.join();
+
+    EXPECT_THAT(threads, ElementsAre(destroyersId, destroyersId));
+    EXPECT_THAT(resultsOf(calls.waitForCalls(2)), ElementsAre(Result::cancelled, Result::cancelled));
+    EXPECT_THAT(calls.waitForCalls(2).front().entries, IsEmpty());
+    // The table is ordered by the contexts' addresses.
+    std::sort(started.begin(), started.end());
+    EXPECT_EQ(called, started);
+    never.open();
+    server.waitForClose(0);
+    EXPECT_EQ(calls.count(), 2U);
+}
+
+TEST_F(SearchStates, AreCancelledByTheFinalCallThatDestroysTheSession)
+{
+    const Gate bothRun;
+    const Gate never;
+    server.otherwise([=](const Request& request) -> Steps {
+        return {waitFor(request.as<SearchRequest>().base == "dc=ends" ? bothRun : never), done()};
+    });
+    HandlerCalls running;
+    std::promise<std::thread::id> finalThread;
+    std::thread::id cancellingThread;
+    session->asyncSearch(
+        below("dc=ends"),
+        [&](Result result, const std::vector<ldap::SearchEntry>&) {
+            EXPECT_EQ(result, Result::ok);
+            session.reset();
+            finalThread.set_value(std::this_thread::get_id());
+        },
+        2);
+    waitForSearches(1);
+    session->asyncSearch(
+        below("dc=runs"),
+        [&](Result result, std::vector<ldap::SearchEntry> page) {
+            cancellingThread = std::this_thread::get_id();
+            running.add(result, std::move(page));
+        },
+        2);
+
+    bothRun.open();
+
+    EXPECT_EQ(finalThread.get_future().get(), cancellingThread);
+    EXPECT_THAT(resultsOf(running.waitForEnd()), ElementsAre(Result::cancelled));
+    never.open();
+    server.waitForClose(0);
+    EXPECT_EQ(running.count(), 1U);
+}
+
+TEST_F(SearchStates, EndTheWaitForAllPagesWhenAnotherThreadDestroysTheSession)
+{
+    const Gate never;
+    server.expectSearch().answer(entries(1, 2), done().page("more"));
+    server.expectSearch().answer(waitFor(never), done());
+    auto outcome = std::async(std::launch::async, [&] { return session->search(below("dc=x"), 2); });
+    waitForSearches(2);
+
+    session.reset();
+
+    EXPECT_EQ(std::get<Result>(outcome.get()), Result::cancelled);
+    never.open();
+}
+
+/// The context of the search that was made last; blocking callers never see theirs.
+SearchContext* lastContext(const LogCapture& log)
+{
+    std::string tag;
+    for (const auto& message : log.messages()) {
+        if (message.text.rfind("Created for", 0) == 0)
+            tag = message.tag;
+    }
+    const auto address = tag.find("0x");
+    return reinterpret_cast<SearchContext*>(std::stoull(tag.substr(address), nullptr, 16));
+}
+
+TEST_F(SearchStates, BreakThePromiseOfTheWaitForAllPagesWhenTheyAreForgotten)
+{
+    const LogCapture log;
+    const Gate never;
+    server.expectSearch().answer(waitFor(never), done());
+    auto outcome = std::async(std::launch::async, [&] { return session->search(below("dc=x"), 2); });
+    waitForSearches(1);
+
+    session->stopAsyncSearch(lastContext(log));
+
+    EXPECT_THROW(outcome.get(), std::future_error);
+    never.open();
+}
+
+TEST_F(SearchStates, EndOnceWhenTheEndRacesAStop)
+{
+    constexpr int kRounds = 100;
+    std::vector<HandlerCalls> calls(kRounds);
+    for (auto& called : calls) {
+        const Gate sent;
+        server.expectSearch().answer(entries(1, 1), done(), opens(sent));
+        const std::shared_ptr<SearchContext> context = session->createSearchContext(below("dc=x"));
+        context->asyncSearch(called.handler(), 2);
+
+        sent.wait("the answer");
+        context->stopAsyncSearch();
+        called.waitForEnd();
+    }
+    endEverything();
+
+    for (auto& called : calls) {
+        const auto all = called.waitForEnd();
+        ASSERT_THAT(all, SizeIs(1));
+        EXPECT_THAT(all.front().result, AnyOf(Result::ok, Result::cancelled));
+        EXPECT_THAT(all.front().entries, SizeIs(all.front().result == Result::ok ? 1 : 0));
+    }
+}
+
+TEST_F(SearchStates, CallNobodyTwiceWhenTheEndRacesAForgetting)
+{
+    constexpr int kRounds = 100;
+    std::vector<HandlerCalls> calls(kRounds);
+    for (auto& called : calls) {
+        const Gate sent;
+        server.expectSearch().answer(entries(1, 1), done(), opens(sent));
+        SearchContext* const context = session->asyncSearch(below("dc=x"), called.handler(), 2);
+
+        sent.wait("the answer");
+        session->stopAsyncSearch(context);
+    }
+    endEverything();
+
+    for (auto& called : calls)
+        EXPECT_LE(called.count(), 1U);
+}
+
+TEST_F(SearchStates, AreCancelledOnceByTwoStops)
+{
+    const Gate never;
+    server.expectSearch().answer(waitFor(never), entries(1, 1), done());
+    std::shared_ptr<SearchContext> context = session->createSearchContext(below("dc=x"));
+    HandlerCalls calls;
+    EXPECT_FALSE(context->isAsyncSearchRunning());
+    context->asyncSearch(calls.handler(), 2);
+    EXPECT_TRUE(context->isAsyncSearchRunning());
+    waitForSearches(1);
+
+    context->stopAsyncSearch();
+    EXPECT_THAT(resultsOf(calls.waitForEnd()), ElementsAre(Result::cancelled));
+    EXPECT_THAT(calls.waitForEnd().front().entries, IsEmpty());
+    EXPECT_FALSE(context->isAsyncSearchRunning());
+    context->stopAsyncSearch();
+
+    EXPECT_EQ(calls.count(), 1U);
+    never.open();
+    context.reset();
+    endEverything();
+    EXPECT_EQ(calls.count(), 1U);
+    EXPECT_EQ(countOf<AbandonRequest>(), 0U);
+}
+
+TEST_F(SearchStates, MayBeStoppedBeforeTheirThreadHasAsked)
+{
+    constexpr int kRounds = 100;
+    server.otherwise([](const Request&) -> Steps { return {entries(1, 1), done()}; });
+    std::vector<HandlerCalls> calls(kRounds);
+    for (auto& called : calls) {
+        const std::shared_ptr<SearchContext> context = session->createSearchContext(below("dc=x"));
+        context->asyncSearch(called.handler(), 2);
+        context->stopAsyncSearch();
+    }
+    endEverything();
+
+    for (auto& called : calls)
+        EXPECT_THAT(called.waitForEnd(), SizeIs(1));
+}
+
+TEST_F(SearchStates, CompleteAnIntermediateCallBeforeTheyAreCancelled)
+{
+    server.otherwise([](const Request&) -> Steps { return {entries(1, 2), done().page("more")}; });
+    std::shared_ptr<SearchContext> context = session->createSearchContext(below("dc=x"));
+    const Gate pageCame;
+    const Gate stopping;
+    std::atomic<bool> isInCall = false;
+    std::atomic<bool> isCancelledMeanwhile = false;
+    context->asyncSearch(
+        [&](Result result, const std::vector<ldap::SearchEntry>&) {
+            if (result != Result::moreResults) {
+                isCancelledMeanwhile = isInCall.load();
+                return;
+            }
+            isInCall = true;
+            pageCame.open();
+            stopping.wait("the stop");
+            // Time enough for a stop that doesn't wait to go through.
+            for (int i = 0; i < 1000; ++i)
+                std::this_thread::yield();
+            isInCall = false;
+        },
+        2);
+    pageCame.wait("a page");
+
+    std::thread stopper([&] {
+        stopping.open();
+        context->stopAsyncSearch();
+    });
+    stopper.join();
+
+    EXPECT_FALSE(isInCall);
+    EXPECT_FALSE(isCancelledMeanwhile);
+    context.reset();
+    endEverything();
+}
+
+TEST_F(SearchStates, OutliveTheirSessionUncalledWhenTheyAreForgotten)
+{
+    const Gate answer;
+    server.expectSearch().answer(waitFor(answer), entries(1, 2), done().page("more"));
+    HandlerCalls calls;
+    SearchContext* const context = session->asyncSearch(below("dc=x"), calls.handler(), 2);
+    waitForSearches(1);
+    server.otherwise([](const Request&) -> Steps { return {entries(3, 1), done()}; });
+
+    session->stopAsyncSearch(context);
+    session.reset();
+    EXPECT_EQ(server.openConnections(), 1U);
+    answer.open();
+
+    server.waitForClose(0);
+    EXPECT_EQ(calls.count(), 0U);
+}
+
+TEST_F(SearchStates, AreNoMoreToBeForgottenOnceTheyAreOver)
+{
+    server.expectSearch().answer(entries(1, 1), done());
+    HandlerCalls calls;
+    SearchContext* const context = session->asyncSearch(below("dc=x"), calls.handler(), 2);
+    calls.waitForEnd();
+
+    session->stopAsyncSearch(context);
+
+    EXPECT_EQ(calls.count(), 1U);
+    server.expectSearch().answer(entries(1, 1), done());
+    EXPECT_THAT(std::get<std::vector<ldap::SearchEntry>>(session->search(below("dc=x"), 2)), SizeIs(1));
+}
+
+/// A server that is asked for one page at a time, as OpenLDAP has to be.
+TEST(WaitingSearch, NeverAsksWhenItIsStoppedBeforeItsTurn)
+{
+    const Gate answer;
+    ScriptedServer server;
+    server.expectSearch().base("dc=first").answer(waitFor(answer), done());
+    Session session(utils::Url(QString::fromStdString(server.url())), false, false);
+    HandlerCalls first;
+    HandlerCalls second;
+    session.asyncSearch(below("dc=first"), first.handler(), 2);
+    SearchContext* const context = session.asyncSearch(below("dc=second"), second.handler(), 2);
+
+    context->stopAsyncSearch();
+
+    EXPECT_THAT(resultsOf(second.waitForEnd()), ElementsAre(Result::cancelled));
+    answer.open();
+    EXPECT_THAT(resultsOf(first.waitForEnd()), ElementsAre(Result::ok));
+    EXPECT_EQ(server.requests().size(), 1U);
+}
+
+TEST(SearchThreads, AreNotThereBeforeASearch)
+{
+    ScriptedServer server;
+    server.expectSearch().answer(done());
+    server.expectBind().answer(success());
+    const std::size_t before = countIn("/proc/self/task");
+
+    Session session(utils::Url(QString::fromStdString(server.url())), false, false);
+    session.detectLdapVendor();
+    session.bind(QStringLiteral("cn=a"), QStringLiteral("b"));
+
+    EXPECT_EQ(countIn("/proc/self/task"), before);
+}
+
+} // namespace
+
+} // namespace tavo::test
