@@ -1,4 +1,5 @@
 #include "call_test.h"
+#include "no_threads.h"
 
 #include <ldap/manager.h>
 #include <ldap/tavo_ldap_ini.h>
@@ -7,6 +8,7 @@
 
 #include <cerrno>
 #include <new>
+#include <system_error>
 
 #include <gmock/gmock.h>
 
@@ -157,6 +159,31 @@ TEST(ConnectionTestCalls, PassesOnWhatIsNoLdapErrorAndDestroysItsHandle)
     EXPECT_THROW(ldap::testLdapConnection(settings()), std::bad_alloc);
 
     EXPECT_EQ(recorder.count("ldap_destroy"), 1U);
+}
+
+TEST(AsyncConnectionTestCalls, KeepWhatIsNoLdapErrorAndCallNobody)
+{
+    CallRecorder recorder;
+    recorder.replace(ldap_sasl_bind_s,
+        [](LDAP*, const char*, const char*, berval*, LDAPControl**, LDAPControl**, berval**) -> int {
+            throw std::bad_alloc();
+        });
+    int failures = 0;
+
+    auto tested = ldap::testLdapConnectionAsync(settings(), [&] { ++failures; });
+
+    EXPECT_THROW(tested.get(), std::bad_alloc);
+    EXPECT_EQ(failures, 0);
+}
+
+TEST(AsyncConnectionTestCalls, ThrowAtOnceWhenNoThreadCanBeHad)
+{
+    CallRecorder recorder;
+    const NoThreads noThreads;
+
+    EXPECT_THROW(ldap::testLdapConnectionAsync(settings(), [] {}), std::system_error);
+
+    EXPECT_EQ(recorder.count("ldap_initialize"), 0U);
 }
 
 } // namespace

@@ -1,3 +1,4 @@
+#include "no_threads.h"
 #include "search_calls_test.h"
 
 #include "support/assertion_capture.h"
@@ -7,7 +8,6 @@
 #include <future>
 #include <memory>
 #include <optional>
-#include <pthread.h>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -441,6 +441,33 @@ TEST_F(PagedSearchCalls, AskNothingOfTheClientLibraryUnderTheirLocks)
     EXPECT_EQ(underLock, 0);
 }
 
+TEST_F(PagedSearchCalls, HoldTheirLocksDuringIntermediateCallsAndNoneDuringTheFinalOne)
+{
+    const Gate never;
+    server.expectSearch().answer(entries(1, 2), done().page("one"));
+    server.expectSearch().answer(entries(3, 1), done());
+    server.otherwise([=](const Request&) -> Steps { return {waitFor(never), done()}; });
+    const LockWatch locks;
+    HandlerCalls calls;
+    std::vector<std::size_t> held;
+    const auto look = [&](Result result, std::vector<ldap::SearchEntry> page) {
+        held.push_back(LockWatch::countHeldHere());
+        calls.add(result, std::move(page));
+    };
+
+    session->asyncSearch(params(), look, 2);
+    calls.waitForEnd();
+    const auto stopped = makeContext();
+    stopped->asyncSearch(look, 2);
+    stopped->stopAsyncSearch();
+    session->asyncSearch(params(), look, 2);
+    session.reset();
+
+    // The context's and the session's; all calls after the first one are final.
+    EXPECT_THAT(held, ElementsAre(2U, 0U, 0U, 0U));
+    never.open();
+}
+
 TEST_F(PagedSearchCalls, TakeTheSessionsLockAtFourPlaces)
 {
     server.expectSearch().answer(entries(1, 2), done().page("one"));
@@ -562,31 +589,6 @@ public:
 
 private:
     std::weak_ptr<int> m_owned;
-};
-
-/// No thread can be started while this lives: there is no such stack.
-class NoThreads
-{
-public:
-    NoThreads()
-    {
-        pthread_getattr_default_np(&m_former);
-        pthread_attr_t attributes;
-        pthread_getattr_default_np(&attributes);
-        EXPECT_EQ(pthread_attr_setstacksize(&attributes, std::size_t{1} << 60), 0);
-        EXPECT_EQ(pthread_setattr_default_np(&attributes), 0);
-        pthread_attr_destroy(&attributes);
-    }
-    ~NoThreads()
-    {
-        pthread_setattr_default_np(&m_former);
-        pthread_attr_destroy(&m_former);
-    }
-    NoThreads(const NoThreads&) = delete;
-    NoThreads& operator=(const NoThreads&) = delete;
-
-private:
-    pthread_attr_t m_former;
 };
 
 class SearchStart : public PagedSearchCalls

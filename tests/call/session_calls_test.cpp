@@ -6,6 +6,7 @@
 
 #include <ldap/private/client_library.h>
 #include <ldap/private/utils.h>
+#include <tavo_utils/formatter.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -13,6 +14,7 @@
 #include <fstream>
 #include <memory>
 #include <new>
+#include <type_traits>
 
 #include <gmock/gmock.h>
 #include <openssl/err.h>
@@ -58,6 +60,12 @@ void configureAuthorities(CallRecorder& recorder, const std::string& file, const
         *static_cast<char**>(value) = path.empty() ? nullptr : CallRecorder::real(ber_strdup)(path.c_str());
         return LDAP_OPT_SUCCESS;
     });
+}
+
+TEST(SessionCreation, MakesNoCopies)
+{
+    EXPECT_FALSE(std::is_copy_constructible_v<Session>);
+    EXPECT_FALSE(std::is_copy_assignable_v<Session>);
 }
 
 TEST(SessionCreation, LogsItsUrl)
@@ -336,6 +344,35 @@ TEST(StartTls, ConsumesTheErrorOfAnotherOpenSslLibraryAndKeepsTheContext)
     EXPECT_EQ(ERR_peek_error(), 0U);
 }
 
+TEST(StartTls, LooksAtTheEarliestErrorAlone)
+{
+    CallRecorder recorder;
+    recorder.replace(ldap_start_tls_s, [](LDAP*, LDAPControl**, LDAPControl**) {
+        ERR_raise(ERR_LIB_X509, kCertificateVerifyFailed);
+        ERR_raise(ERR_LIB_SSL, kCertificateVerifyFailed);
+        return LDAP_CONNECT_ERROR;
+    });
+
+    EXPECT_EQ(thrownBy<BaseError>([] { Session(plainUrl(), true, false); }).context, "startTls"_s);
+    EXPECT_EQ(ERR_GET_LIB(ERR_get_error()), ERR_LIB_SSL);
+}
+
+TEST(StartTls, LeavesTheSessionCountingAsSecureWhenItFails)
+{
+    CallRecorder recorder;
+    recorder.fail(ldap_start_tls_s, LDAP_CONNECT_ERROR);
+    failWithQueue(recorder, ldap_sasl_bind_s, LDAP_SERVER_DOWN, ERR_LIB_SSL);
+    const AssertionCapture assertions;
+    Session session(plainUrl(), false, false);
+
+    EXPECT_THROW(session.startTls(), BaseError);
+    EXPECT_THAT(assertions.failures(), IsEmpty());
+
+    EXPECT_THROW(session.bind("cn=a"_s, "b"_s), TlsError);
+    EXPECT_THROW(session.startTls(), BaseError);
+    EXPECT_THAT(assertions.failures(), SizeIs(1));
+}
+
 TEST(StartTls, IsNotBlamedForAnErrorFromBeforeTheSession)
 {
     CallRecorder recorder;
@@ -519,6 +556,34 @@ TEST(WhoAmI, TellsATlsErrorOnATlsConnection)
 
     expectError(
         thrownBy<TlsError>([&] { session.whoAmI(); }), LDAP_SERVER_DOWN, "TLS error with session"_s, EPROTO);
+}
+
+TEST(SessionLines, AreLoggedUnderItsTypeAndAddress)
+{
+    CallRecorder recorder;
+    recorder.fail(ldap_start_tls_s, LDAP_SUCCESS);
+    recorder.fail(ldap_sasl_bind_s, LDAP_SUCCESS);
+    recorder.fail(ldap_search_ext_s, LDAP_SERVER_DOWN);
+    const Bytes identity = "u:a";
+    identify(recorder, &identity);
+    const LogCapture log;
+    Session session(plainUrl(), true, true);
+    session.detectLdapVendor();
+    session.bind("cn=a"_s, "b"_s);
+    session.whoAmI();
+
+    const std::string tag =
+        utils::format(u"tavo::ldap::Session(0x%1)", QString::number(reinterpret_cast<quintptr>(&session), 16))
+            .toStdString();
+    std::vector<std::string> lines;
+    for (const auto& message : log.messages()) {
+        if (message.tag == tag)
+            lines.push_back(std::to_string(static_cast<int>(message.level)) + " " + message.text);
+    }
+    EXPECT_THAT(lines,
+        ElementsAre("5 Creating for ldap://127.0.0.1:1", "6 Upgrading to TLS",
+            ::testing::StartsWith("5 Detect LDAP vendor error: ldap_search_ext_s: Can't contact LDAP server"),
+            "6 Binding to [cn=a]...", "5 Bound to [cn=a]", "6 Who am I?"));
 }
 
 LDAP* newHandle()

@@ -5,6 +5,8 @@
 #include <ldap/private/utils.h>
 
 #include <cerrno>
+#include <new>
+#include <string_view>
 
 #include <gmock/gmock.h>
 
@@ -151,6 +153,54 @@ TEST_F(SimpleSearchCalls, LeaveOutTheEntryWhoseDnCannotBeReadAndNameTheHandlesCo
     EXPECT_EQ(line->level, log::Level::debug);
 }
 
+TEST_F(SimpleSearchCalls, ReadAValueWithoutBytesAsEmpty)
+{
+    server.expectSearch().answer(entry("cn=1").attr("cn", "1"), done());
+    recorder.replace(ldap_get_values_len, [](LDAP* ld, LDAPMessage* message, const char* name) {
+        berval** values = CallRecorder::real(ldap_get_values_len)(ld, message, name);
+        if (values != nullptr) {
+            CallRecorder::real(ber_memfree)(values[0]->bv_val);
+            *values[0] = {7, nullptr};
+        }
+        return values;
+    });
+
+    const auto found = session->simpleSearch(params());
+
+    EXPECT_THAT(found.at(0).getAttribute("cn"_s).values, ElementsAre(QString()));
+}
+
+TEST_F(SimpleSearchCalls, LeaveOutAnAttributeWhoseReadingFailsAndSaySo)
+{
+    server.expectSearch().answer(entry("cn=1").attr("cn", "1").attr("mail", "m"), done());
+    recorder.replace(ldap_get_values_len, [](LDAP* ld, LDAPMessage* message, const char* name) {
+        if (std::string_view(name) == "cn")
+            throw BaseError(LDAP_NO_MEMORY, "values"_s, 0);
+        return CallRecorder::real(ldap_get_values_len)(ld, message, name);
+    });
+
+    const auto found = session->simpleSearch(params());
+
+    ASSERT_THAT(found.at(0).attributes, SizeIs(1));
+    EXPECT_EQ(found.at(0).attributes.at(0).name, "mail"_s);
+    const auto messages = log.messages();
+    const auto line = std::find_if(messages.begin(), messages.end(),
+        [](const auto& message) { return message.text.rfind("No attribute", 0) == 0; });
+    ASSERT_NE(line, messages.end());
+    EXPECT_EQ(line->text, "No attribute [cn] for [cn=1]: [values: Out of memory]");
+    EXPECT_EQ(line->level, log::Level::verbose);
+    EXPECT_THAT(line->tag, ::testing::StartsWith("tavo::ldap::LdapSearchEntryAccessor(0x"));
+}
+
+TEST_F(SimpleSearchCalls, PassOnWhatIsNoLdapErrorOfAnAttribute)
+{
+    server.expectSearch().answer(entry("cn=1").attr("cn", "1"), done());
+    recorder.replace(
+        ldap_get_values_len, [](LDAP*, LDAPMessage*, const char*) -> berval** { throw std::bad_alloc(); });
+
+    EXPECT_THROW(session->simpleSearch(params()), std::bad_alloc);
+}
+
 TEST_F(SimpleSearchCalls, KeepTheAttributesReadBeforeTheIterationFails)
 {
     server.expectSearch().answer(entry("cn=1").attr("cn", "1").attr("sn", "2"), done());
@@ -199,6 +249,8 @@ protected:
     ResponseCalls() { EXPECT_EQ(ldap_initialize(&m_ld, server.url().c_str()), LDAP_SUCCESS); }
     ~ResponseCalls() override { ldap_destroy(m_ld); }
 
+    LDAP* handle() const { return m_ld; }
+
     ldap::SearchResponse receive(const ResultMessage& last)
     {
         server.expectSearch().answer(last);
@@ -232,6 +284,49 @@ TEST_F(ResponseCalls, HasNoControlsWithoutAReportWhenTheServerSentNone)
     EXPECT_EQ(response.controls(), nullptr);
     EXPECT_EQ(recorder.only("ldap_parse_result").number("freeit"), 0);
     EXPECT_THAT(assertions.failures(), IsEmpty());
+}
+
+TEST_F(ResponseCalls, FreesTheControlsThatCameWithAFailure)
+{
+    auto response = receive(done().page("cookie"));
+    recorder.replace(
+        ldap_parse_result, [](LDAP* ld, LDAPMessage* chain, int* code, char** matched, char** diagnostic,
+                               char*** referrals, LDAPControl*** controls, int freeChain) {
+            CallRecorder::real(ldap_parse_result)(
+                ld, chain, code, matched, diagnostic, referrals, controls, freeChain);
+            return LDAP_DECODING_ERROR;
+        });
+
+    EXPECT_THROW(response.controls(), BaseError);
+
+    EXPECT_EQ(recorder.count("ldap_controls_free"), 1U);
+}
+
+TEST_F(ResponseCalls, FreesTheReferralsThatCameWithAFailureAndLooksNoFurther)
+{
+    server.expectSearch().answer(reference({"ldap://one/"}), reference({"ldap://two/"}), done());
+    LDAPMessage* chain = nullptr;
+    ldap_search_ext_s(
+        handle(), "dc=x", LDAP_SCOPE_BASE, nullptr, nullptr, 0, nullptr, nullptr, nullptr, 0, &chain);
+    ldap::SearchResponse response(handle(), ldap::MessagePtr(chain, &ldap_msgfree));
+    recorder.replace(ldap_parse_reference,
+        [](LDAP* ld, LDAPMessage* message, char*** urls, LDAPControl*** controls, int freeMessage) {
+            CallRecorder::real(ldap_parse_reference)(ld, message, urls, controls, freeMessage);
+            return LDAP_DECODING_ERROR;
+        });
+    log.clear();
+
+    response.logReferences();
+
+    EXPECT_EQ(recorder.count("ldap_parse_reference"), 1U);
+    EXPECT_EQ(recorder.count("ber_memvfree"), 1U);
+    std::vector<std::string> lines;
+    for (const auto& message : log.messages()) {
+        EXPECT_THAT(message.tag, ::testing::StartsWith("tavo::ldap::SearchResponse(0x"));
+        lines.push_back(std::to_string(static_cast<int>(message.level)) + " " + message.text);
+    }
+    EXPECT_THAT(
+        lines, ElementsAre("6 Logging references", "5 Failed to parse LDAP reference entry: Decoding error"));
 }
 
 TEST_F(ResponseCalls, ThrowsWhenTheControlsCannotBeParsed)

@@ -116,6 +116,17 @@ TEST(TlsErrorTest, logsTheTextOfOpenSslAfterThatOfItsBase)
     EXPECT_EQ(log.messages().back().tag, tagOf("tavo::ldap::TlsError", &error));
 }
 
+TEST(TlsErrorTest, leavesItsTextInOpenSslsBufferWhateverTheLogLevel)
+{
+    const unsigned long sslError = ERR_PACK(ERR_LIB_SSL, 0, SSL_R_CERTIFICATE_VERIFY_FAILED);
+    const char* const buffer = ERR_error_string(0, nullptr);
+    char text[256];
+    ERR_error_string_n(sslError, text, sizeof text);
+    const test::LogCapture log(log::Level::info);
+    const TlsError error(sslError, LDAP_CONNECT_ERROR, 0);
+    EXPECT_STREQ(buffer, text);
+}
+
 TEST(ErrorTest, creatingOneLeavesErrnoAlone)
 {
     const test::LogCapture log;

@@ -1,4 +1,5 @@
 #include "support/assertion_capture.h"
+#include "support/qt_printers.h"
 #include "support/temporary_directory.h"
 
 #include <ldap/tavo_ldap_ini.h>
@@ -13,6 +14,8 @@
 
 namespace tavo::ldap {
 namespace {
+
+using test::operator""_s;
 
 class IniTest : public ::testing::Test
 {
@@ -38,6 +41,16 @@ TEST_F(IniTest, readsBothSwitches)
     const Ini ini;
     EXPECT_TRUE(ini.logResponseReferences);
     EXPECT_EQ(ini.openldapDebugLevel, -1);
+}
+
+TEST_F(IniTest, describesItsTwoSwitches)
+{
+    const auto keys = Ini().descriptions();
+    ASSERT_EQ(keys.size(), 2U);
+    EXPECT_EQ(keys[0].key, "logResponseReferences"_s);
+    EXPECT_EQ(keys[0].text, "Enables debug output of LDAP references in search."_s);
+    EXPECT_EQ(keys[1].key, "openldapDebugLevel"_s);
+    EXPECT_EQ(keys[1].text, "Enables debug output to stdout of openldap library"_s);
 }
 
 TEST_F(IniTest, isReadOncePerProcess)
