@@ -1,8 +1,10 @@
 #include <ldap/manager.h>
 
+#include <ldap/private/wipe.h>
 #include <ldap/session.h>
 #include <ldap/tavo_ldap_ini.h>
 #include <tavo_utils/log.h>
+#include <tavo_utils/scope_guard.h>
 
 #include <utility>
 
@@ -39,6 +41,8 @@ public:
     explicit ManagerImpl(Settings settings)
         : m_settings(std::move(settings))
     {
+        // It is needed for the bind alone, and a core file of the host should not have it.
+        const utils::ScopeGuard wipePassword([this] { wipe(m_settings.adminPassword); });
         TAVO_LOG_VERBOSE(log::tag(*this), u"Init LDAP session with settings %1", loggableText(m_settings));
         enableOpenldapDebugOutput(ini().openldapDebugLevel);
 

@@ -6,6 +6,7 @@
 #include <ldap/private/finished_threads.h>
 #include <ldap/private/positions.h>
 #include <ldap/private/search_turns.h>
+#include <ldap/private/wipe.h>
 #include <tavo_utils/assert.h>
 #include <tavo_utils/formatter.h>
 #include <tavo_utils/log.h>
@@ -26,8 +27,6 @@
 namespace tavo::ldap {
 
 namespace {
-
-void wipe(QByteArray& secret) { explicit_bzero(secret.data(), static_cast<std::size_t>(secret.size())); }
 
 /// The credentials of a simple bind in the client library's memory, wiped before they are freed.
 class Credentials
