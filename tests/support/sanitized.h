@@ -6,17 +6,19 @@
 #define TAVO_HAS_FEATURE(x) 0
 #endif
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || TAVO_HAS_FEATURE(address_sanitizer) ||  \
+    TAVO_HAS_FEATURE(thread_sanitizer)
+#define TAVO_SANITIZED 1
+#else
+#define TAVO_SANITIZED 0
+#endif
+
+#undef TAVO_HAS_FEATURE
+
 namespace tavo::test {
 
 /// Whether this is compiled for AddressSanitizer or ThreadSanitizer, which make everything several times
 /// slower.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || TAVO_HAS_FEATURE(address_sanitizer) ||  \
-    TAVO_HAS_FEATURE(thread_sanitizer)
-inline constexpr bool sanitized = true;
-#else
-inline constexpr bool sanitized = false;
-#endif
+inline constexpr bool sanitized = TAVO_SANITIZED != 0;
 
 } // namespace tavo::test
-
-#undef TAVO_HAS_FEATURE
