@@ -61,10 +61,28 @@ documented_without_test() {
         $(NF - 1) ~ /^ (test|pinned by) $/ { in_table = 1 }'
 }
 
+# names_marked MARK REPORT: the tests that GoogleTest marks so in a report of a run, without their instances.
+names_marked() {
+    grep -oP "\[ *$1 *\] (\w+/)?\K[A-Z]\w*\.\w+" "$2" | sort -u
+}
+
+# Whether REPORT is of a run of all tests of the build, as they and what is written about them are now.
+is_of_whole_run() {
+    [ -e "$1" ] && [ -z "$(find tests docs -newer "$1" -print -quit)" ] &&
+        [ "$(junit_count dev tests)" = "$(ctest --test-dir build/dev -N | sed -n 's/^Total Tests: //p')" ]
+}
+
+documented_but_not_passed() {
+    local report=$logs/tests-dev.xml
+    ! is_of_whole_run "$report" ||
+        comm -23 <(documented_tests) <(comm -23 <(names_marked OK "$report") <(names_marked FAILED "$report"))
+}
+
 lint_documents() {
     local faults
     faults=$(comm -23 <(documented_tests) <(all_tests) | sed 's/^/there is no such test: /' &&
-        documented_without_test) || return
+        documented_without_test &&
+        documented_but_not_passed | sed 's/^/did not pass in the last run of all tests: /') || return
     echo "$faults"
     [ -z "$faults" ]
 }

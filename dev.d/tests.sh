@@ -7,7 +7,7 @@ run_tests() {
     shift
     # Most of the time of a test is spent waiting for a server, so there may be more of them than processors.
     step "tests $preset" ctest --test-dir "build/$preset" --parallel $(($(nproc) * 2)) --no-tests=error \
-        --output-on-failure --output-junit "$logs/tests-$preset.xml" "$@"
+        --output-on-failure --test-output-size-passed 1000000 --output-junit "$logs/tests-$preset.xml" "$@"
 }
 
 # junit_count PRESET ATTRIBUTE: a number out of the head of CTest's own report.

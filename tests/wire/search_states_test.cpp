@@ -293,6 +293,34 @@ TEST_F(SearchStates, CompleteAnIntermediateCallBeforeTheyAreCancelled)
     endEverything();
 }
 
+TEST_F(SearchStates, CompleteAFinalCallBeforeTheirSessionIsGone)
+{
+    server.expectSearch().answer(done());
+    const Gate isInCall;
+    const Gate ending;
+    std::atomic<bool> isGone = false;
+    std::atomic<bool> isGoneTooSoon = true;
+    session->asyncSearch(
+        below("dc=x"),
+        [&](Result, const std::vector<ldap::SearchEntry>&) {
+            isInCall.open();
+            ending.wait("the session's end");
+            // Time enough for an end that doesn't wait to come.
+            for (int i = 0; i < 1000; ++i)
+                std::this_thread::yield();
+            isGoneTooSoon = isGone.load();
+        },
+        2);
+    isInCall.wait("the final call");
+
+    ending.open();
+    session.reset();
+    isGone = true;
+
+    EXPECT_FALSE(isGoneTooSoon);
+    server.waitForClose(0);
+}
+
 TEST_F(SearchStates, OutliveTheirSessionUncalledWhenTheyAreForgotten)
 {
     const Gate answer;
@@ -328,21 +356,38 @@ TEST_F(SearchStates, AreNoMoreToBeForgottenOnceTheyAreOver)
 /// A server that is asked for one page at a time, as OpenLDAP has to be.
 TEST(WaitingSearch, NeverAsksWhenItIsStoppedBeforeItsTurn)
 {
-    const Gate answer;
+    constexpr std::size_t kRounds = 20;
     ScriptedServer server;
-    server.expectSearch().base("dc=first").answer(waitFor(answer), done());
-    Session session(utils::Url(QString::fromStdString(server.url())), false, false);
-    HandlerCalls first;
-    HandlerCalls second;
-    session.asyncSearch(below("dc=first"), first.handler(), 2);
-    SearchContext* const context = session.asyncSearch(below("dc=second"), second.handler(), 2);
+    auto session = std::make_unique<Session>(utils::Url(QString::fromStdString(server.url())), false, false);
+    for (std::size_t round = 1; round <= kRounds; ++round) {
+        const Gate answer;
+        server.expectSearch().base("dc=first").answer(waitFor(answer), done());
+        HandlerCalls first;
+        HandlerCalls second;
+        session->asyncSearch(below("dc=first"), first.handler(), 2);
+        SearchContext* const context = session->asyncSearch(below("dc=second"), second.handler(), 2);
+        server.waitForRequests(round);
 
-    context->stopAsyncSearch();
+        context->stopAsyncSearch();
 
-    EXPECT_THAT(resultsOf(second.waitForEnd()), ElementsAre(Result::cancelled));
-    answer.open();
-    EXPECT_THAT(resultsOf(first.waitForEnd()), ElementsAre(Result::ok));
-    EXPECT_EQ(server.requests().size(), 1U);
+        EXPECT_THAT(resultsOf(second.waitForEnd()), ElementsAre(Result::cancelled));
+        answer.open();
+        EXPECT_THAT(resultsOf(first.waitForEnd()), ElementsAre(Result::ok));
+    }
+    session.reset();
+    server.waitForClose(0);
+}
+
+TEST(SessionEnd, UnbindsAndCloses)
+{
+    ScriptedServer server;
+    server.expectBind().answer(success());
+    server.expectUnbind();
+    {
+        Session session(utils::Url(QString::fromStdString(server.url())), false, false);
+        session.bind(QStringLiteral("cn=a"), QStringLiteral("b"));
+    }
+    server.waitForClose(0);
 }
 
 TEST(SearchThreads, AreNotThereBeforeASearch)
