@@ -16,7 +16,8 @@ sanitize() {
 
 cmd_check() {
     local line failed=0
-    install_missing build test slapd samba lint
+    install_missing build test slapd samba ds389 lint
+    prepare_ds389 || return
     for line in "${check_steps[@]}"; do
         # shellcheck disable=SC2086 # a command and its arguments
         $line || failed=$((failed + 1))

@@ -58,7 +58,8 @@ check_openssl_libldap() {
         echo "ok   the system's own libldap is on OpenSSL: every other run tests that backend"
         return
     fi
-    install_missing build test slapd samba openssl_libldap
+    install_missing build test slapd samba ds389 openssl_libldap
+    prepare_ds389 || return
     step "openssl-libldap" build_openssl_libldap && build dev || return
     step "tests on openssl-libldap" env LD_LIBRARY_PATH="$openssl_libldap/prefix/lib" TAVO_TEST_TLS_BACKEND=OpenSSL \
         ctest --test-dir build/dev --parallel $(($(nproc) * 2)) --no-tests=error --output-on-failure -L '^directory$'

@@ -6,6 +6,7 @@ declare -A packages=(
     [test]="libgtest-dev libgmock-dev ccache"
     [slapd]="slapd"
     [samba]="samba-ad-dc samba-dsdb-modules samba-ad-provision python3"
+    [ds389]="389-ds-base-libs"
     [openssl_libldap]="gcc make libc6-dev dpkg-dev libssl-dev libsasl2-dev"
     [roots]="debootstrap git"
     [lint]="clang clang-format clang-tidy shellcheck git"

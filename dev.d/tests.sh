@@ -25,13 +25,14 @@ summarise_tests() {
 }
 
 cmd_test() {
-    local selection=() servers=(slapd samba) status=0
+    local selection=() servers=(slapd samba ds389) status=0
     case ${1:-} in
         "") ;;
         quick) selection=(-L '^(unit|call|wire)$') servers=() ;;
         *) selection=(-R "$1") ;;
     esac
     install_missing build test "${servers[@]}"
+    [ ${#servers[@]} -eq 0 ] || prepare_ds389 || return
     build dev || return
     rm -f "$logs/tests-dev.xml"
     run_tests dev "${selection[@]}" || status=$?
