@@ -30,12 +30,12 @@ make_root() {
 }
 
 # in_root FOLDER COMMAND...: as root, and with mounts and processes of its own: the kernel undoes the mounts and ends
-# the processes with the command, however that ends. The network is the machine's.
+# the processes with the command, and the command with this shell, however they end. The network is the machine's.
 in_root() {
     local root=$1
     shift
     # shellcheck disable=SC2016 # for the inner shell
-    as_root unshare --mount --propagation private --pid --fork --kill-child bash -c '
+    as_root setpriv --pdeathsig KILL unshare --mount --propagation private --pid --fork --kill-child bash -c '
         mount --rbind /dev "$0/dev" && mount -t proc proc "$0/proc" &&
             exec chroot "$0" /usr/bin/env --ignore-environment HOME=/root TERM="$TERM" \
                 PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin "$@"' "$root" "$@"
