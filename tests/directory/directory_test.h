@@ -2,6 +2,7 @@
 
 #include "support/log_capture.h"
 #include "support/qt_printers.h"
+#include "support/result_printer.h"
 #include "support/slapd.h"
 #include "support/threads_end_here.h"
 
@@ -118,8 +119,3 @@ inline ldap::SearchParams peopleSearch()
 }
 
 } // namespace tavo::test
-
-/// How GoogleTest shows a result.
-namespace tavo::ldap {
-inline void PrintTo(Result result, std::ostream* out) { *out << toString(result); }
-} // namespace tavo::ldap

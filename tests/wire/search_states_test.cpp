@@ -27,8 +27,9 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-/// A session that may go, whose searches need not take turns. Still libldap lets a search on the same
-/// connection send its request only when another one that waits for its answer has got something.
+/// A session that may go, whose searches need not take turns. Still libldap lets one thread at a time wait on
+/// a connection: another search sends its request, and gets what has come for it, only when that one has got
+/// something. So no answer here may depend on two of them.
 class SearchStates : public ::testing::Test
 {
 protected:
@@ -95,42 +96,6 @@ TEST_F(SearchStates, AreAllCancelledByTheThreadThatDestroysTheSession)
     never.open();
     server.waitForClose(0);
     EXPECT_EQ(calls.count(), 2U);
-}
-
-TEST_F(SearchStates, AreCancelledByTheFinalCallThatDestroysTheSession)
-{
-    const Gate bothRun;
-    const Gate never;
-    server.otherwise([=](const Request& request) -> Steps {
-        return {waitFor(request.as<SearchRequest>().base == "dc=ends" ? bothRun : never), done()};
-    });
-    HandlerCalls running;
-    std::promise<std::thread::id> finalThread;
-    std::thread::id cancellingThread;
-    session->asyncSearch(
-        below("dc=ends"),
-        [&](Result result, const std::vector<ldap::SearchEntry>&) {
-            EXPECT_EQ(result, Result::ok);
-            session.reset();
-            finalThread.set_value(std::this_thread::get_id());
-        },
-        2);
-    waitForSearches(1);
-    session->asyncSearch(
-        below("dc=runs"),
-        [&](Result result, std::vector<ldap::SearchEntry> page) {
-            cancellingThread = std::this_thread::get_id();
-            running.add(result, std::move(page));
-        },
-        2);
-
-    bothRun.open();
-
-    EXPECT_EQ(finalThread.get_future().get(), cancellingThread);
-    EXPECT_THAT(resultsOf(running.waitForEnd()), ElementsAre(Result::cancelled));
-    never.open();
-    server.waitForClose(0);
-    EXPECT_EQ(running.count(), 1U);
 }
 
 TEST_F(SearchStates, EndTheWaitForAllPagesWhenAnotherThreadDestroysTheSession)
@@ -353,7 +318,8 @@ TEST_F(SearchStates, AreNoMoreToBeForgottenOnceTheyAreOver)
     EXPECT_THAT(std::get<std::vector<ldap::SearchEntry>>(session->search(below("dc=x"), 2)), SizeIs(1));
 }
 
-/// A server that is asked for one page at a time, as OpenLDAP has to be.
+// Searches of a server that is asked for one page at a time, as OpenLDAP has to be.
+
 TEST(WaitingSearch, NeverAsksWhenItIsStoppedBeforeItsTurn)
 {
     constexpr std::size_t kRounds = 20;
@@ -376,6 +342,44 @@ TEST(WaitingSearch, NeverAsksWhenItIsStoppedBeforeItsTurn)
     }
     session.reset();
     server.waitForClose(0);
+}
+
+TEST(WaitingSearch, IsCancelledByTheFinalCallThatDestroysTheSession)
+{
+    const Gate bothRun;
+    const Gate never;
+    ScriptedServer server;
+    // It is the second one's turn before the first one's final call, so it may ask or may not.
+    server.otherwise([=](const Request& request) -> Steps {
+        return {waitFor(request.as<SearchRequest>().base == "dc=ends" ? bothRun : never), done()};
+    });
+    auto session = std::make_unique<Session>(utils::Url(QString::fromStdString(server.url())), false, false);
+    HandlerCalls waiting;
+    std::promise<std::thread::id> finalThread;
+    std::thread::id cancellingThread;
+    session->asyncSearch(
+        below("dc=ends"),
+        [&](Result result, const std::vector<ldap::SearchEntry>&) {
+            EXPECT_EQ(result, Result::ok);
+            session.reset();
+            finalThread.set_value(std::this_thread::get_id());
+        },
+        2);
+    session->asyncSearch(
+        below("dc=waits"),
+        [&](Result result, std::vector<ldap::SearchEntry> page) {
+            cancellingThread = std::this_thread::get_id();
+            waiting.add(result, std::move(page));
+        },
+        2);
+
+    bothRun.open();
+
+    EXPECT_EQ(finalThread.get_future().get(), cancellingThread);
+    EXPECT_THAT(resultsOf(waiting.waitForEnd()), ElementsAre(Result::cancelled));
+    never.open();
+    server.waitForClose(0);
+    EXPECT_EQ(waiting.count(), 1U);
 }
 
 TEST(SessionEnd, UnbindsAndCloses)

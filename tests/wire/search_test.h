@@ -1,5 +1,6 @@
 #pragma once
 
+#include "support/result_printer.h"
 #include "support/scripted_server.h"
 
 #include <ldap/session.h>
