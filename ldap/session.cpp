@@ -179,21 +179,25 @@ public:
 
     void operator()(Result result, std::vector<SearchEntry> page)
     {
-        append(std::move(page));
+        const bool isKept = append(std::move(page));
         if (result != Result::moreResults) {
-            m_result.set_value(result);
+            m_result.set_value(isKept ? result : Result::connectError);
+        } else if (!isKept) {
+            // As an LDAP error, which becomes the final result; anything else would leave the caller waiting.
+            throw BaseError(LDAP_NO_MEMORY, QStringLiteral("search"), 0);
         }
     }
 
 private:
-    void append(std::vector<SearchEntry> page)
+    /// False when there is no memory for them.
+    bool append(std::vector<SearchEntry> page)
     {
         try {
             m_entries->insert(
                 m_entries->end(), std::move_iterator(page.begin()), std::move_iterator(page.end()));
+            return true;
         } catch (const std::bad_alloc&) {
-            // As an LDAP error, which becomes the final result; anything else would leave the caller waiting.
-            throw BaseError(LDAP_NO_MEMORY, QStringLiteral("search"), 0);
+            return false;
         }
     }
 

@@ -1,10 +1,12 @@
 #include "no_threads.h"
+#include "scarce_memory.h"
 #include "search_calls_test.h"
 
 #include "support/assertion_capture.h"
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <future>
 #include <memory>
 #include <optional>
@@ -311,6 +313,16 @@ TEST_F(PagedSearchCalls, EndWithTheServersCodeAndFreeThePageOnceWithoutReadingIt
     EXPECT_EQ(recorder.count("ldap_msgfree"), 1U);
 }
 
+TEST_F(PagedSearchCalls, FreeTheReferralsThatComeWithTheServersCode)
+{
+    server.expectSearch().answer(
+        done(LDAP_REFERRAL).referrals({"ldap://127.0.0.1/dc=y", "ldap://127.0.0.1/dc=z"}));
+
+    expectOnly(Result::connectError);
+
+    EXPECT_EQ(recorder.count("ber_memvfree"), 1U);
+}
+
 TEST_F(PagedSearchCalls, EndWithTheParsersCodeAndFreeThePageOnceWhenItsResultCannotBeParsed)
 {
     server.expectSearch().answer(entries(1, 2), done().page("more"));
@@ -547,6 +559,43 @@ TEST_F(PagedSearchCalls, EndWithoutAFinalCallWhenAnIntermediateOneThrowsSomethin
     EXPECT_EQ(recorder.count("ldap_search_ext"), 1U);
 }
 
+TEST_F(PagedSearchCalls, LetTheNextOneRunWhenAnExceptionHasEndedThem)
+{
+    server.expectSearch().answer(entries(1, 2), done().page("one"));
+    server.expectSearch().answer(done());
+    session->asyncSearch(
+        params(),
+        [](Result result, const auto&) {
+            if (result == Result::moreResults)
+                throw std::runtime_error("no disk");
+        },
+        2);
+
+    EXPECT_THAT(resultsOf(fetch()), ElementsAre(Result::ok));
+}
+
+TEST_F(PagedSearchCalls, SurviveABrokenPipe)
+{
+    // As when the server has closed the connection that is written to.
+    beforeEach(recorder, ldap_search_ext, [] { pthread_kill(pthread_self(), SIGPIPE); });
+    server.expectSearch().answer(done());
+
+    EXPECT_THAT(resultsOf(fetch()), ElementsAre(Result::ok));
+}
+
+TEST_F(PagedSearchCalls, EndAWaitingSearchThatHasNoMemoryForItsEntries)
+{
+    // The room for entries is doubled while they are read, so only their collecting asks for room for so
+    // many.
+    constexpr int kEntries = 37;
+    const ScarceMemory scarce(kEntries * sizeof(ldap::SearchEntry));
+    server.expectSearch().answer(entries(1, kEntries), done().page("more"));
+    EXPECT_EQ(std::get<Result>(session->search(params(), kEntries)), Result::connectError);
+
+    server.expectSearch().answer(entries(1, kEntries), done());
+    EXPECT_EQ(std::get<Result>(session->search(params(), kEntries + 1)), Result::connectError);
+}
+
 TEST_F(PagedSearchCalls, AreOverWhenTheFinalCallThrows)
 {
     for (const bool isLdapError : {true, false}) {
@@ -603,6 +652,49 @@ protected:
         session.reset();
     }
 };
+
+TEST_F(SearchStart, IsRefusedToAHandlerThatHasStoppedItsOwnSearch)
+{
+    server.expectSearch().answer(entries(1, 2), done().page("more"));
+    const auto context = makeContext();
+    const AssertionCapture assertions;
+    HandlerCalls calls;
+    HandlerCalls refused;
+    context->asyncSearch(
+        [&](Result result, std::vector<ldap::SearchEntry> page) {
+            if (result == Result::moreResults) {
+                context->stopAsyncSearch();
+                context->asyncSearch(refused.handler(), 2);
+            }
+            calls.add(result, std::move(page));
+        },
+        2);
+
+    // Waiting for the search to end, as a start does, the handler would wait for itself.
+    EXPECT_THAT(resultsOf(calls.waitForCalls(2)), ElementsAre(Result::cancelled, Result::moreResults));
+    EXPECT_THAT(resultsOf(refused.waitForEnd()), ElementsAre(Result::ok));
+    EXPECT_THAT(assertions.failures(),
+        ElementsAre(AssertionCapture::Failure{"ldap/search_context", 192, "!isAsyncSearchRunning()", ""}));
+}
+
+TEST_F(SearchStart, MayBeRefusedInAFinalCallWithoutDelayingTheSessionsEnd)
+{
+    server.expectSearch().answer(entries(1, 1), done());
+    const AssertionCapture assertions;
+    HandlerCalls calls;
+    HandlerCalls refused;
+    session->asyncSearch(
+        params(),
+        [&](Result result, std::vector<ldap::SearchEntry> page) {
+            session->asyncSearch(params(), refused.handler(), 0);
+            calls.add(result, std::move(page));
+        },
+        2);
+    EXPECT_THAT(resultsOf(calls.waitForEnd()), ElementsAre(Result::ok));
+    EXPECT_THAT(resultsOf(refused.waitForEnd()), ElementsAre(Result::ok));
+    // The thread has made two final calls, and ends once.
+    session.reset();
+}
 
 TEST_F(SearchStart, FailsWithoutATraceWhenTheHandleCannotBeDuplicated)
 {

@@ -23,6 +23,43 @@ namespace tavo::test {
 
 namespace {
 
+/// What was in the memory that was wiped while one of these lives, in order. There is one at a time.
+class Wipes
+{
+public:
+    Wipes() { wiped() = &m_texts; }
+    ~Wipes() { wiped() = nullptr; }
+    Wipes(const Wipes&) = delete;
+    Wipes& operator=(const Wipes&) = delete;
+
+    const std::vector<Bytes>& texts() const { return m_texts; }
+
+    static std::vector<Bytes>*& wiped()
+    {
+        static std::vector<Bytes>* texts = nullptr;
+        return texts;
+    }
+
+private:
+    std::vector<Bytes> m_texts;
+};
+
+} // namespace
+
+extern "C" {
+void __real_explicit_bzero(void* memory, std::size_t size);
+void __wrap_explicit_bzero(void* memory, std::size_t size);
+
+void __wrap_explicit_bzero(void* memory, std::size_t size)
+{
+    if (Wipes::wiped() != nullptr)
+        Wipes::wiped()->emplace_back(static_cast<const char*>(memory), size);
+    __real_explicit_bzero(memory, size);
+}
+}
+
+namespace {
+
 using ldap::BaseError;
 using ldap::InvalidCredentialsError;
 using ldap::Session;
@@ -434,6 +471,22 @@ TEST(Bind, WipesAndFreesTheCopyOfThePasswordWhateverComesOfIt)
         }
 
         EXPECT_EQ(recorder.only("ber_memfree").text("content"), Bytes(6, '\0'));
+    }
+}
+
+TEST(Bind, WipesItsOwnCopiesOfThePasswordToo)
+{
+    for (const char* const password : {"secret", "with\0NUL"}) {
+        CallRecorder recorder;
+        recorder.fail(ldap_sasl_bind_s, LDAP_SUCCESS);
+        Session session(plainUrl(), false, false);
+        const Bytes text(password, 6);
+        const Wipes wipes;
+
+        session.bind("cn=a"_s, QString::fromUtf8(text.data(), 6));
+
+        // The one that is sent, in the client library's memory, is the second.
+        EXPECT_THAT(wipes.texts(), ElementsAre(text, text));
     }
 }
 
