@@ -3,6 +3,7 @@
 #include "support/log_capture.h"
 
 #include <atomic>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -18,8 +19,8 @@ using ldap::Result;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-
 using ::testing::SizeIs;
+using ::testing::UnorderedElementsAre;
 
 constexpr unsigned kSequence = 0x30;
 
@@ -248,6 +249,44 @@ TEST_F(PagedSearch, IsStoppedByAnotherThreadWhileTheServerIsSilent)
 
     EXPECT_THAT(resultsOf(calls.waitForEnd()), ElementsAre(Result::moreResults, Result::cancelled));
     goOn.open();
+}
+
+TEST_F(PagedSearch, LeavesItsTurnToTheNextOnceItIsForgotten)
+{
+    const Gate goOn;
+    server.expectSearch().paged(2, "").answer(waitFor(goOn), entries(1, 2), done().page("more"));
+    server.expectSearch().paged(3, "").answer(done());
+    HandlerCalls forgotten;
+    HandlerCalls next;
+    ldap::SearchContext* context = session.asyncSearch(below("dc=x"), forgotten.handler(), 2);
+    server.waitForRequests(1);
+    session.asyncSearch(below("dc=x"), next.handler(), 3);
+
+    session.stopAsyncSearch(context);
+    goOn.open();
+
+    EXPECT_THAT(resultsOf(next.waitForEnd()), ElementsAre(Result::ok));
+    EXPECT_EQ(forgotten.count(), 0U);
+}
+
+TEST_F(PagedSearch, MayThrowInItsLastCallWhenItsSessionGoes)
+{
+    const Gate end;
+    server.expectSearch().answer(waitFor(end), done());
+    const LogCapture log;
+    {
+        ldap::Session going(urlOf(server), false, false);
+        going.asyncSearch(
+            below("dc=x"), [](Result, const auto&) { throw std::runtime_error("not in the mood"); }, 2);
+        going.asyncSearch(
+            below("dc=x"), [](Result, const auto&) { throw 42; }, 2);
+        server.waitForRequests(1);
+    }
+    end.open();
+
+    EXPECT_THAT(log.texts(log::Level::warning),
+        UnorderedElementsAre("The handler of a cancelled search threw an exception: not in the mood",
+            "The handler of a cancelled search threw something that is no exception"));
 }
 
 TEST_F(PagedSearch, CallsNobodyOnceItIsForgotten)

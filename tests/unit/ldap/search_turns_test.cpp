@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <future>
 #include <vector>
 
@@ -83,6 +84,31 @@ TEST_F(SearchTurnsTest, waitsForAPageOnItsWayOfOneThatGaveUp)
     EXPECT_TRUE(waits.get());
     // Its next page would end the second search at the server.
     EXPECT_FALSE(first->beginPage());
+}
+
+TEST_F(SearchTurnsTest, letsNobodyBeginWhileAPageIsOnItsWay)
+{
+    const auto first = take();
+    const auto second = take();
+    EXPECT_TRUE(first->beginPage());
+    first->giveUp();
+    std::atomic<bool> hasCome = false;
+    const auto page = std::async(std::launch::async, [&] {
+        hasCome = true;
+        first->endPage();
+    });
+    EXPECT_TRUE(second->beginPage());
+    EXPECT_TRUE(hasCome);
+}
+
+TEST_F(SearchTurnsTest, letsOneThatGaveUpAskForOnePageAtATime)
+{
+    const auto first = take();
+    EXPECT_TRUE(first->beginPage());
+    first->giveUp();
+    EXPECT_FALSE(first->beginPage());
+    first->endPage();
+    EXPECT_TRUE(first->beginPage());
 }
 
 TEST_F(SearchTurnsTest, letsOneThatGaveUpGoOnWhileItDisturbsNobody)

@@ -3,7 +3,25 @@
 #include <gtest/gtest.h>
 
 #include <pthread.h>
+#include <sys/syscall.h>
 #include <unistd.h>
+
+namespace {
+
+int interruptions = 0;
+
+} // namespace
+
+/// Takes the place of the system's in this program, to be interrupted as often as a test says.
+extern "C" int sigtimedwait(const sigset_t* set, siginfo_t* info, const timespec* timeout)
+{
+    if (interruptions > 0) {
+        --interruptions;
+        errno = EINTR;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_rt_sigtimedwait, set, info, timeout, _NSIG / 8));
+}
 
 namespace tavo::ldap {
 namespace {
@@ -44,6 +62,14 @@ TEST(SigpipeTest, survivesAWriteToAClosedConnection)
     EXPECT_EQ(systemError, EPIPE);
     EXPECT_FALSE(isPending());
     EXPECT_FALSE(isBlocked());
+}
+
+TEST(SigpipeTest, survivesItAlsoWhenOtherSignalsComeInBetween)
+{
+    interruptions = 2;
+    callClient([] { return writeToNobody(); });
+    EXPECT_EQ(interruptions, 0);
+    EXPECT_FALSE(isPending());
 }
 
 TEST(SigpipeTest, leavesAPendingSignalOfTheHostAlone)

@@ -169,6 +169,16 @@ TEST_F(IniConfigTest, ReportsEveryMistakeByLineAndReadsOn)
     EXPECT_FALSE(ini.careful);
 }
 
+TEST_F(IniConfigTest, NeedsABlankBeforeACommentThatEndsALine)
+{
+    write(own(), "depth = 3;4\ndepth = 5#6\ndepth = 8 ;9\n");
+    const LogCapture log;
+    const Ini ini;
+    EXPECT_THAT(mistakes(log, ini), ElementsAre("1: the value of [depth] must be an integer, found [3;4]",
+                                        "2: the value of [depth] must be an integer, found [5#6]"));
+    EXPECT_EQ(ini.depth, 8);
+}
+
 TEST_F(IniConfigTest, RejectsIntegersThatDoNotFit)
 {
     write(own(), "depth = 2147483648\n");

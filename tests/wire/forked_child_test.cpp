@@ -1,0 +1,26 @@
+#include "support/child_process.h"
+#include "support/scripted_server.h"
+
+#include <csignal>
+
+#include <gtest/gtest.h>
+
+namespace tavo::test {
+
+namespace {
+
+TEST(ForkedChild, EndsWithoutWaitingForTheThreadsOfItsParent)
+{
+    ScriptedServer server;
+    server.expectSearch().answer(done());
+    // A program of its own: the child of a test would end with the test's own threads to wait for.
+    ChildProcess program({.words = {TAVO_FORKING_PROGRAM, server.url()}});
+
+    const bool hasEnded = program.waitForExit(kDeadline / 4);
+    EXPECT_TRUE(hasEnded);
+    EXPECT_EQ(program.exitStatus(), 0);
+}
+
+} // namespace
+
+} // namespace tavo::test
