@@ -9,6 +9,8 @@ declare -A packages=(
     [ds389]="389-ds-base-libs"
     [openssl_libldap]="gcc make libc6-dev dpkg-dev libssl-dev libsasl2-dev"
     [roots]="debootstrap git"
+    [coverage]="gcovr python3"
+    [mutate]="git python3"
     [lint]="clang clang-format clang-tidy shellcheck git"
 )
 

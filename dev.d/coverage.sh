@@ -1,0 +1,33 @@
+# shellcheck shell=bash
+# How much of the library the tests reach. The figures are of ldap/ and support/ alone.
+
+readonly least_line_coverage=97 least_branch_coverage=90
+
+# A throw within an expression is a branch for the compiler, and so is the cleaning up behind one: neither is a
+# decision of ours. A line of the log comes to eight branches, most of them such cleaning up; its decisions are those
+# of the macro, whose tests are in tests/unit/support/log_test.cpp. The lines themselves count like all others.
+report_coverage() {
+    gcovr --root . --object-directory build/coverage build/coverage -j "$(nproc)" \
+        --filter 'ldap/' --filter 'support/' --exclude-throw-branches --exclude-unreachable-branches \
+        --exclude-branches-by-pattern '^\s*TAVO_LOG_[A-Z]+\(' \
+        --print-summary --html-details build/coverage/index.html --json build/coverage/coverage.json \
+        --fail-under-line "$least_line_coverage" --fail-under-branch "$least_branch_coverage"
+}
+
+forget_coverage() {
+    find build/coverage -name '*.gcda' -delete
+}
+
+# The package layer compiles its own copies of the library, which is not what is measured here.
+cmd_coverage() {
+    local status=0
+    install_missing build test slapd samba ds389 coverage
+    prepare_ds389 || return
+    build coverage && forget_coverage && run_tests coverage -LE '^package$' || return
+    step "coverage" report_coverage || status=1
+    grep -E '^(lines|branches): ' "$logs/coverage.log" | sed 's/^/     /' || true
+    step "docs coverage" python3 dev.d/coverage.py build/coverage || status=1
+    grep '^no test reaches' "$logs/docs-coverage.log" | sed 's/^/     /' || true
+    echo "     build/coverage/index.html shows it line by line"
+    return "$status"
+}
