@@ -19,12 +19,11 @@ int __lsan_is_turned_off() { return isForkedChild ? 1 : 0; }
 
 int main(int argc, char** argv)
 {
-    using namespace tavo;
     if (argc != 2)
         return 2;
-    ldap::Session session(utils::Url(QString::fromUtf8(argv[1])), false, false);
+    tavo::ldap::Session session(tavo::utils::Url(QString::fromUtf8(argv[1])), false, false);
     // Leaves its thread, which has ended, to be joined by whoever comes next.
-    if (std::holds_alternative<ldap::Result>(session.search({}, 10)))
+    if (std::holds_alternative<tavo::ldap::Result>(session.search({}, 10)))
         return 3;
 
     const pid_t child = fork();
