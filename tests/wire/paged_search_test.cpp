@@ -256,6 +256,8 @@ TEST_F(PagedSearch, LeavesItsTurnToTheNextOnceItIsForgotten)
     const Gate goOn;
     server.expectSearch().paged(2, "").answer(waitFor(goOn), entries(1, 2), done().page("more"));
     server.expectSearch().paged(3, "").answer(done());
+    // When nobody else is left, the forgotten one goes on.
+    server.otherwise([](const Request&) { return done(); });
     HandlerCalls forgotten;
     HandlerCalls next;
     ldap::SearchContext* context = session.asyncSearch(below("dc=x"), forgotten.handler(), 2);
