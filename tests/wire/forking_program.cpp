@@ -17,6 +17,10 @@ bool isForkedChild = false;
 extern "C" __attribute__((visibility("default"))) int __lsan_is_turned_off();
 int __lsan_is_turned_off() { return isForkedChild ? 1 : 0; }
 
+/// Nor are they the child's to join, if they have ended by then.
+extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options();
+const char* __tsan_default_options() { return "halt_on_error=1:report_thread_leaks=0"; }
+
 int main(int argc, char** argv)
 {
     if (argc != 2)
