@@ -54,7 +54,7 @@ void assertFailure(SourcePosition position, const char* condition, const QString
             (*handler)(position, condition, message);
         else
             logFailure(position, condition, message);
-    } catch (...) { // NOLINT(bugprone-empty-catch): the caller's work goes on whatever becomes of the report
+    } catch (...) { // the caller's work goes on whatever becomes of the report
     }
 }
 

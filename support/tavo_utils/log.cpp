@@ -211,7 +211,7 @@ void write(Level level, const Tag& tag, const QString& text) noexcept
     const utils::SystemErrorKeeper keeper;
     try {
         deliver(level, tag.toString(), text);
-    } catch (...) { // NOLINT(bugprone-empty-catch): there is nowhere left to report it
+    } catch (...) { // there is nowhere left to report it
     }
 }
 
@@ -246,7 +246,7 @@ void write(const Decision& decision, const Tag& tag, const QString& text) noexce
     try {
         const QStringView pattern = decision.isTooMany ? u"TOO MANY SIMILAR MESSAGES: %1" : u"%1";
         log::write(decision.level, tag, utils::format(pattern, text));
-    } catch (...) { // NOLINT(bugprone-empty-catch): no memory for the message, and none to say so
+    } catch (...) { // no memory for the message, and none to say so
     }
 }
 

@@ -114,7 +114,7 @@ void exitWithAStaticThatAsserts()
     static const AssertsAtExit last; // made before the handler is first used, so destroyed after it
     setAssertionHandler([owned = std::make_shared<SaysWhenItGoes>()](SourcePosition, const char*,
                             const QString&) { std::fputs("asserted at exit", stderr); });
-    std::exit(0); // NOLINT(concurrency-mt-unsafe): the child has this thread only
+    std::exit(0);
 }
 
 TEST(AssertDeathTest, WorksWhileStaticObjectsAreDestroyed)

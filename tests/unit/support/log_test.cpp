@@ -586,7 +586,7 @@ void exitWithAStaticThatLogs()
 {
     static const LogsAtExit last; // made before the logger is first used, so destroyed after anything of its
     setSink([](Level, const QString&, const QString& text) { std::fputs(qUtf8Printable(text), stderr); });
-    std::exit(0); // NOLINT(concurrency-mt-unsafe): the child has this thread only
+    std::exit(0);
 }
 
 TEST(LogDeathTest, WorksWhileStaticObjectsAreDestroyed)
