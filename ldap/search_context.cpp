@@ -376,6 +376,9 @@ void SearchContext::asyncSearch(SearchHandler handler, int pageSize)
         } catch (const std::exception& error) {
             TAVO_LOG_WARNING(log::tag(*context), u"The search below [%1] was ended by an exception: %2",
                 context->m_params.base, error.what());
+            if (context->m_onBrokenOff) {
+                context->m_onBrokenOff();
+            }
             throw;
         }
     });

@@ -98,6 +98,10 @@ private:
 
     /// Set before the search starts, and never changed; null for a search that waits for no other.
     std::shared_ptr<SearchTurn> m_turn;
+
+    /// Called on the search's thread when an exception ends it without a final call; set before the search
+    /// starts, and empty when nobody wants to know.
+    utils::MoveOnlyFunc<void()> m_onBrokenOff;
 };
 
 } // namespace tavo::ldap

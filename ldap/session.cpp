@@ -342,9 +342,18 @@ std::vector<SearchEntry> Session::simpleSearch(SearchParams params) const
     return createSearchContext(std::move(params))->simpleSearch();
 }
 
+std::shared_ptr<SearchContext> Session::createSharedContext(SearchParams params) const
+{
+    return std::make_shared<SearchContext>(duplicateHandle(), std::move(params), m_responseTimeout);
+}
+
 SearchContext* Session::asyncSearch(SearchParams params, SearchHandler handler, int pageSize)
 {
-    auto owner = std::make_shared<SearchContext>(duplicateHandle(), std::move(params), m_responseTimeout);
+    return start(createSharedContext(std::move(params)), std::move(handler), pageSize);
+}
+
+SearchContext* Session::start(std::shared_ptr<SearchContext> owner, SearchHandler handler, int pageSize)
+{
     SearchContext* const context = owner.get();
     {
         const MutexLocker lock(m_mutex, positions::registerSearchLock);
@@ -401,7 +410,15 @@ std::variant<Result, std::vector<SearchEntry>> Session::search(SearchParams para
     Collector collector;
     std::future<Result> finished = collector.finished();
     const auto entries = collector.entries();
-    asyncSearch(std::move(params), std::move(collector), pageSize);
+    auto context = createSharedContext(std::move(params));
+    // Forgotten then, or this thread would wait for a final call that nobody is left to make.
+    context->m_onBrokenOff = [this, guard = m_asyncGuard.sharedGuard(), address = context.get()] {
+        if (const auto alive = guard.lock()) {
+            stopAsyncSearch(address);
+            finished_threads::announceEnd();
+        }
+    };
+    start(std::move(context), std::move(collector), pageSize);
     // From here on the session may be gone: another thread may destroy it while this one waits.
     const Result result = finished.get();
     if (result != Result::ok) {

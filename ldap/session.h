@@ -133,9 +133,9 @@ public:
     /// `Result` that ended it, without entries. Waits for its turn behind searches that were started before.
     ///
     /// Not to be called by a handler from an intermediate call, which keeps every other search from
-    /// delivering. \throws std::future_error when the search was forgotten by `stopAsyncSearch` meanwhile,
-    /// and what
-    ///         `asyncSearch` throws
+    /// delivering.
+    /// \throws std::future_error when the search was forgotten by `stopAsyncSearch` meanwhile, or broken off
+    ///         for want of memory; and what `asyncSearch` throws
     std::variant<Result, std::vector<SearchEntry>> search(SearchParams params, int pageSize);
 
     /// Asks the root DSE which kind of directory this is. Blocks. A server that can't be asked counts as
@@ -144,6 +144,9 @@ public:
 
 private:
     TAVO_LDAP_NO_EXPORT std::unique_ptr<LDAP, void (*)(LDAP*)> duplicateHandle() const;
+    TAVO_LDAP_NO_EXPORT std::shared_ptr<SearchContext> createSharedContext(SearchParams params) const;
+    TAVO_LDAP_NO_EXPORT SearchContext* start(
+        std::shared_ptr<SearchContext> owner, SearchHandler handler, int pageSize);
     TAVO_LDAP_NO_EXPORT void completeSearch(
         SearchContext* context, Result result, std::vector<SearchEntry> entries);
 

@@ -3,15 +3,18 @@
 #include "support/threads_end_here.h"
 
 #include <ldap/manager.h>
+#include <ldap/session.h>
 
 #include <tavo_utils/log.h>
 
 #include <atomic>
 #include <cstdlib>
+#include <future>
 #include <new>
 #include <optional>
 #include <string>
 #include <thread>
+#include <variant>
 
 #include <gtest/gtest.h>
 
@@ -175,6 +178,60 @@ TEST_F(EveryAllocation, mayFailAndTheFetchEndsAtMostOnceAndNothingIsTakenForComp
     }
     // The last page is turned into users when the search has ended and lets nobody be told any more.
     EXPECT_LE(lostEnds, 1);
+}
+
+/// How a wait for all pages came to its end.
+enum class Wait
+{
+    whole,
+    failed,
+    threw,
+    brokenOff
+};
+
+Wait waitForAllPages(ldap::Session& session)
+{
+    try {
+        const auto found = inLibrary([&] {
+            return session.search({QStringLiteral("dc=x"), {}, {"uid"}, ldap::SearchScope::subtree}, 2);
+        });
+        const auto* entries = std::get_if<std::vector<ldap::SearchEntry>>(&found);
+        if (entries == nullptr)
+            return Wait::failed;
+        EXPECT_EQ(entries->size(), 3U);
+        return Wait::whole;
+    } catch (const std::future_error&) {
+        return Wait::brokenOff;
+    } catch (const std::bad_alloc&) {
+    } catch (const ldap::BaseError&) {
+    }
+    return Wait::threw;
+}
+
+TEST_F(EveryAllocation, mayFailAndTheWaitForAllPagesStillEnds)
+{
+    const auto createSession = [this] { return std::make_unique<ldap::Session>(settings.uri, false, false); };
+    allocationsLeft = 0;
+    {
+        const auto session = createSession();
+        ASSERT_EQ(waitForAllPages(*session), Wait::whole);
+        allocationsMade = 0;
+        ASSERT_EQ(waitForAllPages(*session), Wait::whole);
+    }
+    const long allocations = allocationsMade;
+    RecordProperty("faults", static_cast<int>(allocations));
+
+    int brokenOff = 0;
+    for (long nth = 1; nth <= allocations; ++nth) {
+        SCOPED_TRACE("allocation " + std::to_string(nth));
+        const auto session = createSession();
+        const ThreadsEndHere threadOfTheSearch;
+        allocationsLeft = nth;
+        brokenOff += waitForAllPages(*session) == Wait::brokenOff ? 1 : 0;
+        allocationsLeft = 0;
+        EXPECT_EQ(waitForAllPages(*session), Wait::whole);
+    }
+    EXPECT_GT(brokenOff, 0);
 }
 
 } // namespace
