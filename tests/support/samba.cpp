@@ -22,7 +22,6 @@ namespace {
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-constexpr std::uint16_t ldapPort = 389;
 constexpr std::uint16_t ldapsPort = 636;
 
 constexpr auto howToInstall =
@@ -46,7 +45,9 @@ result = provision(
     realm=domain.upper(), domain=netbios, hostname="dc", hostip="127.0.0.1", adminpass=password,
     serverrole="active directory domain controller", dom_for_fun_level=DS_DOMAIN_FUNCTION_2008_R2,
     dns_backend="NONE", skip_sysvolacl=True, batch_mode=True)
+result.samdb.transaction_start()
 result.samdb.add_ldif(open(directory + "/entries.ldif", encoding="utf-8").read())
+result.samdb.transaction_commit()
 )";
 
 bool mayListenWhereSambaDoes()
@@ -54,7 +55,7 @@ bool mayListenWhereSambaDoes()
     const int server = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_port = htons(ldapPort);
+    address.sin_port = htons(Samba::port);
     const bool forbidden =
         bind(server, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 && errno == EACCES;
     close(server);
@@ -172,11 +173,12 @@ std::string addressOf(std::uint16_t number)
 
 } // namespace
 
-Samba::Samba(const std::string& ldif)
-    : m_address(addressOf(m_number.number()))
-    , m_certificate(m_ca.issue({.subjectAltNames = {"IP:" + m_address}}))
+Samba::Samba(SambaOptions options)
+    : m_options(std::move(options))
+    , m_address(addressOf(m_number.number()))
+    , m_certificate(m_ca.issue({.subjectAltNames = {"IP:" + m_address, "IP:127.0.0.1"}}))
 {
-    fs::copy(provisionedDomain(ldif), m_directory.path() / "private", fs::copy_options::recursive);
+    fs::copy(provisionedDomain(m_options.ldif), m_directory.path() / "private", fs::copy_options::recursive);
     // Samba insists on both.
     fs::permissions(m_directory.path() / "private", fs::perms::owner_all);
     fs::permissions(m_certificate.key, fs::perms::owner_read | fs::perms::owner_write);
@@ -187,8 +189,7 @@ Samba::Samba(const std::string& ldif)
 Samba::~Samba()
 {
     // Nobody will see its data again, and ending in good order takes it two seconds.
-    if (m_process)
-        m_process->kill();
+    kill();
     if (testHasFailed())
         std::fprintf(stderr, "What Samba on %s said:\n%s", m_address.c_str(), log().c_str());
 }
@@ -207,6 +208,8 @@ std::string Samba::configuration() const
     for (const char* folder : {"state", "cache", "lock", "pid", "ncalrpc"})
         text += std::string(folder) + (std::string_view(folder) == "ncalrpc" ? " dir = " : " directory = ") +
                 directory + "/" + folder + "\n";
+    for (const std::string& line : m_options.lines)
+        text += line + "\n";
     text += "private dir = " + directory + "/private\n";
     text += "tls keyfile = " + m_certificate.key.string() + "\n";
     text += "tls certfile = " + m_certificate.certificate.string() + "\n";
@@ -221,13 +224,19 @@ void Samba::start()
                    "--configfile=" + (m_directory.path() / "smb.conf").string()},
             .program = installedSamba(),
             .log = log}));
-    for (const std::uint16_t port : {ldapPort, ldapsPort}) {
-        while (!isListening(port, m_address)) {
+    for (const std::uint16_t listener : {port, ldapsPort}) {
+        while (!isListening(listener, m_address)) {
             // Nothing tells when a server begins to listen; that it has ended instead is known at once.
             if (m_process->waitForExit(2ms))
                 throw std::runtime_error("Samba has not started:\n" + readFile(log));
         }
     }
+}
+
+void Samba::kill()
+{
+    if (m_process)
+        m_process->kill();
 }
 
 } // namespace tavo::test

@@ -5,31 +5,45 @@
 #include "temporary_directory.h"
 #include "test_ca.h"
 
+#include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace tavo::test {
 
+struct SambaOptions
+{
+    /// Entries of the domain, as LDIF, parents first. What only the domain's administrator may set
+    /// (`unicodePwd`, `userAccountControl`) may be in it. Domains with the same entries are made once.
+    std::string ldif = {};
+    /// Lines of smb.conf: `ldap server require strong auth = no` admits simple binds without TLS.
+    std::vector<std::string> lines = {};
+};
+
 /// A real Active Directory domain of one's own, served by Samba: on a loopback address of its own (for the
 /// ports are Active Directory's, 389 and 636), in a temporary directory, gone with this object. It offers
-/// LDAP alone, with a certificate of its own authority, and takes simple binds only over TLS, as its default
-/// is. It answers as soon as the constructor has returned. When the test has failed by the time this object
-/// goes, the server's log goes to standard error.
+/// LDAP alone, with a certificate of its own authority that is good for a relay on 127.0.0.1, too, and takes
+/// simple binds only over TLS, as its default is. It answers as soon as the constructor has returned. When
+/// the test has failed by the time this object goes, the server's log goes to standard error.
 ///
 /// Not thread-safe; the thread that starts the server must outlive it (see ChildProcess).
 class Samba
 {
 public:
-    /// Serves a new domain `ad.test` with these entries added, as LDIF, parents first. What only the domain's
-    /// administrator may set (`unicodePwd`, `userAccountControl`) may be in it. Throws std::runtime_error,
-    /// with Samba's own words, when it isn't installed or doesn't start.
-    explicit Samba(const std::string& ldif = {});
+    /// Serves a new domain `ad.test`. Throws std::runtime_error, with Samba's own words, when it isn't
+    /// installed or doesn't start.
+    explicit Samba(SambaOptions options = {});
     ~Samba();
     Samba(const Samba&) = delete;
     Samba& operator=(const Samba&) = delete;
 
     std::string url() const { return "ldap://" + m_address; }
     std::string ldapsUrl() const { return "ldaps://" + m_address; }
+
+    /// Where it listens without TLS.
+    const std::string& address() const { return m_address; }
+    static constexpr std::uint16_t port = 389;
 
     /// What a client has to trust, as a PEM file.
     std::filesystem::path caCertificate() const { return m_ca.certificate(); }
@@ -43,10 +57,15 @@ public:
     /// What the server has said so far.
     std::string log() const;
 
+    /// Starts the server again after kill(); what it held is still there.
+    void start();
+    /// Ends the server at once, as a crash would.
+    void kill();
+
 private:
     std::string configuration() const;
-    void start();
 
+    SambaOptions m_options;
     TemporaryDirectory m_directory;
     // Nobody else has this port, so nobody else's server has the address that is made of it.
     ReservedPort m_number;

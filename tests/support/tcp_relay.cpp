@@ -15,6 +15,7 @@
 #include <variant>
 #include <vector>
 
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
@@ -153,12 +154,18 @@ FileDescriptor connectTo(const sockaddr* address, socklen_t length)
     return socket;
 }
 
-FileDescriptor connectTo(std::uint16_t port)
+sockaddr_in internetAddress(std::uint16_t port, const std::string& host)
 {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::inet_pton(AF_INET, host.c_str(), &address.sin_addr) != 1)
+        throw std::runtime_error("not an address: " + host);
+    return address;
+}
+
+FileDescriptor connectTo(const sockaddr_in& address)
+{
     auto socket = connectTo(reinterpret_cast<const sockaddr*>(&address), sizeof address);
     if (!socket)
         return socket;
@@ -183,7 +190,7 @@ FileDescriptor connectTo(const std::string& path)
 class TcpRelay::Engine
 {
 public:
-    using Target = std::variant<std::uint16_t, std::string>;
+    using Target = std::variant<sockaddr_in, std::string>;
 
     explicit Engine(Target target);
     ~Engine();
@@ -488,8 +495,8 @@ void TcpRelay::Engine::updateEvents(Side& side, const Pipe& in, const Pipe& out)
         m_loop.change(side.watch, events);
 }
 
-TcpRelay::TcpRelay(std::uint16_t serverPort)
-    : m_engine(std::make_unique<Engine>(serverPort))
+TcpRelay::TcpRelay(std::uint16_t serverPort, const std::string& serverAddress)
+    : m_engine(std::make_unique<Engine>(internetAddress(serverPort, serverAddress)))
 {}
 
 TcpRelay::TcpRelay(std::string socketPath)

@@ -51,8 +51,8 @@ public:
     /// After so many whole LDAP messages; for traffic without TLS.
     static Point messages(std::size_t count) { return {count, true}; }
 
-    /// Relays to a TCP port of 127.0.0.1.
-    explicit TcpRelay(std::uint16_t serverPort);
+    /// Relays to a TCP port of a loopback address.
+    explicit TcpRelay(std::uint16_t serverPort, const std::string& serverAddress = "127.0.0.1");
     /// Relays to a Unix domain socket.
     explicit TcpRelay(std::string socketPath);
     ~TcpRelay();
