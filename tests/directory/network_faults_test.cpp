@@ -1,8 +1,7 @@
 // A small conversation with a real server, broken off at every byte that it consists of.
-#include "directory_test.h"
+#include "faulty_network.h"
 
 #include "support/sanitized.h"
-#include "support/tcp_relay.h"
 
 #include <gtest/gtest.h>
 #include <ldap.h>
@@ -10,94 +9,42 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <future>
 #include <optional>
 #include <string>
 
 namespace tavo::ldap {
 namespace {
 
-using test::Deliveries;
+using test::FaultyNetwork;
 using test::qt;
 using test::Slapd;
-using test::TcpRelay;
-using test::urlOf;
 
-using Direction = TcpRelay::Direction;
-using Ending = TcpRelay::Ending;
+using Direction = FaultyNetwork::Direction;
+using Ending = FaultyNetwork::Ending;
 
 constexpr std::size_t kUsers = 3;
 constexpr std::size_t kStride = test::sanitized ? 7 : 1;
 
-/// How a conversation went: an error while connecting, or a fetch that ended.
-struct Outcome
-{
-    std::optional<int> error;
-    int finals = 0;
-    Result result = Result::moreResults;
-    std::size_t users = 0;
-};
-
 class NetworkFaultsTest : public ::testing::Test
 {
 protected:
-    /// Connection, vendor, bind, three users on two pages, and the end.
-    Outcome talk(
-        const std::string& url, std::chrono::seconds responseTimeout = std::chrono::seconds(30)) const
+    /// Three users on two pages.
+    test::Conversation conversation() const
     {
         Settings settings;
-        settings.uri = urlOf(url);
         settings.adminDn = qt(m_slapd.rootDn());
         settings.adminPassword = qt(m_slapd.rootPassword());
         settings.searchPageSize = 2;
-        settings.responseTimeout = responseTimeout;
-        Outcome outcome;
-        Deliveries<User> users;
-        const test::ThreadsEndHere threads;
-        try {
-            const auto manager = createManagerOrThrow(settings);
-            manager->fetchUsersAsync(users.handler(), {qt("ou=people,dc=example,dc=test"), {}});
-            outcome.result = users.waitForEnd();
-        } catch (const BaseError& error) {
-            outcome.error = error.ldapCode;
-        }
-        outcome.finals = users.finals();
-        outcome.users = users.records().size();
-        return outcome;
+        return {settings, {qt("ou=people,dc=example,dc=test"), {}}, kUsers};
     }
 
-    /// What a conversation that nobody disturbs carries in that direction, in bytes.
-    std::size_t length(Direction direction)
-    {
-        m_relay.passEverything();
-        const std::size_t before = m_relay.forwarded(direction);
-        const Outcome outcome = talk(m_relay.url());
-        EXPECT_EQ(outcome.users, kUsers);
-        m_relay.waitUntilIdle();
-        return m_relay.forwarded(direction) - before;
-    }
-
-    /// Breaks a conversation off at each of its bytes; at fewer in a build that is slow.
+    /// At each of its bytes; at fewer in a build that is slow.
     void breakOff(Direction direction, Ending ending)
     {
-        const std::size_t bytes = length(direction);
-        ASSERT_GT(bytes, 100U);
-        RecordProperty("offsets", static_cast<int>(bytes / kStride + 1));
-        for (std::size_t at = 0; at <= bytes; at += kStride) {
-            SCOPED_TRACE("after " + std::to_string(at) + " of " + std::to_string(bytes) + " bytes");
-            m_relay.passEverything();
-            m_relay.cut(direction, TcpRelay::bytes(at), ending);
-            const Outcome outcome = talk(m_relay.url());
-            EXPECT_EQ(outcome.finals, outcome.error ? 0 : 1);
-            // Part of the users is never taken for all of them.
-            if (outcome.result == Result::ok) {
-                EXPECT_EQ(outcome.users, kUsers);
-            }
-        }
+        FaultyNetwork(conversation(), m_slapd.port()).breakOffAtBytes(direction, ending, kStride);
     }
 
     Slapd m_slapd{{.ldif = test::people(kUsers)}};
-    TcpRelay m_relay{m_slapd.port()};
 };
 
 TEST_F(NetworkFaultsTest, answersMayBreakOffAtEveryByte) { breakOff(Direction::toClient, Ending::close); }
@@ -120,44 +67,13 @@ TEST_F(NetworkFaultsTest, requestsMayBeHalfClosedAtEveryByte)
 
 TEST_F(NetworkFaultsTest, answersMayStallBetweenAnyTwoMessagesAndNothingIsLost)
 {
-    // The root DSE and its end, the answer to the bind, two pages of users and their ends.
-    constexpr std::size_t kMessages = 8;
-    for (std::size_t before = 0; before < kMessages; ++before) {
-        SCOPED_TRACE("before message " + std::to_string(before + 1));
-        const test::Gate goOn;
-        m_relay.passEverything();
-        const test::Gate reached = m_relay.hold(Direction::toClient, TcpRelay::messages(before), goOn);
-        auto talking = std::async(std::launch::async, [&] { return talk(m_relay.url()); });
-        reached.wait("the stall");
-        goOn.open();
-        const Outcome outcome = talking.get();
-        EXPECT_EQ(outcome.result, Result::ok);
-        EXPECT_EQ(outcome.users, kUsers);
-    }
+    FaultyNetwork(conversation(), m_slapd.port()).stallBetweenMessages(Direction::toClient);
 }
 
 TEST_F(NetworkFaultsTest, aServerMayDieAndComeBackBetweenTwoFetches)
 {
-    Settings settings;
-    settings.uri = urlOf(m_slapd.url());
-    const SearchFilter everybody{qt("ou=people,dc=example,dc=test"), {}};
-    const auto fetch = [&](Manager& manager) {
-        Deliveries<User> users;
-        manager.fetchUsersAsync(users.handler(), everybody);
-        users.waitForEnd();
-        EXPECT_EQ(users.finals(), 1);
-        return std::pair(users.results().back(), users.records().size());
-    };
-    const auto manager = createManagerOrThrow(settings);
-    EXPECT_EQ(fetch(*manager), std::pair(Result::ok, kUsers));
-
-    m_slapd.stop();
-    EXPECT_EQ(fetch(*manager), std::pair(Result::connectError, std::size_t{0}));
-    m_slapd.start();
-
-    // The connection is gone for good; a new manager makes a new one.
-    EXPECT_EQ(fetch(*manager), std::pair(Result::connectError, std::size_t{0}));
-    EXPECT_EQ(fetch(*createManagerOrThrow(settings)), std::pair(Result::ok, kUsers));
+    expectNewManagersAloneToSurvive(
+        conversation(), m_slapd.url(), [&] { m_slapd.stop(); }, [&] { m_slapd.start(); });
 }
 
 // A sanitizer needs descriptors, too, to look at memory.
@@ -173,13 +89,9 @@ TEST_F(NetworkFaultsTest, aProcessOutOfDescriptorsGetsAnErrorAndRecovers)
     close(lowestFree);
     limit.rlim_cur = static_cast<rlim_t>(lowestFree);
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-    Settings settings;
-    settings.uri = urlOf(url);
-    settings.adminDn = qt(m_slapd.rootDn());
-    settings.adminPassword = qt(m_slapd.rootPassword());
     std::optional<BaseError> refused;
     try {
-        createManagerOrThrow(settings);
+        conversation().createManager(url);
     } catch (const BaseError& error) {
         refused = error;
     }
@@ -187,7 +99,7 @@ TEST_F(NetworkFaultsTest, aProcessOutOfDescriptorsGetsAnErrorAndRecovers)
 
     ASSERT_TRUE(refused);
     EXPECT_EQ(refused->ldapCode, LDAP_SERVER_DOWN);
-    EXPECT_EQ(talk(url).users, kUsers);
+    EXPECT_EQ(conversation().talk(url).users, kUsers);
 }
 #endif
 
