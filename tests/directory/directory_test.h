@@ -10,6 +10,7 @@
 #include <ldap/session.h>
 
 #include <condition_variable>
+#include <cstdlib>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -21,6 +22,13 @@ namespace tavo::test {
 inline utils::Url urlOf(const std::string& text) { return utils::Url(QString::fromStdString(text)); }
 
 inline QString qt(const std::string& text) { return QString::fromStdString(text); }
+
+/// The number in an environment variable, for more than an everyday run.
+inline int numberFromEnvironment(const char* variable, int otherwise)
+{
+    const char* const text = std::getenv(variable);
+    return text != nullptr ? std::atoi(text) : otherwise;
+}
 
 /// Takes the calls of a search's or a fetch's handler and lets a test wait for them. Must outlive them.
 template <class Record>

@@ -1,0 +1,149 @@
+// A small conversation with a real Active Directory domain, through a network that fails.
+#include "active_directory_staff.h"
+#include "faulty_network.h"
+
+#include "support/sanitized.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <future>
+
+namespace tavo::ldap {
+namespace {
+
+using test::FaultyNetwork;
+using test::Gate;
+using test::qt;
+using test::Samba;
+using test::TcpRelay;
+
+/// Those of the staff and the two that a new domain has.
+constexpr std::size_t kUsers = test::kEnabled + 2;
+
+/// How many bytes lie between two places where a conversation is broken off; 1 for more than an everyday run.
+std::size_t stride()
+{
+    return static_cast<std::size_t>(
+        test::numberFromEnvironment("TAVO_TEST_STRIDE", test::sanitized ? 499 : 199));
+}
+
+class ActiveDirectoryFaultsTest : public ::testing::Test
+{
+protected:
+    /// One domain serves all tests of a process. Not set up for the suite: its tests would count as skipped
+    /// where that fails.
+    ActiveDirectoryFaultsTest()
+    {
+        if (samba) {
+            return;
+        }
+        // Messages can only be told apart where they are not encrypted.
+        samba = std::make_unique<Samba>(
+            test::SambaOptions{.ldif = test::staff(), .lines = {"ldap server require strong auth = no"}});
+        setenv("LDAPTLS_CACERT", samba->caCertificate().c_str(), 1);
+    }
+
+    static void TearDownTestSuite() { samba.reset(); }
+
+    /// All users of the domain, on three pages.
+    static test::Conversation conversation()
+    {
+        Settings settings;
+        settings.adminDn = qt(Samba::administrator);
+        settings.adminPassword = qt(Samba::password);
+        settings.searchPageSize = 10;
+        return {settings, {qt(Samba::suffix), {}}, kUsers};
+    }
+
+    static test::Conversation secureConversation()
+    {
+        test::Conversation secure = conversation();
+        secure.settings.startTls = true;
+        return secure;
+    }
+
+    static void breakOffAtBytes(const test::Conversation& conversation)
+    {
+        FaultyNetwork network(conversation, Samba::port, samba->address());
+        for (const auto direction : FaultyNetwork::directions) {
+            for (const auto ending : FaultyNetwork::endings) {
+                network.breakOffAtBytes(direction, ending, stride());
+            }
+        }
+    }
+
+    static inline std::unique_ptr<Samba> samba;
+};
+
+TEST_F(ActiveDirectoryFaultsTest, conversationsMayBreakOffBetweenAnyTwoMessages)
+{
+    FaultyNetwork network(conversation(), Samba::port, samba->address());
+    for (const auto direction : FaultyNetwork::directions) {
+        for (const auto ending : FaultyNetwork::endings) {
+            network.breakOffBetweenMessages(direction, ending);
+        }
+    }
+}
+
+TEST_F(ActiveDirectoryFaultsTest, conversationsMayBreakOffWithinAMessage) { breakOffAtBytes(conversation()); }
+
+TEST_F(ActiveDirectoryFaultsTest, conversationsOverTlsMayBreakOffAnywhere)
+{
+    breakOffAtBytes(secureConversation());
+}
+
+TEST_F(ActiveDirectoryFaultsTest, conversationsMayStallBetweenAnyTwoMessagesAndNothingIsLost)
+{
+    FaultyNetwork network(conversation(), Samba::port, samba->address());
+    for (const auto direction : FaultyNetwork::directions) {
+        network.stallBetweenMessages(direction);
+    }
+}
+
+TEST_F(ActiveDirectoryFaultsTest, conversationsMayBreakOffAfterAStallBetweenAnyTwoMessages)
+{
+    FaultyNetwork network(conversation(), Samba::port, samba->address());
+    for (const auto direction : FaultyNetwork::directions) {
+        network.breakOffAfterStalls(direction, FaultyNetwork::Ending::reset);
+    }
+}
+
+TEST_F(ActiveDirectoryFaultsTest, aManagerMayGoWhileAFetchStallsAtAnyMessage)
+{
+    FaultyNetwork network(conversation(), Samba::port, samba->address());
+    for (const auto direction : FaultyNetwork::directions) {
+        network.giveUpBetweenMessages(direction);
+    }
+}
+
+/// The question has a time limit, and no answer means OpenLDAP, whose users have another login.
+TEST_F(ActiveDirectoryFaultsTest, aDomainThatIsTooSlowToTellWhatItIsHasNoUsers)
+{
+    test::Conversation hasty = conversation();
+    // Samba counts in whole seconds of the clock: a limit of one may pass at once.
+    hasty.settings.responseTimeout = std::chrono::seconds(2);
+    TcpRelay relay(Samba::port, samba->address());
+    const Gate answer;
+    relay.hold(TcpRelay::Direction::toClient, TcpRelay::messages(0), answer);
+    const Gate open;
+    open.open();
+    // The question, its abandoning, and the bind.
+    const Gate goesOn = relay.hold(TcpRelay::Direction::toServer, TcpRelay::messages(3), open);
+    auto talking = std::async(std::launch::async, [&] { return hasty.talk(relay.url()); });
+    goesOn.wait("the bind");
+    answer.open();
+    const test::Outcome outcome = talking.get();
+    EXPECT_EQ(outcome.finals, 1);
+    EXPECT_EQ(outcome.result, Result::ok);
+    EXPECT_EQ(outcome.users, 0U);
+}
+
+TEST_F(ActiveDirectoryFaultsTest, aServerMayDieAndComeBackBetweenTwoFetches)
+{
+    expectNewManagersAloneToSurvive(
+        conversation(), samba->url(), [] { samba->kill(); }, [] { samba->start(); });
+}
+
+} // namespace
+} // namespace tavo::ldap
