@@ -71,6 +71,7 @@ using test::Samba;
 using test::staffDn;
 using test::urlOf;
 using ::testing::Contains;
+using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::Field;
 using ::testing::IsEmpty;
@@ -156,6 +157,36 @@ protected:
         const auto records = groups.records();
         EXPECT_THAT(records, ElementsAre(Field(&Group::name, qt(group))));
         return records.empty() ? std::vector<QString>{"no such group"_s} : records[0].members;
+    }
+
+    /// How so many fetches of all users end, none of which asks for its second page before all have had their
+    /// first one from the server; and what they have brought.
+    static std::vector<std::pair<Result, std::size_t>> fetchAtOnce(std::size_t count)
+    {
+        const auto manager = createManagerOrThrow(settings());
+        std::vector<Deliveries<User>> fetches(count);
+        const auto startOthers = [&] {
+            for (std::size_t other = 1; other < count; ++other) {
+                const test::LogCapture log;
+                manager->fetchUsersAsync(fetches[other].handler(), everything());
+                EXPECT_TRUE(log.waitFor("Found 10 entries on page 1"));
+            }
+        };
+        // The others' first pages can't be delivered while this handler runs.
+        manager->fetchUsersAsync(
+            [&](Result result, std::vector<User> page) {
+                if (fetches[0].all().empty()) {
+                    startOthers();
+                }
+                fetches[0].add(result, std::move(page));
+            },
+            everything());
+        std::vector<std::pair<Result, std::size_t>> outcomes;
+        for (auto& fetch : fetches) {
+            const Result result = fetch.waitForEnd();
+            outcomes.emplace_back(result, fetch.records().size());
+        }
+        return outcomes;
     }
 
     static std::unique_ptr<Session> secureSession()
@@ -401,6 +432,21 @@ TEST_F(ActiveDirectoryTest, servesTwoFetchesOfOneManagerAtTheSameTime)
     EXPECT_THAT(loginsOf(users.records()), UnorderedElementsAreArray(enabledLogins()));
     EXPECT_GT(groups.all().size(), 3U);
     EXPECT_THAT(groups.records(), Contains(Field(&Group::name, "Nested"_s)));
+}
+
+TEST_F(ActiveDirectoryTest, servesTenFetchesOfOneManagerAtTheSameTime)
+{
+    EXPECT_THAT(fetchAtOnce(10), Each(std::pair(Result::ok, enabledLogins().size())));
+}
+
+/// Samba keeps ten searches of a connection, and forgets the one that was used least recently for an
+/// eleventh.
+TEST_F(ActiveDirectoryTest, failsTheOldestOfElevenFetchesOfOneManager)
+{
+    auto outcomes = fetchAtOnce(11);
+    EXPECT_EQ(outcomes.front(), std::pair(Result::connectError, std::size_t{10}));
+    outcomes.erase(outcomes.begin());
+    EXPECT_THAT(outcomes, Each(std::pair(Result::ok, enabledLogins().size())));
 }
 
 /// What Active Directory sends of a group that has more members than it gives at once, which Samba does not.
