@@ -337,6 +337,10 @@ std::vector<SearchEntry> SearchContext::simpleSearch() const
         }
         throw BaseError(code, QStringLiteral("ldap_search_ext_s"), systemError);
     }
+    if (received == nullptr) {
+        // The client library's success when another thread has seen the connection end.
+        throw BaseError(LDAP_SERVER_DOWN, QStringLiteral("ldap_search_ext_s"), systemError);
+    }
     SearchResponse response(m_ldap.get(), MessagePtr(received, &ldap_msgfree));
     std::vector<SearchEntry> entries = response.entries(m_params.attributes);
     TAVO_LOG_VERBOSE(log::tag(*this), u"Found %1 entries", entries.size());

@@ -15,6 +15,7 @@
 #include <ldap.h>
 #include <openssl/err.h>
 
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -170,6 +171,16 @@ LdapHandle createHandle(const utils::Url& url, bool isSecure, bool ignoreCertifi
     return handle;
 }
 
+/// Whether the server's end of the connection is closed. False when there is no connection.
+bool hasLostConnection(LDAP* ld)
+{
+    int socket = -1;
+    ldap_get_option(ld, LDAP_OPT_DESC, &socket);
+    char next = 0;
+    const ssize_t count = socket < 0 ? 1 : recv(socket, &next, 1, MSG_PEEK | MSG_DONTWAIT);
+    return count == 0 || (count < 0 && errno != EAGAIN);
+}
+
 /// Collects a whole paged search for a caller who waits for it.
 class Collector
 {
@@ -289,6 +300,10 @@ QString Session::whoAmI()
         callClient([&] { return ldap_whoami_s(m_ldap.get(), &identity, nullptr, nullptr); });
     if (rc != LDAP_SUCCESS) {
         checkErrorAndThrow(rc, systemError, QStringLiteral("whoAmI"));
+    }
+    if (identity == nullptr && hasLostConnection(m_ldap.get())) {
+        // The client library's success when another thread has seen the connection end.
+        throw BaseError(LDAP_SERVER_DOWN, QStringLiteral("whoAmI"), systemError);
     }
     if (identity == nullptr || identity->bv_len == 0) {
         return QStringLiteral("anonymous");

@@ -74,6 +74,27 @@ TEST_F(SimpleSearchCalls, ThrowTheCodeWithErrnoWhenNothingCameBack)
     EXPECT_EQ(recorder.count("ldap_parse_result"), 0U);
 }
 
+// As libldap returns when another thread has seen the connection end.
+TEST_F(SimpleSearchCalls, TakeASuccessWithoutAResultForALostConnection)
+{
+    recorder.fail(ldap_search_ext_s, LDAP_SUCCESS, {.error = ECONNRESET});
+
+    expectError(thrownBy<BaseError>([&] { session->simpleSearch(params()); }), LDAP_SERVER_DOWN,
+        "ldap_search_ext_s"_s, ECONNRESET);
+}
+
+TEST_F(SimpleSearchCalls, TellALostConnectionFromAnAnonymousIdentity)
+{
+    server.expectSearch().answer(done());
+    server.expectSearch().answer(closeConnection());
+    recorder.fail(ldap_whoami_s, LDAP_SUCCESS, {.error = ECONNRESET});
+    session->simpleSearch(params());
+
+    EXPECT_EQ(session->whoAmI(), "anonymous"_s);
+    EXPECT_THROW(session->simpleSearch(params()), BaseError);
+    expectError(thrownBy<BaseError>([&] { session->whoAmI(); }), LDAP_SERVER_DOWN, "whoAmI"_s, ECONNRESET);
+}
+
 TEST_F(SimpleSearchCalls, ThrowTheCodeOfTheMessageRatherThanTheReturnedOneAndFreeTheMessage)
 {
     server.expectSearch().answer(entries(1, 2), done(4).matched("dc=x").diagnostic("enough"));
