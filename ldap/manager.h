@@ -44,7 +44,8 @@ public:
     /// The caller's filter text is combined with the directory's user filter. Entries without a login are
     /// dropped with a line in the log at debug level.
     /// \return what `stopAsyncFetch` takes; never to be used otherwise
-    /// \throws BaseError, std::system_error when the fetch can't be started; the handler is dropped then
+    /// \throws BaseError, std::system_error when the fetch can't be started, as in a handler whose manager is
+    ///         being destroyed; `handler` is dropped then
     virtual SearchContext* fetchUsersAsync(UsersHandler handler, const SearchFilter& filter) = 0;
 
     /// Starts fetching the groups below `filter.base`; otherwise like `fetchUsersAsync`. Every group is
@@ -52,7 +53,9 @@ public:
     virtual SearchContext* fetchGroupsAsync(GroupsHandler handler, const SearchFilter& filter) = 0;
 
     /// Abandons a fetch: its handler is dropped and never called (again). Thread-safe; waits for an
-    /// intermediate call that runs on another thread. An unknown or ended fetch is ignored.
+    /// intermediate call that runs on another thread. Comes too late for a fetch whose final call is due:
+    /// another thread may be making that call, or be about to, when this returns, so what the handler uses
+    /// has to live until the handler is gone. An unknown or ended fetch is ignored.
     virtual void stopAsyncFetch(SearchContext* context) = 0;
 
 protected:

@@ -237,6 +237,7 @@ Session::Session(const utils::Url& url, bool startTls, bool ignoreCertificateErr
 Session::~Session()
 {
     MutexLocker lock(m_mutex, positions::sessionDestructorLock);
+    m_isEnding = true;
     auto searches = std::exchange(m_asyncSearches, {});
     lock.unlock();
     for (auto& [context, search] : searches) {
@@ -372,6 +373,10 @@ SearchContext* Session::start(std::shared_ptr<SearchContext> owner, SearchHandle
     SearchContext* const context = owner.get();
     {
         const MutexLocker lock(m_mutex, positions::registerSearchLock);
+        if (m_isEnding) {
+            // By a final call; nobody would be left to make the new search's own.
+            throw BaseError(LDAP_USER_CANCELLED, QStringLiteral("asyncSearch"), 0);
+        }
         owner->m_turn = std::make_shared<SearchTurn>(m_turns);
         m_asyncSearches.emplace(context, std::make_pair(owner, std::move(handler)));
     }

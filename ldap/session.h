@@ -118,13 +118,15 @@ public:
     ///        the end with any other result
     /// \param pageSize entries per page; below 1 the handler gets `Result::ok` and nothing, on this thread
     /// \return what `stopAsyncSearch` takes; owned by the session, never to be used otherwise
-    /// \throws BaseError when the handle can't be duplicated, std::system_error when no thread can be had;
-    /// the
-    ///         handler is dropped uncalled then
+    /// \throws BaseError when the handle can't be duplicated, or (LDAP_USER_CANCELLED) in a handler whose
+    ///         session is being destroyed; std::system_error when no thread can be had. The handler is
+    ///         dropped uncalled then
     SearchContext* asyncSearch(SearchParams params, SearchHandler handler, int pageSize);
 
     /// Forgets a search: its handler is dropped and never called (again). Thread-safe; waits for an
-    /// intermediate call that is running on another thread. An unknown address does nothing.
+    /// intermediate call that is running on another thread. Comes too late for a search whose final call is
+    /// due: another thread may be making that call, or be about to, when this returns. An unknown address
+    /// does nothing.
     ///
     /// By design: the search itself runs to its end in the background.
     void stopAsyncSearch(SearchContext* context);
@@ -154,6 +156,7 @@ private:
     utils::AsyncOperationGuard m_asyncGuard;
     Mutex m_mutex;
     std::map<SearchContext*, std::pair<std::shared_ptr<SearchContext>, SearchHandler>> m_asyncSearches;
+    bool m_isEnding = false;
     bool m_isSecure = false;
     std::chrono::seconds m_responseTimeout{30};
     std::shared_ptr<SearchTurns> m_turns;

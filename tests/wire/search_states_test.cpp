@@ -7,12 +7,14 @@
 #include <atomic>
 #include <future>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <ldap.h>
 
 namespace tavo::test {
 
@@ -62,6 +64,33 @@ protected:
     std::unique_ptr<Session> session =
         std::make_unique<Session>(utils::Url(QString::fromStdString(server.url())), false, false);
 };
+
+TEST_F(SearchStates, AreRefusedInAFinalCallThatComesFromTheEndOfTheSession)
+{
+    const Gate never;
+    server.otherwise([=](const Request&) -> Steps { return {waitFor(never), done()}; });
+    HandlerCalls calls;
+    HandlerCalls callsOfSecond;
+    std::optional<int> refusal;
+    session->asyncSearch(
+        below("dc=x"),
+        [&, s = session.get()](Result result, std::vector<ldap::SearchEntry> page) {
+            try {
+                s->asyncSearch(below("dc=y"), callsOfSecond.handler(), 2);
+            } catch (const ldap::BaseError& error) {
+                refusal = error.ldapCode;
+            }
+            calls.add(result, std::move(page));
+        },
+        2);
+    waitForSearches(1);
+
+    session.reset();
+
+    EXPECT_EQ(refusal, LDAP_USER_CANCELLED);
+    EXPECT_THAT(resultsOf(calls.waitForCalls(1)), ElementsAre(Result::cancelled));
+    EXPECT_EQ(callsOfSecond.count(), 0U);
+}
 
 TEST_F(SearchStates, AreAllCancelledByTheThreadThatDestroysTheSession)
 {
