@@ -4,6 +4,8 @@
 readonly check_steps=(
     "sanitize asan"
     "sanitize tsan"
+    "check_stress asan"
+    "check_stress tsan"
     "check_openssl_libldap"
     "cmd_lint"
 )

@@ -1,0 +1,269 @@
+// stress [SECONDS [SEED]]: many threads use the library at random, over connections that meet with accidents,
+// and every promise about searches and resources is checked meanwhile and at the end.
+#include "resources.h"
+#include "worker.h"
+
+#include "support/deadline.h"
+#include "support/sanitized.h"
+#include "support/sanitizer_defaults.h"
+#include "support/slapd.h"
+#include "support/threads_end_here.h"
+
+#include <tavo_utils/assert.h>
+#include <tavo_utils/log.h>
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <future>
+#include <random>
+#include <string>
+
+namespace tavo::stress {
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::size_t kThreads = 16;
+
+/// A round ends with a look at everything.
+constexpr std::chrono::seconds kRound{60};
+
+/// What the live heap and the resident memory may have grown by since the end of the first round.
+constexpr std::size_t kHeapTolerance = 1U << 20U;
+constexpr std::size_t kResidentTolerance = 48U << 20U;
+
+/// Lost on purpose for each root DSE that is read, with what the allocator adds (docs/by-design.md).
+constexpr std::size_t kLostByEachConnection = 96;
+
+struct Options
+{
+    std::chrono::seconds time{60};
+    std::uint64_t seed = std::random_device()();
+};
+
+Options optionsOf(int argc, char** argv)
+{
+    Options options;
+    if (argc > 1) {
+        options.time = std::chrono::seconds(std::stol(argv[1]));
+    }
+    if (argc > 2) {
+        options.seed = std::stoull(argv[2]);
+    }
+    return options;
+}
+
+/// For what can't be ended in good order any more.
+[[noreturn]] void giveUp(Ledger& ledger, const std::string& what)
+{
+    ledger.violation(what + "; the threads are at:");
+    test::printAllStacks();
+    ledger.printTable();
+    std::fflush(nullptr);
+    std::_Exit(1);
+}
+
+class Run
+{
+public:
+    Run(Options options, const test::Slapd& slapd)
+        : m_options(options)
+        , m_ledger(options.seed)
+        , m_dice(options.seed)
+        , m_world{m_ledger, {slapd.rootDn(), slapd.rootPassword()}, std::deque<Slot>(kThreads + kThreads / 4)}
+    {
+        for (std::size_t i = 0; i < kThreads; ++i) {
+            m_roads.emplace_back(slapd.port(), m_ledger, m_stalls);
+        }
+    }
+
+    /// Says whether all was well.
+    bool run()
+    {
+        setAssertionHandler([this](SourcePosition, const char* condition, const QString&) {
+            m_ledger.violation(std::string("assertion: ") + condition);
+        });
+        m_start = Resources::now();
+        m_began = Clock::now();
+        const auto end = m_began + m_options.time;
+        round(std::min<Clock::duration>(m_options.time / 5, kRound));
+        m_warm = Resources::now();
+        m_warmConnections = connections();
+        while (Clock::now() < end && m_ledger.violations() == 0) {
+            round(std::min<Clock::duration>(end - Clock::now(), kRound));
+        }
+        checkMemory();
+        require(m_ledger.searches() == m_ledger.finals() + m_ledger.of(Event::searchForgotten) +
+                                           m_ledger.of(Event::startRefused),
+            "not every search had its final call or was forgotten or refused");
+        setAssertionHandler(nullptr);
+        printSummary();
+        return m_ledger.violations() == 0;
+    }
+
+private:
+    void round(Clock::duration time)
+    {
+        // With everything logged in every second round, time passes in other places.
+        log::setMaxLevel(m_rounds++ % 2 == 0 ? log::Level::verbose : log::Level::silent);
+        const auto sink = log::setSink([](log::Level, const QString&, const QString&) {});
+        {
+            const test::ThreadsEndHere threads;
+            work(Clock::now() + time);
+            settle();
+        }
+        log::setSink(sink);
+        checkNothingIsLeft();
+        std::printf("%5lld s: %" PRIu64 " operations, %" PRIu64 " searches, %" PRIu64 " final calls, %" PRIu64
+                    " faults; %s\n",
+            static_cast<long long>(elapsed().count()), m_ledger.operations(), m_ledger.searches(),
+            m_ledger.finals(), m_ledger.faults(), Resources::now().toString().c_str());
+        std::fflush(stdout);
+    }
+
+    void work(Clock::time_point end)
+    {
+        std::vector<std::future<void>> threads;
+        for (std::size_t i = 0; i < kThreads; ++i) {
+            threads.push_back(std::async(std::launch::async, [this, i, end, dice = m_dice.split()] {
+                Worker(m_world, m_roads[i], i, dice).runUntil(end);
+            }));
+        }
+        for (std::size_t i = 0; i < kThreads; ++i) {
+            if (threads[i].wait_until(end + kPatience) != std::future_status::ready) {
+                giveUp(m_ledger, "thread " + std::to_string(i) + " hangs");
+            }
+            threads[i].get();
+        }
+    }
+
+    /// Every search comes to its end without help; then the sources go, and with them the connections.
+    void settle()
+    {
+        for (Slot& slot : m_world.slots) {
+            const std::shared_ptr<Source> source = slot.source();
+            if (source && !source->hasEnded() && !source->waitForSettled(0, kPatience)) {
+                giveUp(m_ledger, "searches never end");
+            }
+        }
+        auto ended = std::async(std::launch::async, [this] { endSources(); });
+        if (ended.wait_for(kPatience) != std::future_status::ready) {
+            giveUp(m_ledger, "the end of a manager or session hangs");
+        }
+        ended.get();
+        m_stalls.openAll();
+    }
+
+    void endSources()
+    {
+        for (Slot& slot : m_world.slots) {
+            const std::shared_ptr<Source> source = slot.source();
+            endSource(source.get());
+            slot.put(nullptr);
+        }
+    }
+
+    /// A handler may still be using it, or about to end it, too.
+    static void endSource(Source* source)
+    {
+        while (source != nullptr && !source->hasEnded()) {
+            const Claim claim(source->claim());
+            if (claim && !source->hasEnded()) {
+                source->end();
+            }
+            std::this_thread::yield();
+        }
+    }
+
+    void checkNothingIsLeft()
+    {
+        const Resources now = Resources::now();
+        require(now.threads == m_start.threads, "threads are left");
+        require(now.handles == m_start.handles, "connection handles are left");
+        require(Search::liveHandlers() == 0, "handlers are left");
+        for (const Road& road : m_roads) {
+            road.waitUntilIdle();
+        }
+        require(Resources::now().descriptors == m_start.descriptors, "descriptors are left");
+    }
+
+    void checkMemory()
+    {
+        if (test::sanitized) {
+            return;
+        }
+        const Resources now = Resources::now();
+        const std::size_t lost = kLostByEachConnection * (connections() - m_warmConnections);
+        require(now.heapBytes < m_warm.heapBytes + lost + kHeapTolerance, "the heap has grown");
+        require(now.residentBytes < m_warm.residentBytes + lost + kResidentTolerance,
+            "the resident memory has grown");
+    }
+
+    void require(bool holds, const char* what)
+    {
+        if (!holds) {
+            m_ledger.violation(std::string(what) + ": " + Resources::now().toString() + "; at the start " +
+                               m_start.toString());
+        }
+    }
+
+    void printSummary() const
+    {
+        m_ledger.printTable();
+        std::printf(
+            "connections %zu\nat the start:       %s\nafter the warm-up:  %s\nat the end:         %s\n",
+            connections(), m_start.toString().c_str(), m_warm.toString().c_str(),
+            Resources::now().toString().c_str());
+        std::printf("%lld s, %zu threads, seed %" PRIu64 ": %" PRIu64 " violations\n",
+            static_cast<long long>(elapsed().count()), kThreads, m_options.seed, m_ledger.violations());
+    }
+
+    std::size_t connections() const
+    {
+        std::size_t sum = 0;
+        for (const Road& road : m_roads) {
+            sum += road.connections();
+        }
+        return sum;
+    }
+
+    std::chrono::seconds elapsed() const
+    {
+        return std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - m_began);
+    }
+
+    const Options m_options;
+    Ledger m_ledger;
+    Dice m_dice;
+    World m_world;
+    StallTimer m_stalls;
+    std::deque<Road> m_roads;
+    Resources m_start;
+    Resources m_warm;
+    std::size_t m_warmConnections = 0;
+    Clock::time_point m_began;
+    int m_rounds = 0;
+};
+
+} // namespace
+
+} // namespace tavo::stress
+
+int main(int argc, char** argv)
+try {
+    using namespace tavo;
+    const stress::Options options = stress::optionsOf(argc, argv);
+    std::printf("seed %" PRIu64 ", %lld s\n", options.seed, static_cast<long long>(options.time.count()));
+    const test::Slapd slapd({.ldif = stress::Directory::ldif(),
+        .databaseLines = {"limits anonymous size=" + std::to_string(stress::Directory::sizeLimit)}});
+    stress::Run run(options, slapd);
+    return run.run() ? 0 : 1;
+} catch (const std::exception& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+    return 2;
+}

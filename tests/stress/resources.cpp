@@ -1,0 +1,75 @@
+#include "resources.h"
+
+#include "support/threads_end_here.h"
+
+#include <ldap.h>
+
+#include <malloc.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <fstream>
+
+namespace {
+
+std::atomic<std::size_t> liveHandles{0};
+
+} // namespace
+
+// The linker puts these in the place of libldap's functions.
+extern "C" {
+
+int __real_ldap_initialize(LDAP** handle, const char* url);
+LDAP* __real_ldap_dup(LDAP* handle);
+int __real_ldap_destroy(LDAP* handle);
+
+int __wrap_ldap_initialize(LDAP** handle, const char* url)
+{
+    const int rc = __real_ldap_initialize(handle, url);
+    if (rc == LDAP_SUCCESS) {
+        ++liveHandles;
+    }
+    return rc;
+}
+
+LDAP* __wrap_ldap_dup(LDAP* handle)
+{
+    LDAP* const duplicate = __real_ldap_dup(handle);
+    if (duplicate != nullptr) {
+        ++liveHandles;
+    }
+    return duplicate;
+}
+
+int __wrap_ldap_destroy(LDAP* handle)
+{
+    --liveHandles;
+    return __real_ldap_destroy(handle);
+}
+
+} // extern "C"
+
+namespace tavo::stress {
+
+Resources Resources::now()
+{
+    std::size_t pages = 0;
+    std::size_t residentPages = 0;
+    std::ifstream("/proc/self/statm") >> pages >> residentPages;
+    Resources resources;
+    resources.threads = test::countIn("/proc/self/task");
+    resources.descriptors = test::countIn("/proc/self/fd");
+    resources.handles = liveHandles;
+    resources.heapBytes = mallinfo2().uordblks;
+    resources.residentBytes = residentPages * static_cast<std::size_t>(getpagesize());
+    return resources;
+}
+
+std::string Resources::toString() const
+{
+    return "threads " + std::to_string(threads) + ", descriptors " + std::to_string(descriptors) +
+           ", handles " + std::to_string(handles) + ", heap " + std::to_string(heapBytes / 1024) +
+           " KiB, resident " + std::to_string(residentBytes / 1024) + " KiB";
+}
+
+} // namespace tavo::stress
