@@ -41,9 +41,10 @@ public:
     std::string url() const { return "ldap://" + m_address; }
     std::string ldapsUrl() const { return "ldaps://" + m_address; }
 
-    /// Where it listens without TLS.
+    /// Where it listens.
     const std::string& address() const { return m_address; }
     static constexpr std::uint16_t port = 389;
+    static constexpr std::uint16_t ldapsPort = 636;
 
     /// What a client has to trust, as a PEM file.
     std::filesystem::path caCertificate() const { return m_ca.certificate(); }
