@@ -22,7 +22,6 @@ namespace {
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-
 constexpr auto howToInstall =
     "run ./dev setup (Debian: apt-get install samba-ad-dc samba-dsdb-modules samba-ad-provision)";
 
