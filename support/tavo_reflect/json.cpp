@@ -6,13 +6,16 @@ namespace tavo::reflect::json {
 
 namespace {
 
-// QString::toUtf8() writes '?' for a lone surrogate; the way over UTF-32 writes U+FFFD.
+// QString::toUtf8() writes '?' for a lone surrogate; the way over UTF-32 gives U+FFFD. Not back by
+// QString::fromUcs4(), which takes a U+FEFF at the beginning for a byte order mark.
 QByteArray toValidUtf8(const QString& text)
 {
     if (text.isValidUtf16())
         return text.toUtf8();
-    const auto ucs4 = text.toUcs4();
-    return QString::fromUcs4(reinterpret_cast<const char32_t*>(ucs4.constData()), ucs4.size()).toUtf8();
+    QString valid;
+    for (const char32_t character : text.toUcs4())
+        valid += QChar::fromUcs4(character);
+    return valid.toUtf8();
 }
 
 } // namespace

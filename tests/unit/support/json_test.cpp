@@ -110,6 +110,13 @@ TEST(Json, ReplacesLoneSurrogates)
     EXPECT_EQ(textAsJson(QString(high) + low), "{\"t\":\"😀\"}");
 }
 
+TEST(Json, KeepsAByteOrderMarkInFrontOfALoneSurrogate)
+{
+    const QChar mark(QChar::ByteOrderMark);
+    EXPECT_EQ(textAsJson(QString(mark) + u'a'), "{\"t\":\"\uFEFFa\"}");
+    EXPECT_EQ(textAsJson(QString(mark) + u'a' + QChar(u'\xD83D')), "{\"t\":\"\uFEFFa\uFFFD\"}");
+}
+
 TEST(Json, ReplacesInvalidUtf8)
 {
     Whole whole;
