@@ -1,6 +1,7 @@
 #include <ldap/search_context.h>
 
 #include <ldap/private/client_call.h>
+#include <ldap/private/client_library.h>
 #include <ldap/private/destructor_call.h>
 #include <ldap/private/finished_threads.h>
 #include <ldap/private/positions.h>
@@ -190,6 +191,7 @@ private:
             const int rc = ldap_result(ld, messageId, LDAP_MSG_ALL, &timeout, &received);
             const int systemError = errno;
             if (rc == -1) {
+                stopReading(ld);
                 throw resultError(received, systemError);
             }
             if (received != nullptr) {
@@ -328,6 +330,9 @@ std::vector<SearchEntry> SearchContext::simpleSearch() const
             request.attributes(), /*attrsonly*/ 0, nullptr, nullptr, &request.timeout, /*sizelimit*/ 0,
             &received);
     });
+    if (rc == LDAP_DECODING_ERROR) {
+        stopReading(m_ldap.get());
+    }
     if (rc != LDAP_SUCCESS) {
         int code = rc;
         if (received != nullptr) {

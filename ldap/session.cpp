@@ -317,6 +317,9 @@ void Session::setResponseTimeout(std::chrono::seconds timeout) { m_responseTimeo
 
 void Session::checkErrorAndThrow(int ldapCode, int systemError, QString context) const
 {
+    if (ldapCode == LDAP_DECODING_ERROR) {
+        stopReading(m_ldap.get());
+    }
     if (m_isSecure) {
         // An error of another OpenSSL library is consumed with this and tells nothing.
         const unsigned long sslError = ERR_get_error();

@@ -28,6 +28,7 @@
     X(ber_mem2bv)                                                                                            \
     X(ber_memfree)                                                                                           \
     X(ber_memvfree)                                                                                          \
+    X(ber_sockbuf_ctrl)                                                                                      \
     X(ber_strdup)                                                                                            \
     X(ldap_control_find)                                                                                     \
     X(ldap_control_free)                                                                                     \
@@ -1095,6 +1096,13 @@ void __wrap_ber_free(BerElement* element, int freeBuffer)
         .argument("freebuf", [&] { return numberValue(freeBuffer); })
         .frees(element, [&] { __real_ber_free(element, freeBuffer); })
         .call(element, freeBuffer);
+}
+
+int __wrap_ber_sockbuf_ctrl(Sockbuf* connection, int option, void* value)
+{
+    return TAVO_INTERCEPT(ber_sockbuf_ctrl)
+        .argument("opt", [&] { return numberValue(option); })
+        .call(connection, option, value);
 }
 
 char* __wrap_ber_strdup(const char* text)

@@ -15,6 +15,9 @@ using ::testing::AnyOf;
 using ::testing::ElementsAre;
 using ::testing::SizeIs;
 
+/// LDAP_SERVER_DOWN.
+constexpr int kServerDown = -1;
+
 /// What a server answers to a search before, or in place of, a proper end.
 struct BrokenAnswer
 {
@@ -116,6 +119,48 @@ TEST_F(StrangeAnswers, AreIgnoredWhenTheyComeAfterTheEnd)
     EXPECT_THAT(dnsOf(fetch(2).at(0).entries), ElementsAre("cn=1"));
     sent.wait("the late answers");
     EXPECT_THAT(dnsOf(fetch(2).at(0).entries), ElementsAre("cn=2"));
+}
+
+/// An answer to the first request of a connection that ends before it says which one.
+Steps undecodable() { return raw(Bytes("\x30\x05\x02\x01\x01\x65\x84", 7)); }
+
+// When it reads two of them for one request, libldap aborts the process with the end of the session.
+TEST(UndecodableAnswers, EndTheConnectionAndNotTheProcess)
+{
+    ScriptedServer server;
+    server.expectSearch().answer(undecodable());
+    server.expectBind().answer(undecodable());
+    ldap::Session session(utils::Url(QString::fromStdString(server.url())), false, false);
+    session.detectLdapVendor();
+
+    try {
+        session.bind(QStringLiteral("cn=a"), QStringLiteral("b"));
+        FAIL() << "bound";
+    } catch (const ldap::BaseError& error) {
+        EXPECT_EQ(error.ldapCode, kServerDown);
+    }
+}
+
+TEST(UndecodableAnswers, EndTheConnectionOfAllSearches)
+{
+    ScriptedServer server;
+    server.expectSearch().answer(undecodable());
+    server.expectSearch().answer(undecodable());
+    ldap::Session session(utils::Url(QString::fromStdString(server.url())), false, false);
+
+    EXPECT_EQ(std::get<Result>(session.search(below("dc=x"), 2)), Result::connectError);
+    EXPECT_EQ(std::get<Result>(session.search(below("dc=x"), 2)), Result::connectError);
+}
+
+TEST(UndecodableAnswers, EndTheConnectionOfABind)
+{
+    ScriptedServer server;
+    server.expectBind().answer(undecodable());
+    server.expectSearch().answer(undecodable());
+    ldap::Session session(utils::Url(QString::fromStdString(server.url())), false, false);
+
+    EXPECT_THROW(session.bind(QStringLiteral("cn=a"), QStringLiteral("b")), ldap::BaseError);
+    EXPECT_EQ(std::get<Result>(session.search(below("dc=x"), 2)), Result::connectError);
 }
 
 TEST_F(StrangeAnswers, OfAnotherSearchGoToThatSearch)
