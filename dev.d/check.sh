@@ -7,6 +7,7 @@ readonly check_steps=(
     "check_stress asan"
     "check_stress tsan"
     "check_openssl_libldap"
+    "cmd_fuzz"
     "cmd_lint"
 )
 

@@ -10,6 +10,7 @@ declare -A packages=(
     [openssl_libldap]="gcc make libc6-dev dpkg-dev libssl-dev libsasl2-dev"
     [roots]="debootstrap git"
     [coverage]="gcovr python3"
+    [fuzz]="clang libclang-rt-dev"
     [mutate]="git python3"
     [lint]="clang clang-format clang-tidy shellcheck git"
 )

@@ -1,0 +1,348 @@
+#include "fed_server.h"
+
+#include "invariant.h"
+
+#include <openldap.h>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <stdexcept>
+#include <utility>
+
+#include <dlfcn.h>
+#include <sanitizer/lsan_interface.h>
+
+namespace {
+
+/// The function of this name in the library behind this program.
+template <class Function>
+Function* next(Function*, const char* name)
+{
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+} // namespace
+
+extern "C" {
+
+// Two functions of the client library that the linker replaces, for our library alone, and an original.
+
+int __wrap_ldap_initialize(LDAP** handle, const char* url);
+char* __real_ldap_first_attribute(LDAP* handle, LDAPMessage* entry, BerElement** element);
+char* __wrap_ldap_first_attribute(LDAP* handle, LDAPMessage* entry, BerElement** element);
+
+int __wrap_ldap_initialize(LDAP** handle, const char*) { return tavo::fuzz::FedServer::connect(handle); }
+
+// The library never frees this element, for a reason of its own; freed here, it needs no exception from the
+// search for leaks.
+char* __wrap_ldap_first_attribute(LDAP* handle, LDAPMessage* entry, BerElement** element)
+{
+    char* name = __real_ldap_first_attribute(handle, entry, element);
+    tavo::fuzz::FedServer::keep(*element);
+    return name;
+}
+
+// The rest is called by the client library itself, too, so the loader gives these to everybody. A request
+// whose answer libldap can't decode, and the texts of an unsolicited message, are leaks of its own; so
+// whatever it allocates there counts for none, and that the results are freed is checked here.
+__attribute__((visibility("default"))) ber_int_t ldap_send_initial_request(
+    LDAP* handle, ber_tag_t type, const char* dn, BerElement* request, ber_int_t messageId);
+__attribute__((visibility("default"))) int ldap_result(
+    LDAP* handle, int messageId, int all, timeval* timeout, LDAPMessage** result);
+__attribute__((visibility("default"))) int ldap_msgfree(LDAPMessage* result);
+
+ber_int_t ldap_send_initial_request(
+    LDAP* handle, ber_tag_t type, const char* dn, BerElement* request, ber_int_t messageId)
+{
+    static const auto original = next(&ldap_send_initial_request, "ldap_send_initial_request");
+    const __lsan::ScopedDisabler ignoreLeaks;
+    return original(handle, type, dn, request, messageId);
+}
+
+int ldap_result(LDAP* handle, int messageId, int all, timeval* timeout, LDAPMessage** result)
+{
+    static const auto original = next(&ldap_result, "ldap_result");
+    const __lsan::ScopedDisabler ignoreLeaks;
+    const int rc = original(handle, messageId, all, timeout, result);
+    tavo::fuzz::FedServer::noteResult(*result);
+    return rc;
+}
+
+int ldap_msgfree(LDAPMessage* result)
+{
+    static const auto original = next(&ldap_msgfree, "ldap_msgfree");
+    tavo::fuzz::FedServer::forgetResult(result);
+    return original(result);
+}
+
+} // extern "C"
+
+namespace tavo::fuzz {
+
+namespace {
+
+constexpr unsigned kSequence = 0x30;
+constexpr unsigned kInteger = 0x02;
+
+/// A socket that is always ready, since nobody reads what is in it: libldap waits for nothing on it, and who
+/// looks whether it is closed finds that it isn't.
+int readySocket()
+{
+    static const int socket = [] {
+        std::array<int, 2> ends{};
+        require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) == 0, "sockets can be had");
+        require(write(ends[1], "", 1) == 1, "a byte can be sent");
+        return ends[0];
+    }();
+    return socket;
+}
+
+/// The message with another id; as it was when it has none, or 0.
+Bytes addressed(Bytes message, std::int64_t messageId)
+{
+    try {
+        const auto outer = test::elements(message);
+        auto parts = test::elements(outer.at(0).content);
+        if (parts.empty() || parts[0].tag != kInteger || test::numberIn(parts[0].content) == 0) {
+            return message;
+        }
+        Bytes content = test::berNumber(messageId);
+        for (std::size_t i = 1; i < parts.size(); ++i) {
+            content += test::tlv(parts[i].tag, parts[i].content);
+        }
+        return test::tlv(kSequence, content);
+    } catch (const std::exception&) {
+        return message;
+    }
+}
+
+/// The bytes without what no caller of libldap can defend itself against: an unsolicited notice of an empty
+/// name (tag 0x8a) makes it abort the process.
+Bytes withoutEmptyNames(Bytes bytes)
+{
+    constexpr char kName = static_cast<char>(0x8a);
+    for (std::size_t at = bytes.find(kName); at != Bytes::npos; at = bytes.find(kName, at + 1)) {
+        const auto first = at + 1 < bytes.size() ? static_cast<unsigned char>(bytes[at + 1]) : 0U;
+        const std::size_t lengthBytes = first > 0x80U ? first - 0x80U : 0;
+        const Bytes length = bytes.substr(std::min(at + 2, bytes.size()), lengthBytes);
+        const bool isZero = lengthBytes == 0 ? first == 0 : length.find_first_not_of('\0') == Bytes::npos;
+        if (isZero) {
+            bytes[at] = 0;
+        }
+    }
+    return bytes;
+}
+
+std::size_t lengthOfFirst(std::string_view bytes)
+{
+    try {
+        const std::size_t length = test::firstElementLength(bytes);
+        return length != 0 ? length : bytes.size();
+    } catch (const std::exception&) {
+        return bytes.size();
+    }
+}
+
+} // namespace
+
+FedServer* FedServer::s_current = nullptr;
+
+FedServer::FedServer(Speech speech, Answer answer)
+    : m_speech(std::move(speech))
+    , m_answer(std::move(answer))
+{
+    m_speech.bytes = withoutEmptyNames(std::move(m_speech.bytes));
+    require(s_current == nullptr, "one server at a time");
+    s_current = this;
+}
+
+FedServer::~FedServer()
+{
+    waitForClose();
+    s_current = nullptr;
+    for (BerElement* element : m_kept) {
+        ber_free(element, 0);
+    }
+}
+
+int FedServer::connect(LDAP** handle)
+{
+    require(s_current != nullptr, "there is a server");
+    static Sockbuf_IO layer{&FedServer::setUp, &FedServer::remove, &FedServer::control, &FedServer::read,
+        &FedServer::write, [](Sockbuf_IO_Desc*) { return 0; }};
+
+    // The URL is for the second connection that libldap tries when this one has ended.
+    const int rc = ldap_init_fd(readySocket(), LDAP_PROTO_EXT, "ldapi://%2Fnonexistent", handle);
+    if (rc != LDAP_SUCCESS) {
+        return rc;
+    }
+    Sockbuf* socket = nullptr;
+    ldap_get_option(*handle, LDAP_OPT_SOCKBUF, &socket);
+    ber_sockbuf_add_io(socket, &layer, LBER_SBIOD_LEVEL_PROVIDER, s_current);
+    return LDAP_SUCCESS;
+}
+
+void FedServer::keep(BerElement* element)
+{
+    require(s_current != nullptr, "there is a server");
+    if (element != nullptr) {
+        s_current->m_kept.push_back(element);
+    }
+}
+
+int FedServer::setUp(Sockbuf_IO_Desc* layer, void* server)
+{
+    layer->sbiod_pvt = server;
+    auto* self = static_cast<FedServer*>(server);
+    const std::lock_guard lock(self->m_mutex);
+    ++self->m_connections;
+    return 0;
+}
+
+int FedServer::remove(Sockbuf_IO_Desc* layer)
+{
+    auto* self = static_cast<FedServer*>(layer->sbiod_pvt);
+    const std::lock_guard lock(self->m_mutex);
+    --self->m_connections;
+    self->m_closed.notify_all();
+    return 0;
+}
+
+void FedServer::waitForClose()
+{
+    std::unique_lock lock(m_mutex);
+    m_closed.wait(lock, [this] { return m_connections == 0; });
+    require(m_results.empty(), "every result is freed");
+}
+
+void FedServer::noteResult(LDAPMessage* result)
+{
+    if (s_current != nullptr && result != nullptr) {
+        const std::lock_guard lock(s_current->m_mutex);
+        s_current->m_results.insert(result);
+    }
+}
+
+void FedServer::forgetResult(LDAPMessage* result)
+{
+    if (s_current != nullptr) {
+        const std::lock_guard lock(s_current->m_mutex);
+        s_current->m_results.erase(result);
+    }
+}
+
+int FedServer::control(Sockbuf_IO_Desc*, int option, void*)
+{
+    return option == LBER_SB_OPT_DATA_READY ? 1 : 0;
+}
+
+ber_slen_t FedServer::read(Sockbuf_IO_Desc* layer, void* buffer, ber_len_t size)
+{
+    auto* server = static_cast<FedServer*>(layer->sbiod_pvt);
+    return static_cast<ber_slen_t>(server->send(static_cast<char*>(buffer), size));
+}
+
+ber_slen_t FedServer::write(Sockbuf_IO_Desc* layer, void* buffer, ber_len_t size)
+{
+    auto* server = static_cast<FedServer*>(layer->sbiod_pvt);
+    server->receive({static_cast<const char*>(buffer), size});
+    return static_cast<ber_slen_t>(size);
+}
+
+void FedServer::receive(std::string_view bytes)
+{
+    m_received += bytes;
+    m_isEncrypted = m_isEncrypted || m_received[0] != static_cast<char>(kSequence);
+    while (!m_isEncrypted && !m_received.empty()) {
+        const std::size_t length = test::firstElementLength(m_received);
+        if (length == 0) {
+            return;
+        }
+        takeMessage(std::string_view(m_received).substr(0, length));
+        m_received.erase(0, length);
+    }
+}
+
+void FedServer::takeMessage(std::string_view message)
+{
+    try {
+        take(test::decodeRequest(message));
+    } catch (const std::exception&) {
+        m_understands = false;
+    }
+}
+
+void FedServer::take(const test::Request& request)
+{
+    if (request.is<test::UnbindRequest>() || request.is<test::AbandonRequest>()) {
+        return;
+    }
+    m_messageId = request.messageId;
+    Bytes answer = m_answer ? m_answer(request) : Bytes();
+    if (!answer.empty()) {
+        m_sending += answer;
+        return;
+    }
+    m_requests.push_back(request);
+}
+
+std::size_t FedServer::send(char* buffer, std::size_t size)
+{
+    if (m_sending.empty()) {
+        m_sending = nextMessage();
+    }
+    const std::size_t most = m_speech.comesInSingleBytes ? 1 : m_sending.size();
+    const std::size_t sent = std::min({size, most, m_sending.size()});
+    std::copy_n(m_sending.begin(), sent, buffer);
+    m_sending.erase(0, sent);
+    return sent;
+}
+
+Bytes FedServer::nextMessage()
+{
+    const std::string_view rest = std::string_view(m_speech.bytes).substr(m_said);
+    const std::size_t length = m_speech.isRaw || m_isEncrypted ? rest.size() : lengthOfFirst(rest);
+    m_said += length;
+    Bytes message(rest.substr(0, length));
+    return m_speech.isRaw || m_isEncrypted ? message : addressed(std::move(message), m_messageId);
+}
+
+Bytes resultMessage(std::int64_t messageId, test::Answer operation, std::int64_t code)
+{
+    constexpr unsigned kEnumerated = 0x0a;
+    constexpr unsigned kOctetString = 0x04;
+    const Bytes content =
+        test::berNumber(code, kEnumerated) + test::tlv(kOctetString, "") + test::tlv(kOctetString, "");
+    return test::encodeMessage(messageId, test::tlv(static_cast<unsigned>(operation), content), {});
+}
+
+Bytes entryMessage(std::int64_t messageId, std::string_view dn, std::string_view name, std::string_view value)
+{
+    constexpr unsigned kOctetString = 0x04;
+    constexpr unsigned kSet = 0x31;
+    const Bytes attribute =
+        test::tlv(kSequence, test::tlv(kOctetString, name) + test::tlv(kSet, test::tlv(kOctetString, value)));
+    const Bytes entry = test::tlv(kOctetString, dn) + test::tlv(kSequence, attribute);
+    return test::encodeMessage(
+        messageId, test::tlv(static_cast<unsigned>(test::Answer::searchEntry), entry), {});
+}
+
+FedServer::Answer managerGreeting(bool isActiveDirectory)
+{
+    return [isActiveDirectory](const test::Request& request) -> Bytes {
+        const std::int64_t id = request.messageId;
+        if (request.is<test::BindRequest>()) {
+            return resultMessage(id, test::Answer::bindResponse, LDAP_SUCCESS);
+        }
+        if (!request.is<test::SearchRequest>() || !request.controls.empty()) {
+            return {};
+        }
+        const char* name = isActiveDirectory ? "forestFunctionality" : "objectClass";
+        return entryMessage(id, "", name, "7") + resultMessage(id, test::Answer::searchDone, LDAP_SUCCESS);
+    };
+}
+
+} // namespace tavo::fuzz

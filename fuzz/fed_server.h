@@ -1,0 +1,114 @@
+#pragma once
+
+#include "support/ldap_messages.h"
+
+#include <lber.h>
+#include <ldap.h>
+
+#include <condition_variable>
+#include <cstddef>
+#include <functional>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace tavo::fuzz {
+
+using test::Bytes;
+
+/// A directory server in the client's own process and thread: what it says are the fuzzer's bytes, and
+/// nothing travels through a socket.
+///
+/// While one lives, every `ldap_initialize` of the process gives a handle that is connected to it. Its last
+/// bytes are followed by the end of the connection.
+class FedServer
+{
+public:
+    struct Speech
+    {
+        /// What is said to requests that `answer` leaves alone: LDAP messages one after the other, which come
+        /// as they are asked for.
+        Bytes bytes;
+
+        /// Sends `bytes` as they are. Otherwise each message gets the id of the request that it answers,
+        /// unless its own is 0, so that it isn't dropped unread; a message that can't be taken apart stays as
+        /// it is.
+        bool isRaw = false;
+
+        /// One byte with each read.
+        bool comesInSingleBytes = false;
+    };
+
+    /// The answer to a request; empty for those that are left to the fuzzer's bytes.
+    using Answer = std::function<Bytes(const test::Request&)>;
+
+    explicit FedServer(Speech speech, Answer answer = {});
+    /// Waits as waitForClose() does.
+    ~FedServer();
+    FedServer(const FedServer&) = delete;
+    FedServer& operator=(const FedServer&) = delete;
+
+    /// Blocks until the client has closed every connection: until then a search may go on in the background.
+    void waitForClose();
+
+    /// What the client has asked that was left to the fuzzer's bytes, in clear.
+    const std::vector<test::Request>& requests() const { return m_requests; }
+
+    /// Whether every request so far was well-formed; those that were not are not among requests().
+    bool understands() const { return m_understands; }
+
+    /// Connects a new handle, as `ldap_initialize` does.
+    static int connect(LDAP** handle);
+
+    /// Frees the element when this server goes.
+    static void keep(BerElement* element);
+
+    /// A result that the client library has handed out, until it takes it back.
+    static void noteResult(LDAPMessage* result);
+    static void forgetResult(LDAPMessage* result);
+
+private:
+    static int setUp(Sockbuf_IO_Desc* layer, void* server);
+    static int remove(Sockbuf_IO_Desc* layer);
+    static int control(Sockbuf_IO_Desc* layer, int option, void* argument);
+    static ber_slen_t read(Sockbuf_IO_Desc* layer, void* buffer, ber_len_t size);
+    static ber_slen_t write(Sockbuf_IO_Desc* layer, void* buffer, ber_len_t size);
+
+    void receive(std::string_view bytes);
+    void takeMessage(std::string_view message);
+    void take(const test::Request& request);
+    std::size_t send(char* buffer, std::size_t size);
+    Bytes nextMessage();
+
+    static FedServer* s_current;
+
+    Speech m_speech;
+    Answer m_answer;
+    /// How much of the speech is said.
+    std::size_t m_said = 0;
+    Bytes m_received;
+    Bytes m_sending;
+    std::int64_t m_messageId = 0;
+    bool m_isEncrypted = false;
+    bool m_understands = true;
+    std::vector<test::Request> m_requests;
+    std::vector<BerElement*> m_kept;
+
+    std::mutex m_mutex;
+    std::condition_variable m_closed;
+    int m_connections = 0;
+    std::set<LDAPMessage*> m_results;
+};
+
+/// A message with one operation of the result kind: this code, no DN, no text.
+Bytes resultMessage(std::int64_t messageId, test::Answer operation, std::int64_t code);
+
+/// An entry with one attribute of one value.
+Bytes entryMessage(
+    std::int64_t messageId, std::string_view dn, std::string_view name, std::string_view value);
+
+/// Answers what a manager asks before it is there, the root DSE and the bind, and leaves the rest alone.
+FedServer::Answer managerGreeting(bool isActiveDirectory);
+
+} // namespace tavo::fuzz
