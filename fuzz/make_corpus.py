@@ -138,6 +138,7 @@ def write_session():
     raw = b"".join(message(operation, number=number) for number, operation in enumerate(
         [result(0x61), result(0x78, 0, b"", b"", text(b"u:A\\b", 0x8B)), result(0x65)], 1))
     write("session", "raw", RAW, 0, raw)
+    write("session", "undecodable-twice", RAW | VENDOR_FIRST, 0, b"\x30\x05\x02\x01\x01\x65\x84" * 2)
     write("session", "silent", 0, 0)
 
 
