@@ -353,7 +353,7 @@ std::unique_ptr<LDAP, void (*)(LDAP*)> Session::duplicateHandle() const
 
 std::unique_ptr<SearchContext> Session::createSearchContext(SearchParams params) const
 {
-    return std::make_unique<SearchContext>(duplicateHandle(), std::move(params), m_responseTimeout);
+    return std::make_unique<SearchContext>(duplicateHandle(), std::move(params), m_responseTimeout.load());
 }
 
 std::vector<SearchEntry> Session::simpleSearch(SearchParams params) const
@@ -363,7 +363,7 @@ std::vector<SearchEntry> Session::simpleSearch(SearchParams params) const
 
 std::shared_ptr<SearchContext> Session::createSharedContext(SearchParams params) const
 {
-    return std::make_shared<SearchContext>(duplicateHandle(), std::move(params), m_responseTimeout);
+    return std::make_shared<SearchContext>(duplicateHandle(), std::move(params), m_responseTimeout.load());
 }
 
 SearchContext* Session::asyncSearch(SearchParams params, SearchHandler handler, int pageSize)

@@ -13,6 +13,7 @@
 #include <QByteArray>
 #include <QString>
 
+#include <atomic>
 #include <chrono>
 #include <map>
 #include <memory>
@@ -158,7 +159,8 @@ private:
     std::map<SearchContext*, std::pair<std::shared_ptr<SearchContext>, SearchHandler>> m_asyncSearches;
     bool m_isEnding = false;
     bool m_isSecure = false;
-    std::chrono::seconds m_responseTimeout{30};
+    /// Read by handlers that start searches while the session's own thread may set it.
+    std::atomic<std::chrono::seconds> m_responseTimeout{std::chrono::seconds(30)};
     std::shared_ptr<SearchTurns> m_turns;
 };
 

@@ -6,6 +6,12 @@
 #define TAVO_HAS_FEATURE(x) 0
 #endif
 
+#if defined(__SANITIZE_ADDRESS__) || TAVO_HAS_FEATURE(address_sanitizer)
+#define TAVO_ADDRESS_SANITIZED 1
+#else
+#define TAVO_ADDRESS_SANITIZED 0
+#endif
+
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || TAVO_HAS_FEATURE(address_sanitizer) ||  \
     TAVO_HAS_FEATURE(thread_sanitizer)
 #define TAVO_SANITIZED 1

@@ -65,6 +65,21 @@ protected:
         std::make_unique<Session>(utils::Url(QString::fromStdString(server.url())), false, false);
 };
 
+// For ThreadSanitizer: nothing orders the two accesses.
+TEST_F(SearchStates, MayBeStartedByAHandlerWhileTheTimeLimitIsSet)
+{
+    server.otherwise([](const Request&) -> Steps { return {done()}; });
+    HandlerCalls calls;
+    session->asyncSearch(
+        below("dc=x"),
+        [&, s = session.get()](Result, const std::vector<ldap::SearchEntry>&) {
+            s->asyncSearch(below("dc=y"), calls.handler(), 2);
+        },
+        2);
+    session->setResponseTimeout(std::chrono::seconds(7));
+    EXPECT_THAT(resultsOf(calls.waitForEnd()), ElementsAre(Result::ok));
+}
+
 TEST_F(SearchStates, AreRefusedInAFinalCallThatComesFromTheEndOfTheSession)
 {
     const Gate never;
