@@ -315,7 +315,7 @@ SearchContext::SearchContext(
 SearchContext::~SearchContext()
 {
     callFromDestructor(log::tag(*this), [this] { stopAsyncSearch(); });
-    if (runningOnThisThread == this) {
+    if (runsOnThisThread()) {
         finished_threads::handOver(std::move(m_asyncSearch));
     }
 }
@@ -361,7 +361,7 @@ void SearchContext::asyncSearch(SearchHandler handler, int pageSize)
         return;
     }
     // A handler that has stopped its own search still runs on that search's thread.
-    if (isAsyncSearchRunning() || runningOnThisThread == this) {
+    if (isAsyncSearchRunning() || runsOnThisThread()) {
         assertFailure(positions::searchAlreadyRunning, "!isAsyncSearchRunning()");
         handler(Result::ok, {});
         return;
@@ -406,6 +406,8 @@ void SearchContext::stopAsyncSearch(int ldapCode, std::vector<SearchEntry> entri
         handler(translateErrorCode(ldapCode), std::move(entries));
     }
 }
+
+bool SearchContext::runsOnThisThread() const { return runningOnThisThread == this; }
 
 void SearchContext::giveUpTurn()
 {

@@ -80,6 +80,9 @@ private:
     TAVO_LDAP_NO_EXPORT void stopAsyncSearch(int ldapCode, std::vector<SearchEntry> entries);
     TAVO_LDAP_NO_EXPORT void logFailedSearch(const QString& matchedDn, const QString& diagnostic) const;
 
+    /// False where another search's thread stops or destroys this one.
+    TAVO_LDAP_NO_EXPORT bool runsOnThisThread() const;
+
     /// Lets the next paged search of the connection run; this one ends if it hasn't begun.
     TAVO_LDAP_NO_EXPORT void giveUpTurn();
 

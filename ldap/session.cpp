@@ -389,7 +389,7 @@ SearchContext* Session::start(std::shared_ptr<SearchContext> owner, SearchHandle
         [this, guard = m_asyncGuard.sharedGuard(), context](Result result, std::vector<SearchEntry> entries) {
             if (const auto alive = guard.lock()) {
                 completeSearch(context, result, std::move(entries));
-                if (result != Result::moreResults) {
+                if (result != Result::moreResults && context->runsOnThisThread()) {
                     // While the guard is held, so that a session that ends doesn't miss it.
                     finished_threads::announceEnd();
                 }

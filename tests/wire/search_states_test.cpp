@@ -8,6 +8,7 @@
 #include <future>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -64,6 +65,37 @@ protected:
     std::unique_ptr<Session> session =
         std::make_unique<Session>(utils::Url(QString::fromStdString(server.url())), false, false);
 };
+
+TEST_F(SearchStates, DoNotHoldUpOtherSessionsWhenAFinalCallDestroysOneThatAnExceptionHasEnded)
+{
+    server.expectSearch().answer(entries(1, 2), done().page("one"));
+    server.expectSearch().answer(done());
+    {
+        const ThreadsEndHere brokenOff;
+        session->asyncSearch(
+            below("dc=x"),
+            [](Result result, const auto&) {
+                if (result == Result::moreResults)
+                    throw std::runtime_error("no disk");
+            },
+            2);
+        waitForSearches(1);
+    }
+    const Gate destroyed;
+    const Gate otherDestroyed;
+    session->asyncSearch(
+        below("dc=y"),
+        [&](Result, const auto&) {
+            session.reset();
+            destroyed.open();
+            otherDestroyed.wait("the end of the other session");
+        },
+        2);
+    destroyed.wait("the end of the session");
+
+    std::make_unique<Session>(utils::Url(QString::fromStdString(server.url())), false, false).reset();
+    otherDestroyed.open();
+}
 
 // For ThreadSanitizer: nothing orders the two accesses.
 TEST_F(SearchStates, MayBeStartedByAHandlerWhileTheTimeLimitIsSet)
