@@ -1,6 +1,7 @@
 #include <ldap/private/finished_threads.h>
 
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
 #include <utility>
 
@@ -8,13 +9,43 @@
 
 namespace tavo::ldap::finished_threads {
 
+void Queue::add(Place& place)
+{
+    if (place.number == 0) {
+        place.number = ++m_lastNumber;
+        *linkTo(nullptr) = &place;
+    }
+}
+
+void Queue::remove(const Place& place)
+{
+    if (place.number != 0) {
+        *linkTo(&place) = place.next;
+    }
+}
+
+bool Queue::isDoneWith(std::uint64_t number, const Place* self) const
+{
+    const Place* first = m_first != nullptr && m_first == self ? m_first->next : m_first;
+    return first == nullptr || first->number > number;
+}
+
+Queue::Place** Queue::linkTo(const Place* place)
+{
+    Place** link = &m_first;
+    while (*link != place) {
+        link = &(*link)->next;
+    }
+    return link;
+}
+
 namespace {
 
 struct Threads
 {
     std::mutex mutex;
     std::condition_variable changed;
-    int ending = 0;
+    Queue ending;
     std::future<void> last;
 };
 
@@ -25,8 +56,8 @@ Threads& threads()
     return instance;
 }
 
-thread_local bool isSearchThread = false;
-thread_local bool isEnding = false;
+/// The calling thread's, if it is a search's.
+thread_local Queue::Place* own = nullptr;
 
 std::future<void> exchangeLast(std::future<void> task)
 {
@@ -55,26 +86,22 @@ const JoinAtExit joinAtExit;
 
 } // namespace
 
-Ending::Ending() { isSearchThread = true; }
+Ending::Ending() { own = &m_place; }
 
 Ending::~Ending()
 {
-    if (!isEnding) {
-        return;
-    }
+    own = nullptr;
     const std::lock_guard lock(threads().mutex);
-    --threads().ending;
+    threads().ending.remove(m_place);
     threads().changed.notify_all();
 }
 
 void announceEnd()
 {
-    if (!isSearchThread || isEnding) {
-        return;
+    if (own != nullptr) {
+        const std::lock_guard lock(threads().mutex);
+        threads().ending.add(*own);
     }
-    const std::lock_guard lock(threads().mutex);
-    ++threads().ending;
-    isEnding = true;
 }
 
 void handOver(std::future<void> task)
@@ -87,7 +114,8 @@ void join()
 {
     {
         std::unique_lock lock(threads().mutex);
-        threads().changed.wait(lock, [] { return threads().ending == (isEnding ? 1 : 0); });
+        threads().changed.wait(lock,
+            [number = threads().ending.lastNumber()] { return threads().ending.isDoneWith(number, own); });
     }
     const std::future<void> last = exchangeLast({});
 }
