@@ -191,7 +191,9 @@ private:
             const int rc = ldap_result(ld, messageId, LDAP_MSG_ALL, &timeout, &received);
             const int systemError = errno;
             if (rc == -1) {
-                stopReading(ld);
+                if (getLdapError(ld) == LDAP_DECODING_ERROR) {
+                    stopReading(ld);
+                }
                 throw resultError(received, systemError);
             }
             if (received != nullptr) {

@@ -83,6 +83,7 @@ TEST_F(SearchStates, DoNotHoldUpOtherSessionsWhenAFinalCallDestroysOneThatAnExce
     }
     const Gate destroyed;
     const Gate otherDestroyed;
+    const ThreadsEndHere withTheGates;
     session->asyncSearch(
         below("dc=y"),
         [&](Result, const auto&) {
