@@ -444,7 +444,8 @@ TEST_F(ActiveDirectoryTest, servesTenFetchesOfOneManagerAtTheSameTime)
 TEST_F(ActiveDirectoryTest, failsTheOldestOfElevenFetchesOfOneManager)
 {
     auto outcomes = fetchAtOnce(11);
-    EXPECT_EQ(outcomes.front(), std::pair(Result::connectError, std::size_t{10}));
+    EXPECT_EQ(outcomes.front().first, Result::connectError);
+    EXPECT_LT(outcomes.front().second, enabledLogins().size());
     outcomes.erase(outcomes.begin());
     EXPECT_THAT(outcomes, Each(std::pair(Result::ok, enabledLogins().size())));
 }
