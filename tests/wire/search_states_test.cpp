@@ -138,6 +138,7 @@ TEST_F(SearchStates, AreRefusedInAFinalCallThatComesFromTheEndOfTheSession)
     EXPECT_EQ(refusal, LDAP_USER_CANCELLED);
     EXPECT_THAT(resultsOf(calls.waitForCalls(1)), ElementsAre(Result::cancelled));
     EXPECT_EQ(callsOfSecond.count(), 0U);
+    never.open();
 }
 
 TEST_F(SearchStates, AreAllCancelledByTheThreadThatDestroysTheSession)
