@@ -83,10 +83,10 @@ TEST_F(SearchStates, DoNotHoldUpOtherSessionsWhenAFinalCallDestroysOneThatAnExce
     }
     const Gate destroyed;
     const Gate otherDestroyed;
-    const ThreadsEndHere withTheGates;
     session->asyncSearch(
         below("dc=y"),
-        [&](Result, const auto&) {
+        // With gates of its own: nobody joins a thread that destroys its session.
+        [this, destroyed, otherDestroyed](Result, const auto&) {
             session.reset();
             destroyed.open();
             otherDestroyed.wait("the end of the other session");
