@@ -371,8 +371,10 @@ SearchContext* Session::asyncSearch(SearchParams params, SearchHandler handler, 
     return start(createSharedContext(std::move(params)), std::move(handler), pageSize);
 }
 
-SearchContext* Session::start(std::shared_ptr<SearchContext> owner, SearchHandler handler, int pageSize)
+SearchContext* Session::start(std::shared_ptr<SearchContext> search, SearchHandler handler, int pageSize)
 {
+    // To the end of this call, though another thread may forget the search before.
+    const std::shared_ptr<SearchContext> owner = std::move(search);
     SearchContext* const context = owner.get();
     {
         const MutexLocker lock(m_mutex, positions::registerSearchLock);

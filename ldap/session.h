@@ -149,7 +149,7 @@ private:
     TAVO_LDAP_NO_EXPORT std::unique_ptr<LDAP, void (*)(LDAP*)> duplicateHandle() const;
     TAVO_LDAP_NO_EXPORT std::shared_ptr<SearchContext> createSharedContext(SearchParams params) const;
     TAVO_LDAP_NO_EXPORT SearchContext* start(
-        std::shared_ptr<SearchContext> owner, SearchHandler handler, int pageSize);
+        std::shared_ptr<SearchContext> search, SearchHandler handler, int pageSize);
     TAVO_LDAP_NO_EXPORT void completeSearch(
         SearchContext* context, Result result, std::vector<SearchEntry> entries);
 
