@@ -265,9 +265,19 @@ private:
         }
     }
 
+    bool saysThatMoreRemains(SearchResponse& response) const
+    {
+        try {
+            return hasLivePageCookie(m_context.m_ldap.get(), response.controls());
+        } catch (const BaseError&) {
+            // The page is the last one, and good, whatever came along with it.
+            return false;
+        }
+    }
+
     void warnIfCutShort(SearchResponse& response) const
     {
-        if (hasLivePageCookie(m_context.m_ldap.get(), response.controls())) {
+        if (saysThatMoreRemains(response)) {
             TAVO_LOG_WARNING(log::tag(m_context),
                 u"Entries are missing: the server says that it has more, but page %1 is shorter than the %2 "
                 u"entries asked for, which ends the search below [%3] with filter [%4]; %5 entries were "

@@ -23,6 +23,7 @@ using ::testing::SizeIs;
 using ::testing::UnorderedElementsAre;
 
 constexpr unsigned kSequence = 0x30;
+constexpr unsigned kControls = 0xa0;
 
 class PagedSearch : public SearchTest
 {};
@@ -128,6 +129,36 @@ INSTANTIATE_TEST_SUITE_P(PagedSearch, MalformedPageControl,
         BrokenValue{"WithoutCookie", tlv(kSequence, berNumber(0))},
         BrokenValue{"LengthOfFourGigabytes", Bytes("\x30\x84\xff\xff\xff\xff", 6)}),
     ::testing::PrintToStringParamName());
+
+/// The end of a search whose list of controls can't be read: its only one has no OID.
+Steps doneWithBrokenControls()
+{
+    return Step{Step::Send{[](const Request& request) {
+        const Bytes controls = tlv(kControls, tlv(kSequence, ""));
+        const Bytes end = done().operation(request);
+        return std::vector{tlv(kSequence, berNumber(request.messageId) + end + controls)};
+    }}};
+}
+
+TEST_F(PagedSearch, EndsAFullPageWithAnErrorAndWithoutEntriesWhenItsControlsMakeNoSense)
+{
+    server.expectSearch().answer(entries(1, 2), doneWithBrokenControls());
+
+    const auto calls = fetch(2);
+
+    EXPECT_THAT(resultsOf(calls), ElementsAre(Result::connectError));
+    EXPECT_THAT(calls.at(0).entries, IsEmpty());
+}
+
+TEST_F(PagedSearch, DeliversAShortPageWhoseControlsMakeNoSense)
+{
+    server.expectSearch().answer(entries(1, 1), doneWithBrokenControls());
+
+    const auto calls = fetch(2);
+
+    EXPECT_THAT(resultsOf(calls), ElementsAre(Result::ok));
+    EXPECT_THAT(dnsOf(calls.at(0).entries), ElementsAre("cn=1"));
+}
 
 class PageCookie : public SearchTest, public ::testing::WithParamInterface<Bytes>
 {};

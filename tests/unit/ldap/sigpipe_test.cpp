@@ -99,5 +99,14 @@ TEST(SigpipeTest, keepsErrnoOfTheCall)
     EXPECT_EQ(errno, EXDEV);
 }
 
+TEST(SigpipeTest, takesNoEarlierErrorForTheCallsOwnAndLeavesItInErrno)
+{
+    errno = EXDEV;
+    const auto [code, systemError] = callClient([] { return 7; });
+    EXPECT_EQ(errno, EXDEV);
+    EXPECT_EQ(code, 7);
+    EXPECT_EQ(systemError, 0);
+}
+
 } // namespace
 } // namespace tavo::ldap
