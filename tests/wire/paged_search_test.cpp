@@ -3,6 +3,7 @@
 #include "support/log_capture.h"
 
 #include <atomic>
+#include <chrono>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -16,10 +17,12 @@ namespace {
 
 using ldap::Result;
 
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
+using ::testing::StartsWith;
 using ::testing::UnorderedElementsAre;
 
 constexpr unsigned kSequence = 0x30;
@@ -203,14 +206,39 @@ TEST_F(PagedSearch, GoesOnAfterAnExactPageWithALiveCookieToAnEmptyPage)
 TEST_F(PagedSearch, EndsAtAShortPageEvenWithALiveCookieAndWarns)
 {
     const LogCapture log;
-    server.expectSearch().answer(entries(1, 2), done().page("there is more"));
+    server.expectSearch().answer(entries(1, 3), done().page("more"));
+    server.expectSearch().answer(entries(4, 1), done().page("there is more"));
+    HandlerCalls calls;
 
-    const auto calls = fetch(3);
+    session.asyncSearch({QStringLiteral("dc=x"), QStringLiteral("(cn=*)"), {}, ldap::SearchScope::subtree},
+        calls.handler(), 3);
 
-    EXPECT_THAT(resultsOf(calls), ElementsAre(Result::ok));
-    EXPECT_THAT(calls.at(0).entries, SizeIs(2));
-    EXPECT_EQ(server.requests().size(), 1U);
-    EXPECT_THAT(log.texts(log::Level::warning), ElementsAre(HasSubstr("Entries are missing")));
+    const auto all = calls.waitForEnd();
+    EXPECT_THAT(resultsOf(all), ElementsAre(Result::moreResults, Result::ok));
+    EXPECT_THAT(dnsOf(all.at(1).entries), ElementsAre("cn=4"));
+    EXPECT_THAT(server.requests(), SizeIs(2));
+    EXPECT_THAT(log.texts(log::Level::warning),
+        ElementsAre("Entries are missing: the server says that it has more, but page 2 is shorter than the 3 "
+                    "entries asked for, which ends the search below [dc=x] with filter [(cn=*)]; 4 entries "
+                    "were received. Ask for pages no larger than the server's limit, or raise that limit."));
+}
+
+TEST_F(PagedSearch, ThinsTheWarningOfManySearchesThatAreCutShortOut)
+{
+    const LogCapture log;
+    server.otherwise([](const Request&) -> Steps { return {entries(1, 1), done().page("there is more")}; });
+    // What came before in this process ends with a period of no length.
+    log::setReducerConfig({.period = std::chrono::milliseconds(0), .limit = 3});
+    fetch(2);
+    log::setReducerConfig({.period = std::chrono::hours(1), .limit = 3});
+
+    for (int i = 0; i < 4; ++i)
+        fetch(2);
+
+    EXPECT_THAT(log.texts(log::Level::warning),
+        ElementsAre(StartsWith("Entries are missing"), StartsWith("Entries are missing"),
+            StartsWith("TOO MANY SIMILAR MESSAGES: Entries are missing")));
+    EXPECT_THAT(log.texts(log::Level::debug), Contains(StartsWith("Entries are missing")).Times(2));
 }
 
 TEST_F(PagedSearch, EndsAtAFullPageWithoutPageControlAndWarns)
