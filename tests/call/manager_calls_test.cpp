@@ -1,5 +1,6 @@
 #include "call_test.h"
-#include "no_threads.h"
+
+#include "support/no_threads.h"
 
 #include <ldap/manager.h>
 #include <ldap/tavo_ldap_ini.h>

@@ -1,8 +1,8 @@
-#include "no_threads.h"
 #include "scarce_memory.h"
 #include "search_calls_test.h"
 
 #include "support/assertion_capture.h"
+#include "support/no_threads.h"
 
 #include <atomic>
 #include <cerrno>
@@ -621,24 +621,6 @@ TEST_F(PagedSearchCalls, AreOverWhenTheFinalCallThrows)
         EXPECT_EQ(calls, 1);
     }
 }
-
-/// A handler that must never be called, and whether it is still there.
-class UncalledHandler
-{
-public:
-    ldap::SearchHandler handler()
-    {
-        auto owned = std::make_shared<int>(0);
-        m_owned = owned;
-        return [owned = std::move(owned)](Result, const std::vector<ldap::SearchEntry>&) {
-            ADD_FAILURE() << "the handler was called";
-        };
-    }
-    bool isDropped() const { return m_owned.expired(); }
-
-private:
-    std::weak_ptr<int> m_owned;
-};
 
 class SearchStart : public PagedSearchCalls
 {

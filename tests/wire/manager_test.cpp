@@ -2,6 +2,7 @@
 
 #include "support/assertion_capture.h"
 #include "support/log_capture.h"
+#include "support/no_threads.h"
 #include "support/qt_printers.h"
 #include "support/threads_end_here.h"
 
@@ -10,6 +11,7 @@
 #include <functional>
 #include <memory>
 #include <regex>
+#include <system_error>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -298,6 +300,22 @@ TEST_F(ManagerOfServer, EndsAFetchWithoutAHandlerByAnException)
     manager->fetchUsersAsync({}, {"dc=x"_s, {}});
 
     EXPECT_TRUE(log.waitFor("The search below [dc=x] was ended by an exception: bad_function_call"));
+}
+
+TEST_F(ManagerOfServer, ThrowsAndDropsTheHandlerWhenNoThreadCanBeHadAndFetchesLater)
+{
+    const auto manager = create();
+    UncalledHandler uncalled;
+    {
+        const NoThreads noThreads;
+        EXPECT_THROW(manager->fetchUsersAsync(uncalled.handler(), {"dc=x"_s, {}}), std::system_error);
+    }
+    EXPECT_TRUE(uncalled.isDropped());
+
+    server.expectSearch().answer(user("cn=1", "a"), done());
+    fetchUsers(*manager);
+
+    EXPECT_THAT(users.waitForEnd().front().records, SizeIs(1));
 }
 
 TEST_F(ManagerOfServer, RefusesAFetchWithAPageSizeThatIsNotPositive)

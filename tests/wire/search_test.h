@@ -8,6 +8,7 @@
 #include <tavo_utils/log.h>
 
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -75,6 +76,23 @@ private:
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
     std::vector<Call> m_calls;
+};
+
+/// A handler that must never be called, of a search or a fetch, and whether it is still there.
+class UncalledHandler
+{
+public:
+    auto handler()
+    {
+        auto owned = std::make_shared<int>(0);
+        m_owned = owned;
+        return [owned = std::move(owned)](
+                   ldap::Result, const auto& /*records*/) { ADD_FAILURE() << "the handler was called"; };
+    }
+    bool isDropped() const { return m_owned.expired(); }
+
+private:
+    std::weak_ptr<int> m_owned;
 };
 
 inline std::string utf8(const QString& text) { return text.toStdString(); }
