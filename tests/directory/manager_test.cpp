@@ -2,7 +2,9 @@
 #include "directory_test.h"
 
 #include "support/assertion_capture.h"
+#include "support/blocked_call.h"
 #include "support/sample_directory.h"
+#include "support/scripted_server.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -88,12 +90,20 @@ TEST(AsyncConnectionTest, callsItsHandlerOnceOnItsOwnThreadWhenItFails)
 
 TEST(AsyncConnectionTest, isWaitedForWhenItsFutureIsDropped)
 {
-    Slapd slapd;
-    slapd.stop();
+    test::ScriptedServer server;
+    const test::Gate answer;
+    server.expectBind().answer(test::waitFor(answer), test::result(49));
+    Settings settings;
+    settings.uri = urlOf(server.url());
     bool failed = false;
-    {
-        const auto dropped = testLdapConnectionAsync(settingsFor(slapd), [&] { failed = true; });
-    }
+    auto tested = testLdapConnectionAsync(settings, [&] { failed = true; });
+    server.waitForRequests(1);
+
+    test::BlockedCall dropping([&] { tested = {}; });
+
+    EXPECT_TRUE(dropping.isWaiting());
+    answer.open();
+    dropping.get();
     EXPECT_TRUE(failed);
 }
 
