@@ -58,8 +58,14 @@ struct Conversation
     Outcome talk(const std::string& url) const
     {
         Deliveries<ldap::User> users;
-        Outcome outcome;
         const ThreadsEndHere threads;
+        return talk(url, users);
+    }
+
+    /// The same with a handler of the caller's, who waits for its thread to end.
+    Outcome talk(const std::string& url, Deliveries<ldap::User>& users) const
+    {
+        Outcome outcome;
         try {
             const auto manager = createManager(url);
             manager->fetchUsersAsync(users.handler(), everybody);
@@ -97,8 +103,8 @@ void expectNewManagersAloneToSurvive(
 }
 
 /// Has one conversation over and over again through a network that fails, each time in another place. However
-/// it fails, there is one error or one final call, part of the users never passes for all of them, and nobody
-/// connects more often than he may.
+/// it fails, there is one error or one final call, part of the users never passes for all of them, nobody
+/// connects more often than he may, and no thread and no descriptor is left at the end.
 class FaultyNetwork
 {
 public:
@@ -118,40 +124,47 @@ public:
     {
         const std::size_t bytes = countBytes(direction);
         ASSERT_GT(bytes, 100U);
+        const NothingIsLeft nothingIsLeft;
         Tally tally;
         for (std::size_t at = 0; at <= bytes; at += stride) {
             SCOPED_TRACE("after " + std::to_string(at) + " of " + std::to_string(bytes) + " bytes");
             tally.add(breakOff(direction, TcpRelay::bytes(at), ending));
         }
         tally.record(direction, ending);
+        m_relay.waitUntilIdle();
     }
 
     /// Breaks off at every boundary of a message, the outer ones included. For traffic without TLS.
     void breakOffBetweenMessages(Direction direction, Ending ending)
     {
         const std::size_t messages = countMessages(direction);
+        const NothingIsLeft nothingIsLeft;
         Tally tally;
         for (std::size_t after = 0; after <= messages; ++after) {
             SCOPED_TRACE("after message " + std::to_string(after));
             tally.add(breakOff(direction, TcpRelay::messages(after), ending));
         }
         tally.record(direction, ending);
+        m_relay.waitUntilIdle();
     }
 
     /// Lets the traffic stall before each message, and go on: nothing may be lost. For traffic without TLS.
     void stallBetweenMessages(Direction direction)
     {
         const std::size_t messages = countMessages(direction);
+        const NothingIsLeft nothingIsLeft;
         for (std::size_t after = 0; after < messages; ++after) {
             SCOPED_TRACE("after message " + std::to_string(after));
             expectComplete(stall(direction, TcpRelay::messages(after), std::nullopt));
         }
+        m_relay.waitUntilIdle();
     }
 
     /// Lets the traffic stall before each message, and then break off. For traffic without TLS.
     void breakOffAfterStalls(Direction direction, Ending ending)
     {
         const std::size_t messages = countMessages(direction);
+        const NothingIsLeft nothingIsLeft;
         Tally tally;
         for (std::size_t after = 0; after < messages; ++after) {
             SCOPED_TRACE("after message " + std::to_string(after));
@@ -160,6 +173,7 @@ public:
             tally.add(outcome);
         }
         tally.record(direction, ending);
+        m_relay.waitUntilIdle();
     }
 
     /// Lets the traffic stall before each message of the fetch, and the manager go meanwhile: that doesn't
@@ -171,10 +185,12 @@ public:
         // A client ends by a message of its own.
         const std::size_t farewell = direction == Direction::toServer ? 1 : 0;
         ASSERT_GT(messages, created);
+        const NothingIsLeft nothingIsLeft;
         for (std::size_t after = created - farewell; after < messages - farewell; ++after) {
             SCOPED_TRACE("after message " + std::to_string(after));
             expectCancelled(direction, TcpRelay::messages(after));
         }
+        m_relay.waitUntilIdle();
     }
 
 private:

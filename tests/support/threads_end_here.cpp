@@ -7,6 +7,8 @@
 #include <iterator>
 #include <thread>
 
+#include <gtest/gtest.h>
+
 namespace tavo::test {
 
 std::size_t countIn(const char* directory)
@@ -14,12 +16,28 @@ std::size_t countIn(const char* directory)
     return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(directory), {}));
 }
 
-ThreadsEndHere::~ThreadsEndHere()
+namespace {
+
+/// How many there are when they are no more than that, or when `kDeadline` has passed.
+std::size_t countAtMost(const char* directory, std::size_t wanted)
 {
     const auto expiry = std::chrono::steady_clock::now() + kDeadline;
-    while (countIn("/proc/self/task") > m_before && std::chrono::steady_clock::now() < expiry) {
+    std::size_t count = countIn(directory);
+    while (count > wanted && std::chrono::steady_clock::now() < expiry) {
         std::this_thread::yield();
+        count = countIn(directory);
     }
+    return count;
 }
+
+} // namespace
+
+NothingIsLeft::~NothingIsLeft()
+{
+    EXPECT_LE(countAtMost("/proc/self/task", m_threads), m_threads) << "threads are left";
+    EXPECT_LE(countAtMost("/proc/self/fd", m_descriptors), m_descriptors) << "descriptors are left";
+}
+
+ThreadsEndHere::~ThreadsEndHere() { countAtMost("/proc/self/task", m_before); }
 
 } // namespace tavo::test
