@@ -2,6 +2,7 @@
 #include "directory_test.h"
 
 #include "support/sanitized.h"
+#include "support/test_ca.h"
 
 #include <ldap/tavo_ldap_ini.h>
 
@@ -9,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <ldap.h>
 #include <unistd.h>
 
 #include <cinttypes>
@@ -123,6 +125,26 @@ protected:
         return made;
     }
 
+    /// With these, the creation of a manager must fail like that.
+    void expectNotInError(const Settings& failing, int ldapCode) const
+    {
+        try {
+            createManagerOrThrow(failing);
+            ADD_FAILURE() << "nothing was thrown";
+        } catch (const BaseError& error) {
+            EXPECT_EQ(error.ldapCode, ldapCode);
+            EXPECT_FALSE(canary.isIn(error.what()));
+            EXPECT_FALSE(canary.isIn(error.message().toStdString()));
+        }
+    }
+
+    void expectNotInLog(const test::LogCapture& log) const
+    {
+        for (const auto& message : log.messages()) {
+            EXPECT_FALSE(canary.isIn(message.text)) << message.tag;
+        }
+    }
+
     const Canary canary{};
 
 private:
@@ -158,19 +180,31 @@ TEST_F(SecretsTest, appearInNoLogNoErrorAndNoCommandLine)
     const test::LogCapture log;
     createManagerOrThrow(settings());
     EXPECT_FALSE(testLdapConnection(wrongSettings()));
-    try {
-        createManagerOrThrow(wrongSettings());
-        FAIL() << "nothing was thrown";
-    } catch (const BaseError& error) {
-        EXPECT_FALSE(canary.isIn(error.what()));
-        EXPECT_FALSE(canary.isIn(error.message().toStdString()));
-    }
+    expectNotInError(wrongSettings(), LDAP_INVALID_CREDENTIALS);
     EXPECT_TRUE(log.contains("******")) << "the settings were not logged at all";
-    for (const auto& message : log.messages()) {
-        EXPECT_FALSE(canary.isIn(message.text)) << message.tag;
-    }
+    expectNotInLog(log);
     std::ifstream commandLine("/proc/self/cmdline");
     EXPECT_FALSE(canary.isIn({std::istreambuf_iterator<char>(commandLine), {}}));
+}
+
+TEST_F(SecretsTest, appearInNoErrorAndNoLogOfAServerThatIsGoneOrNotTrusted)
+{
+    const test::ReservedPort nobody;
+    Settings gone = settings();
+    gone.uri = urlOf("ldap://127.0.0.1:" + std::to_string(nobody.number()));
+    test::TestCa stranger;
+    const test::ServerCertificate certificate = stranger.issue();
+    const Slapd untrusted(
+        {.tls = test::SlapdTls{stranger.certificate(), certificate.certificate, certificate.key}});
+    // Over ldaps, where the handshake is the bind's: a TlsError, if the client library is on OpenSSL.
+    Settings refused = settings();
+    refused.uri = urlOf(untrusted.ldapsUrl());
+    const test::LogCapture log;
+
+    expectNotInError(gone, LDAP_SERVER_DOWN);
+    expectNotInError(refused, LDAP_SERVER_DOWN);
+
+    expectNotInLog(log);
 }
 
 TEST_F(SecretsTest, appearInNoDebugOutputOfTheClientLibrary)
