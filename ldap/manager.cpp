@@ -172,11 +172,16 @@ bool testLdapConnection(const Settings& settings)
 
 std::future<void> testLdapConnectionAsync(const Settings& settings, utils::MoveOnlyFunc<void()> onFailure)
 {
-    return std::async(std::launch::async, [settings, onFailure = std::move(onFailure)]() mutable {
-        if (!testLdapConnection(settings)) {
-            onFailure();
+    auto task = [settings = Settings(settings), onFailure = std::move(onFailure)]() mutable {
+        // Moved out of the task, which lives as long as the future: password and handler shall not.
+        Settings tested = std::move(settings);
+        const utils::ScopeGuard wipePassword([&] { wipe(tested.adminPassword); });
+        utils::MoveOnlyFunc<void()> handler = std::move(onFailure);
+        if (!testLdapConnection(tested)) {
+            handler();
         }
-    });
+    };
+    return std::async(std::launch::async, std::move(task));
 }
 
 } // namespace tavo::ldap

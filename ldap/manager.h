@@ -35,7 +35,7 @@ using GroupsHandler = utils::MoveOnlyFunc<void(Result, std::vector<Group>)>;
 class TAVO_LDAP_EXPORT Manager
 {
 public:
-    virtual ~Manager();
+    virtual ~Manager() = 0;
     Manager(const Manager&) = delete;
     Manager& operator=(const Manager&) = delete;
 

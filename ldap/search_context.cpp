@@ -125,6 +125,7 @@ public:
             try {
                 more = fetchPage();
             } catch (const BaseError& error) {
+                warnIfItReadsAsSuccess(error);
                 m_context.stopAsyncSearch(error.ldapCode, {});
             }
         }
@@ -253,6 +254,18 @@ private:
         return true;
     }
 
+    /// As of an entry that can't become a record, such as a group without a name.
+    void warnIfItReadsAsSuccess(const BaseError& error) const
+    {
+        if (error.ldapCode == LDAP_SUCCESS) {
+            TAVO_LOG_WARNING(log::tag(m_context),
+                u"Entries are missing: an error without a code on page %1, which reads as a success, ends "
+                u"the "
+                u"search below [%2] with filter [%3]; %4 entries were received: %5",
+                m_page, m_context.m_params.base, m_context.m_params.filter, m_received, error.message());
+        }
+    }
+
     void finish(std::vector<SearchEntry> entries)
     {
         try {
@@ -369,6 +382,7 @@ void SearchContext::asyncSearch(SearchHandler handler, int pageSize)
     if (pageSize <= 0) {
         assertFailure(positions::pageSizeNotPositive, "pageSize > 0");
         // By design: a refused start reads as an empty result, not as an error.
+        giveUpTurn();
         handler(Result::ok, {});
         return;
     }
@@ -382,8 +396,14 @@ void SearchContext::asyncSearch(SearchHandler handler, int pageSize)
     m_asyncSearch = {};
 
     auto installed = m_handler.lock();
+    if (m_turns) {
+        m_turn = std::make_shared<SearchTurn>(m_turns);
+    }
     *installed = std::move(handler);
-    utils::ScopeGuard uninstall([&] { *installed = nullptr; });
+    utils::ScopeGuard uninstall([&] {
+        giveUpTurn();
+        *installed = nullptr;
+    });
     m_asyncSearch = std::async(std::launch::async, [self = shared_from_this(), pageSize]() mutable {
         const finished_threads::Ending ending;
         SigpipeGuard::blockForThisThread();
@@ -395,11 +415,10 @@ void SearchContext::asyncSearch(SearchHandler handler, int pageSize)
         try {
             PageLoop(*context, pageSize).run();
         } catch (const std::exception& error) {
-            TAVO_LOG_WARNING(log::tag(*context), u"The search below [%1] was ended by an exception: %2",
-                context->m_params.base, error.what());
-            if (context->m_onBrokenOff) {
-                context->m_onBrokenOff();
-            }
+            context->reportBrokenOff(error.what());
+            throw;
+        } catch (...) {
+            context->reportBrokenOff("it is of no known type");
             throw;
         }
     });
@@ -412,11 +431,21 @@ void SearchContext::stopAsyncSearch() { stopAsyncSearch(LDAP_USER_CANCELLED, {})
 
 void SearchContext::stopAsyncSearch(int ldapCode, std::vector<SearchEntry> entries)
 {
-    SearchHandler handler = std::exchange(*m_handler.lock(), nullptr);
-    if (handler) {
-        giveUpTurn();
-        handler(translateErrorCode(ldapCode), std::move(entries));
+    SearchHandler handler;
+    std::shared_ptr<SearchTurn> turn;
+    {
+        auto installed = m_handler.lock();
+        handler = std::exchange(*installed, nullptr);
+        // Here, because another thread may start the next search from now on.
+        turn = m_turn;
     }
+    if (!handler) {
+        return;
+    }
+    if (turn) {
+        turn->giveUp();
+    }
+    handler(translateErrorCode(ldapCode), std::move(entries));
 }
 
 bool SearchContext::runsOnThisThread() const { return runningOnThisThread == this; }
@@ -425,6 +454,15 @@ void SearchContext::giveUpTurn()
 {
     if (m_turn) {
         m_turn->giveUp();
+    }
+}
+
+void SearchContext::reportBrokenOff(const char* reason)
+{
+    TAVO_LOG_WARNING(
+        log::tag(*this), u"The search below [%1] was ended by an exception: %2", m_params.base, reason);
+    if (m_onBrokenOff) {
+        m_onBrokenOff();
     }
 }
 

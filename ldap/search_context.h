@@ -16,6 +16,7 @@ namespace tavo::ldap {
 
 class PageLoop;
 class SearchTurn;
+class SearchTurns;
 
 /// What a search calls with its results: any number of times with `Result::moreResults` and a full page, then
 /// exactly once with any other result and the last page (`Result::ok`) or nothing.
@@ -78,6 +79,7 @@ private:
     friend class Session;
 
     TAVO_LDAP_NO_EXPORT void stopAsyncSearch(int ldapCode, std::vector<SearchEntry> entries);
+    TAVO_LDAP_NO_EXPORT void reportBrokenOff(const char* reason);
     TAVO_LDAP_NO_EXPORT void logFailedSearch(const QString& matchedDn, const QString& diagnostic) const;
 
     /// False where another search's thread stops or destroys this one.
@@ -99,7 +101,11 @@ private:
 
     std::future<void> m_asyncSearch;
 
-    /// Set before the search starts, and never changed; null for a search that waits for no other.
+    /// The connection's; null for a context that takes its turn elsewhere.
+    std::shared_ptr<SearchTurns> m_turns;
+
+    /// The running search's, or the last one's; set before its thread starts. Null for a search that waits
+    /// for no other.
     std::shared_ptr<SearchTurn> m_turn;
 
     /// Called on the search's thread when an exception ends it without a final call; set before the search

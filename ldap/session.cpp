@@ -24,6 +24,7 @@
 #include <iterator>
 #include <new>
 #include <string>
+#include <system_error>
 
 namespace tavo::ldap {
 
@@ -102,9 +103,12 @@ void createTlsContext(LDAP* ld)
 }
 
 /// Gives the handle the authorities that the host's OpenLDAP configuration trusts (TLS_CACERT,
-/// TLS_CACERTDIR), for its next TLS context. The client library hands them to its default context alone, and
-/// a context of one's own would trust nobody (GnuTLS) or somebody else (OpenSSL). \return whether there are
-/// any
+/// TLS_CACERTDIR), for its next TLS context. \return whether there are any
+///
+/// By design: the client library hands them to its default context alone, and a context of one's own would
+/// trust nobody (GnuTLS) or somebody else (OpenSSL). What is configured and isn't there is passed over, as
+/// Debian's configuration names a file that a small installation lacks; what is there and can't be read makes
+/// the context fail, rather than to trust somebody else in its place.
 bool trustHostsAuthorities(LDAP* ld)
 {
     bool found = false;
@@ -112,7 +116,7 @@ bool trustHostsAuthorities(LDAP* ld)
         char* path = nullptr;
         ldap_get_option(nullptr, option, &path);
         const utils::ScopeGuard freePath([&] { ldap_memfree(path); });
-        if (path != nullptr && access(path, R_OK) == 0) {
+        if (path != nullptr && (access(path, F_OK) == 0 || errno != ENOENT)) {
             found |= ldap_set_option(ld, option, path) == LDAP_OPT_SUCCESS;
         }
     }
@@ -171,13 +175,13 @@ LdapHandle createHandle(const utils::Url& url, bool isSecure, bool ignoreCertifi
     return handle;
 }
 
-/// Whether the server's end of the connection is closed. False when there is no connection.
+/// Whether either end of the connection is closed, or there is none.
 bool hasLostConnection(LDAP* ld)
 {
     int socket = -1;
     ldap_get_option(ld, LDAP_OPT_DESC, &socket);
     char next = 0;
-    const ssize_t count = socket < 0 ? 1 : recv(socket, &next, 1, MSG_PEEK | MSG_DONTWAIT);
+    const ssize_t count = socket < 0 ? 0 : recv(socket, &next, 1, MSG_PEEK | MSG_DONTWAIT);
     return count == 0 || (count < 0 && errno != EAGAIN);
 }
 
@@ -297,13 +301,14 @@ QString Session::whoAmI()
     TAVO_LOG_VERBOSE(log::tag(*this), u"Who am I?");
     berval* identity = nullptr;
     const utils::ScopeGuard freeIdentity([&] { ber_bvfree(identity); });
+    const bool isShared = m_turns.use_count() > 1;
     const auto [rc, systemError] =
         callClient([&] { return ldap_whoami_s(m_ldap.get(), &identity, nullptr, nullptr); });
     if (rc != LDAP_SUCCESS) {
         checkErrorAndThrow(rc, systemError, QStringLiteral("whoAmI"));
     }
-    if (identity == nullptr && hasLostConnection(m_ldap.get())) {
-        // The client library's success when another thread has seen the connection end.
+    if (identity == nullptr && isShared && hasLostConnection(m_ldap.get())) {
+        // The client library's success when another thread, a search's, has seen the connection end.
         throw BaseError(LDAP_SERVER_DOWN, QStringLiteral("whoAmI"), systemError);
     }
     if (identity == nullptr || identity->bv_len == 0) {
@@ -353,7 +358,10 @@ std::unique_ptr<LDAP, void (*)(LDAP*)> Session::duplicateHandle() const
 
 std::unique_ptr<SearchContext> Session::createSearchContext(SearchParams params) const
 {
-    return std::make_unique<SearchContext>(duplicateHandle(), std::move(params), m_responseTimeout.load());
+    auto context =
+        std::make_unique<SearchContext>(duplicateHandle(), std::move(params), m_responseTimeout.load());
+    context->m_turns = m_turns;
+    return context;
 }
 
 std::vector<SearchEntry> Session::simpleSearch(SearchParams params) const
@@ -376,6 +384,7 @@ SearchContext* Session::start(std::shared_ptr<SearchContext> search, SearchHandl
     // To the end of this call, though another thread may forget the search before.
     const std::shared_ptr<SearchContext> owner = std::move(search);
     SearchContext* const context = owner.get();
+    const auto guard = m_asyncGuard.sharedGuard();
     {
         const MutexLocker lock(m_mutex, positions::registerSearchLock);
         if (m_isEnding) {
@@ -385,16 +394,24 @@ SearchContext* Session::start(std::shared_ptr<SearchContext> search, SearchHandl
         owner->m_turn = std::make_shared<SearchTurn>(m_turns);
         m_asyncSearches.emplace(context, std::make_pair(owner, std::move(handler)));
     }
-    utils::ScopeGuard forget([&] { stopAsyncSearch(context); });
+    utils::ScopeGuard forget([&] {
+        // Unless the handler of a refused start has destroyed the session before it threw.
+        if (const auto alive = guard.lock()) {
+            stopAsyncSearch(context);
+        }
+    });
     // The context's address and not its owner: the wrapper is kept by the context itself.
     context->asyncSearch(
-        [this, guard = m_asyncGuard.sharedGuard(), context](Result result, std::vector<SearchEntry> entries) {
+        [this, guard, context](Result result, std::vector<SearchEntry> entries) {
             if (const auto alive = guard.lock()) {
+                const bool isEnd = result != Result::moreResults && context->runsOnThisThread();
+                // While the guard is held, so that a session that ends doesn't miss it.
+                const utils::ScopeGuard announceEnd([isEnd] {
+                    if (isEnd) {
+                        finished_threads::announceEnd();
+                    }
+                });
                 completeSearch(context, result, std::move(entries));
-                if (result != Result::moreResults && context->runsOnThisThread()) {
-                    // While the guard is held, so that a session that ends doesn't miss it.
-                    finished_threads::announceEnd();
-                }
             }
         },
         pageSize);
@@ -404,12 +421,19 @@ SearchContext* Session::start(std::shared_ptr<SearchContext> search, SearchHandl
 
 void Session::completeSearch(SearchContext* context, Result result, std::vector<SearchEntry> entries)
 {
+    // Released after the lock: a handler that forgets its own search may own the session.
+    AsyncSearches forgotten;
     MutexLocker lock(m_mutex, positions::completeSearchLock);
     const auto search = m_asyncSearches.find(context);
     if (search == m_asyncSearches.end()) {
         return;
     }
     if (result == Result::moreResults) {
+        m_isDelivering = true;
+        const utils::ScopeGuard delivered([&] {
+            m_isDelivering = false;
+            forgotten.swap(m_forgotten);
+        });
         search->second.second(result, std::move(entries));
         return;
     }
@@ -423,15 +447,31 @@ void Session::stopAsyncSearch(SearchContext* context)
 {
     MutexLocker lock(m_mutex, positions::forgetSearchLock);
     // Released after the lock: the handler is the caller's code, and the context may be the last of its own.
-    const auto forgotten = m_asyncSearches.extract(context);
-    lock.unlock();
-    if (forgotten) {
-        context->giveUpTurn();
+    auto forgotten = m_asyncSearches.extract(context);
+    if (!forgotten) {
+        return;
     }
+    context->giveUpTurn();
+    if (m_isDelivering) {
+        // By a handler, whose call holds the lock until it returns.
+        m_forgotten.insert(std::move(forgotten));
+    }
+    lock.unlock();
+}
+
+bool Session::isDeliveringOnThisThread()
+{
+    // A call on another thread has the lock and is waited for.
+    const MutexLocker lock(m_mutex);
+    return m_isDelivering;
 }
 
 std::variant<Result, std::vector<SearchEntry>> Session::search(SearchParams params, int pageSize)
 {
+    if (isDeliveringOnThisThread()) {
+        throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur),
+            "tavo::ldap::Session::search, called by a handler from an intermediate call");
+    }
     Collector collector;
     std::future<Result> finished = collector.finished();
     const auto entries = collector.entries();
@@ -443,7 +483,11 @@ std::variant<Result, std::vector<SearchEntry>> Session::search(SearchParams para
             finished_threads::announceEnd();
         }
     };
-    start(std::move(context), std::move(collector), pageSize);
+    try {
+        start(std::move(context), std::move(collector), pageSize);
+    } catch (const BaseError& error) {
+        return translateErrorCode(error.ldapCode);
+    }
     // From here on the session may be gone: another thread may destroy it while this one waits.
     const Result result = finished.get();
     if (result != Result::ok) {

@@ -135,10 +135,11 @@ public:
     /// Runs a paged search and waits for all of it: the entries of all pages in the server's order, or the
     /// `Result` that ended it, without entries. Waits for its turn behind searches that were started before.
     ///
-    /// Not to be called by a handler from an intermediate call, which keeps every other search from
-    /// delivering.
+    /// Not to be called by a handler from an intermediate call of the same session, which keeps every other
+    /// search from delivering: refused with `std::errc::resource_deadlock_would_occur`.
     /// \throws std::future_error when the search was forgotten by `stopAsyncSearch` meanwhile, or broken off
-    ///         for want of memory; and what `asyncSearch` throws
+    ///         for want of memory; BaseError when the handle can't be duplicated; std::system_error when no
+    ///         thread can be had, or on that refusal
     std::variant<Result, std::vector<SearchEntry>> search(SearchParams params, int pageSize);
 
     /// Asks the root DSE which kind of directory this is. Blocks. A server that can't be asked counts as
@@ -146,6 +147,8 @@ public:
     VendorDefaults detectLdapVendor() const;
 
 private:
+    using AsyncSearches = std::map<SearchContext*, std::pair<std::shared_ptr<SearchContext>, SearchHandler>>;
+
     TAVO_LDAP_NO_EXPORT std::unique_ptr<LDAP, void (*)(LDAP*)> duplicateHandle() const;
     TAVO_LDAP_NO_EXPORT std::shared_ptr<SearchContext> createSharedContext(SearchParams params) const;
     TAVO_LDAP_NO_EXPORT SearchContext* start(
@@ -153,10 +156,15 @@ private:
     TAVO_LDAP_NO_EXPORT void completeSearch(
         SearchContext* context, Result result, std::vector<SearchEntry> entries);
 
+    TAVO_LDAP_NO_EXPORT bool isDeliveringOnThisThread();
+
     std::unique_ptr<LDAP, void (*)(LDAP*)> m_ldap;
     utils::AsyncOperationGuard m_asyncGuard;
     Mutex m_mutex;
-    std::map<SearchContext*, std::pair<std::shared_ptr<SearchContext>, SearchHandler>> m_asyncSearches;
+    AsyncSearches m_asyncSearches;
+    /// What a handler forgets while its intermediate call runs.
+    AsyncSearches m_forgotten;
+    bool m_isDelivering = false;
     bool m_isEnding = false;
     bool m_isSecure = false;
     /// Read by handlers that start searches while the session's own thread may set it.

@@ -68,8 +68,10 @@ std::vector<QByteArray> LdapSearchEntryAccessor::getAttributeNames()
     BerElement* ber = nullptr;
     char* name = ldap_first_attribute(m_ldap, m_entry, &ber);
     while (name != nullptr) {
-        const utils::ScopeGuard freeName([current = name] { ldap_memfree(current); });
-        names.emplace_back(name);
+        {
+            const utils::ScopeGuard freeName([&] { ldap_memfree(name); });
+            names.emplace_back(name);
+        }
         name = ldap_next_attribute(m_ldap, m_entry, ber);
     }
     const int code = getLdapError(m_ldap);

@@ -1,59 +1,85 @@
-#include <algorithm>
 #include <condition_variable>
 #include <mutex>
 #include <tavo_utils/async_operation_guard.h>
 #include <utility>
-#include <vector>
 
 namespace tavo::utils {
 
+/// The true locks are a list that is made of themselves, so that taking one can't fail.
 struct AsyncOperationGuard::State
 {
-    bool enter(std::thread::id thread)
+    /// False, and nothing is done, when the owner is gone.
+    bool enter(Lock& holder)
     {
         const std::lock_guard lock(mutex);
         if (valid)
-            holders.push_back(thread);
+            holder.m_next = std::exchange(first, &holder);
         return valid;
     }
 
-    void leave(std::thread::id thread)
+    void leave(const Lock& holder)
     {
         const std::lock_guard lock(mutex);
-        holders.erase(std::find(holders.begin(), holders.end(), thread));
+        *linkTo(holder) = holder.m_next;
         if (!valid)
             left.notify_all();
+    }
+
+    void replace(const Lock& former, Lock& holder)
+    {
+        const std::lock_guard lock(mutex);
+        holder.m_next = former.m_next;
+        *linkTo(former) = &holder;
     }
 
     void invalidate(std::thread::id thread)
     {
         std::unique_lock lock(mutex);
         valid = false;
-        left.wait(lock, [&] {
-            return std::all_of(holders.begin(), holders.end(), [&](auto holder) { return holder == thread; });
-        });
+        left.wait(lock, [&] { return isHeldByNoOther(thread); });
+    }
+
+private:
+    bool isHeldByNoOther(std::thread::id thread) const
+    {
+        const Lock* holder = first;
+        while (holder != nullptr && holder->m_holder == thread)
+            holder = holder->m_next;
+        return holder == nullptr;
+    }
+
+    Lock** linkTo(const Lock& holder)
+    {
+        Lock** link = &first;
+        while (*link != &holder)
+            link = &(*link)->m_next;
+        return link;
     }
 
     std::mutex mutex;
     std::condition_variable left;
     bool valid = true;
-    std::vector<std::thread::id> holders; // one element per lock: threads nest them
+    Lock* first = nullptr;
 };
 
 AsyncOperationGuard::Lock::Lock(std::shared_ptr<State> state) noexcept
-    : m_state(std::move(state))
-    , m_holder(std::this_thread::get_id())
-{}
+    : m_holder(std::this_thread::get_id())
+{
+    if (state && state->enter(*this))
+        m_state = std::move(state);
+}
 
-AsyncOperationGuard::Lock::Lock(Lock&& other) noexcept = default;
+AsyncOperationGuard::Lock::Lock(Lock&& other) noexcept { *this = std::move(other); }
 
 AsyncOperationGuard::Lock& AsyncOperationGuard::Lock::operator=(Lock&& other) noexcept
 {
     if (this == &other)
         return *this;
     unlock();
-    m_state = std::move(other.m_state);
     m_holder = other.m_holder;
+    m_state = std::exchange(other.m_state, nullptr);
+    if (m_state)
+        m_state->replace(other, *this);
     return *this;
 }
 
@@ -62,19 +88,14 @@ AsyncOperationGuard::Lock::~Lock() { unlock(); }
 void AsyncOperationGuard::Lock::unlock() noexcept
 {
     if (const auto state = std::exchange(m_state, nullptr))
-        state->leave(m_holder);
+        state->leave(*this);
 }
 
 AsyncOperationGuard::SharedGuard::SharedGuard(std::shared_ptr<State> state) noexcept
     : m_state(std::move(state))
 {}
 
-AsyncOperationGuard::Lock AsyncOperationGuard::SharedGuard::lock() const
-{
-    if (m_state && m_state->enter(std::this_thread::get_id()))
-        return Lock(m_state);
-    return {};
-}
+AsyncOperationGuard::Lock AsyncOperationGuard::SharedGuard::lock() const noexcept { return Lock(m_state); }
 
 AsyncOperationGuard::AsyncOperationGuard()
     : m_state(std::make_shared<State>())

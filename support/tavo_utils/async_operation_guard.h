@@ -51,10 +51,13 @@ public:
 
     private:
         friend class AsyncOperationGuard;
+        friend struct State;
         explicit Lock(std::shared_ptr<State> state) noexcept;
 
+        /// Null for a false lock; a true one is in the state's list.
         std::shared_ptr<State> m_state;
         std::thread::id m_holder;
+        Lock* m_next = nullptr;
     };
 
     /// What callbacks keep: copyable, and good for any time after the owner is gone.
@@ -65,8 +68,8 @@ public:
         SharedGuard() noexcept = default;
 
         /// A true lock while the owner exists, a false one for ever after its invalidate() has begun. One
-        /// thread may hold several, and any number of threads may hold some. Throws std::bad_alloc at worst.
-        [[nodiscard]] Lock lock() const;
+        /// thread may hold several, and any number of threads may hold some. Needs no memory.
+        [[nodiscard]] Lock lock() const noexcept;
 
     private:
         friend class AsyncOperationGuard;

@@ -8,6 +8,7 @@
 #include <tavo_utils/scope_guard.h>
 
 #include <cerrno>
+#include <memory>
 #include <new>
 #include <system_error>
 
@@ -175,6 +176,21 @@ TEST(AsyncConnectionTestCalls, KeepWhatIsNoLdapErrorAndCallNobody)
 
     EXPECT_THROW(tested.get(), std::bad_alloc);
     EXPECT_EQ(failures, 0);
+}
+
+TEST(AsyncConnectionTestCalls, KeepNeitherPasswordNorHandlerOnceItIsOver)
+{
+    CallRecorder recorder;
+    recorder.fail(ldap_sasl_bind_s, LDAP_SUCCESS);
+    Settings given = settings();
+    given.adminPassword = QString::fromUtf8("a text that is not a literal");
+    const auto captured = std::make_shared<int>();
+
+    const auto tested = ldap::testLdapConnectionAsync(given, [captured] {});
+    tested.wait();
+
+    EXPECT_EQ(captured.use_count(), 1);
+    EXPECT_TRUE(given.adminPassword.isDetached());
 }
 
 TEST(AsyncConnectionTestCalls, ThrowAtOnceWhenNoThreadCanBeHad)

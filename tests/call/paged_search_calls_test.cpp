@@ -85,6 +85,29 @@ private:
 
 constexpr RecordedCall::Time kPollInterval{0, 100'000'000};
 
+TEST_F(PagedSearchCalls, AreWaitedForByTheEndOfTheirSessionAlsoWhenTheirFinalCallThrows)
+{
+    server.expectSearch().answer(done());
+    const Gate destroying;
+    const Gate mayDestroy;
+    recorder.replace(ldap_destroy, [=, calls = std::make_shared<std::atomic<int>>(0)](LDAP* ld) {
+        if (++*calls == 1) {
+            destroying.open();
+            mayDestroy.wait("the test");
+        }
+        return CallRecorder::real(ldap_destroy)(ld);
+    });
+    session->asyncSearch(
+        params(), [](Result, const auto&) { throw std::runtime_error("no disk"); }, 2);
+    destroying.wait("the end of the search's handle");
+
+    auto ended = std::async(std::launch::async, [&] { session.reset(); });
+
+    EXPECT_EQ(ended.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+    mayDestroy.open();
+    ended.get();
+}
+
 TEST_F(PagedSearchCalls, AskReceiveReadAndFreePageByPageOnOneHandleAndThread)
 {
     serveThreePages();

@@ -169,7 +169,7 @@ TEST(SessionCreation, GivesAStrictTlsContextTheHostsAuthorities)
             setOption(0x6003, "\"" + std::string(directory.path()) + "\""), setOption(0x600f, "0")));
 }
 
-TEST(SessionCreation, LeavesOutAuthoritiesThatCannotBeReadOrAreNotConfigured)
+TEST(SessionCreation, LeavesOutAuthoritiesThatAreNotThereOrNotConfigured)
 {
     CallRecorder recorder;
     configureAuthorities(recorder, "/nowhere/ca.pem", "");
@@ -178,6 +178,19 @@ TEST(SessionCreation, LeavesOutAuthoritiesThatCannotBeReadOrAreNotConfigured)
     }
 
     EXPECT_THAT(recorder.calls("ldap_set_option"), SizeIs(4));
+}
+
+TEST(SessionCreation, FailsRatherThanTrustOthersWhenTheAuthoritiesCannotBeRead)
+{
+    const TemporaryDirectory directory;
+    const std::string file = directory.path() / "file";
+    std::ofstream(file) << "no directory";
+    CallRecorder recorder;
+    configureAuthorities(recorder, file + "/ca.pem", "");
+
+    EXPECT_THROW(Session(secureUrl(), false, false), BaseError);
+
+    EXPECT_EQ(recorder.calls("ldap_set_option").at(3).number("option"), LDAP_OPT_X_TLS_CACERTFILE);
 }
 
 TEST(SessionCreation, UpgradesAPlainConnectionWhenAskedTo)

@@ -89,10 +89,20 @@ TEST_F(SimpleSearchCalls, TellALostConnectionFromAnAnonymousIdentity)
     server.expectSearch().answer(closeConnection());
     recorder.fail(ldap_whoami_s, LDAP_SUCCESS, {.error = ECONNRESET});
     session->simpleSearch(params());
+    const auto another = session->createSearchContext(params());
 
     EXPECT_EQ(session->whoAmI(), "anonymous"_s);
     EXPECT_THROW(session->simpleSearch(params()), BaseError);
     expectError(thrownBy<BaseError>([&] { session->whoAmI(); }), LDAP_SERVER_DOWN, "whoAmI"_s, ECONNRESET);
+}
+
+TEST_F(SimpleSearchCalls, TakeAnIdentityThatTheServerSentBeforeItClosedForGood)
+{
+    server.expectSearch().answer(closeConnection());
+    recorder.fail(ldap_whoami_s, LDAP_SUCCESS, {.error = ECONNRESET});
+    EXPECT_THROW(session->simpleSearch(params()), BaseError);
+
+    EXPECT_EQ(session->whoAmI(), "anonymous"_s);
 }
 
 TEST_F(SimpleSearchCalls, ThrowTheCodeOfTheMessageRatherThanTheReturnedOneAndFreeTheMessage)

@@ -277,6 +277,25 @@ TEST_F(ManagerOfServer, EndsAFetchAtAFullPageWithANameThatCannotBeRead)
     EXPECT_EQ(groups.waitForEnd().front().result, Result::connectError);
 }
 
+TEST_F(ManagerOfServer, WarnsOfAFullPageWithAnEmptyNameWhoseEndReadsAsSuccess)
+{
+    const auto manager = create();
+    const LogCapture log;
+    server.expectSearch().answer(entry("cn=1"), entry("cn=2"), done().page("more"));
+    server.expectSearch().answer(entry(""), entry("cn=4"), done().page("more"));
+
+    fetchGroups(*manager);
+
+    const auto calls = groups.waitForEnd();
+    EXPECT_THAT(calls, SizeIs(2));
+    EXPECT_EQ(calls.back().result, Result::ok);
+    EXPECT_THAT(calls.back().records, IsEmpty());
+    EXPECT_THAT(log.texts(log::Level::warning),
+        Contains(
+            HasSubstr("Entries are missing: an error without a code on page 2, which reads as a success, "
+                      "ends the search below [dc=x]")));
+}
+
 TEST_F(ManagerOfServer, CallsNobodyForALastPageWithANameThatCannotBeRead)
 {
     const auto manager = create();

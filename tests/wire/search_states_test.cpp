@@ -10,6 +10,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -138,6 +139,107 @@ TEST_F(SearchStates, AreRefusedInAFinalCallThatComesFromTheEndOfTheSession)
     EXPECT_EQ(refusal, LDAP_USER_CANCELLED);
     EXPECT_THAT(resultsOf(calls.waitForCalls(1)), ElementsAre(Result::cancelled));
     EXPECT_EQ(callsOfSecond.count(), 0U);
+    never.open();
+}
+
+TEST_F(SearchStates, AreCancelledAtOnceWhenAllOfThemIsWaitedForInAFinalCallThatComesFromTheEndOfTheSession)
+{
+    const Gate never;
+    server.otherwise([=](const Request&) -> Steps { return {waitFor(never), done()}; });
+    std::optional<Result> outcome;
+    session->asyncSearch(
+        below("dc=x"),
+        [&, s = session.get()](Result, const std::vector<ldap::SearchEntry>&) {
+            outcome = std::get<Result>(s->search(below("dc=y"), 2));
+        },
+        2);
+    waitForSearches(1);
+
+    session.reset();
+
+    EXPECT_EQ(outcome, Result::cancelled);
+    never.open();
+}
+
+TEST_F(SearchStates, CannotBeWaitedForByAHandlerInAnIntermediateCall)
+{
+    server.expectSearch().answer(entries(1, 2), done().page("more"));
+    server.expectSearch().answer(done());
+    std::error_code refusal;
+    HandlerCalls calls;
+    session->asyncSearch(
+        below("dc=x"),
+        [&](Result result, std::vector<ldap::SearchEntry> page) {
+            if (result == Result::moreResults) {
+                try {
+                    session->search(below("dc=y"), 2);
+                } catch (const std::system_error& error) {
+                    refusal = error.code();
+                }
+            }
+            calls.add(result, std::move(page));
+        },
+        2);
+
+    EXPECT_THAT(resultsOf(calls.waitForEnd()), ElementsAre(Result::moreResults, Result::ok));
+    EXPECT_EQ(refusal, std::errc::resource_deadlock_would_occur);
+    server.expectSearch().answer(entries(1, 1), done());
+    EXPECT_THAT(std::get<std::vector<ldap::SearchEntry>>(session->search(below("dc=y"), 2)), SizeIs(1));
+}
+
+// For AddressSanitizer and ThreadSanitizer: the session must not go while its own lock is held.
+TEST_F(SearchStates, MayForgetThemselvesInAHandlerThatOwnsTheSession)
+{
+    server.expectSearch().answer(entries(1, 2), done().page("more"));
+    server.expectSearch().answer(done());
+    std::promise<SearchContext*> started;
+    std::shared_ptr<Session> shared = std::move(session);
+    started.set_value(shared->asyncSearch(
+        below("dc=x"),
+        [owned = shared, own = std::make_shared<std::future<SearchContext*>>(started.get_future())](
+            Result, const std::vector<ldap::SearchEntry>&) { owned->stopAsyncSearch(own->get()); },
+        2));
+    const std::weak_ptr<Session> observed = shared;
+
+    shared.reset();
+
+    server.waitForClose(0);
+    EXPECT_TRUE(observed.expired());
+}
+
+TEST_F(SearchStates, AreEndedWithAWarningByWhatIsNoException)
+{
+    const LogCapture log;
+    server.expectSearch().answer(entries(1, 2), done().page("more"));
+    std::vector<Result> results;
+    session->asyncSearch(
+        below("dc=x"),
+        [&](Result result, const std::vector<ldap::SearchEntry>&) {
+            results.push_back(result);
+            throw 42; // NOLINT(hicpp-exception-baseclass): what is tested
+        },
+        2);
+
+    EXPECT_TRUE(log.waitFor("The search below [dc=x] was ended by an exception: it is of no known type"));
+    session.reset();
+
+    EXPECT_THAT(results, ElementsAre(Result::moreResults, Result::cancelled));
+    EXPECT_TRUE(log.contains("threw something that is no exception"));
+}
+
+TEST_F(SearchStates, MayThrowWhenTheyAreCancelledByTheEndOfTheSession)
+{
+    const LogCapture log;
+    const Gate never;
+    server.otherwise([=](const Request&) -> Steps { return {waitFor(never), done()}; });
+    session->asyncSearch(
+        below("dc=x"),
+        [](Result, const std::vector<ldap::SearchEntry>&) { throw std::runtime_error("no disk"); }, 2);
+    waitForSearches(1);
+
+    session.reset();
+
+    EXPECT_TRUE(log.contains("The handler of a cancelled search threw an exception: no disk"));
     never.open();
 }
 
@@ -420,6 +522,80 @@ TEST(WaitingSearch, NeverAsksWhenItIsStoppedBeforeItsTurn)
     }
     session.reset();
     server.waitForClose(0);
+}
+
+TEST(WaitingSearch, WaitsForItsTurnAlsoWithAContextOfItsOwn)
+{
+    constexpr int kRounds = 20;
+    ScriptedServer server;
+    auto session = std::make_unique<Session>(utils::Url(QString::fromStdString(server.url())), false, false);
+    for (int round = 0; round < kRounds; ++round) {
+        const Gate answer;
+        server.expectSearch()
+            .base("dc=first")
+            .paged(2, "")
+            .answer(waitFor(answer), entries(1, 2), done().page("more"));
+        server.expectSearch().base("dc=first").paged(2, "more").answer(done());
+        server.expectSearch().base("dc=second").answer(done());
+        HandlerCalls first;
+        HandlerCalls second;
+        session->asyncSearch(below("dc=first"), first.handler(), 2);
+        const std::shared_ptr<SearchContext> context = session->createSearchContext(below("dc=second"));
+        context->asyncSearch(second.handler(), 2);
+
+        answer.open();
+
+        EXPECT_THAT(resultsOf(first.waitForEnd()), ElementsAre(Result::moreResults, Result::ok));
+        EXPECT_THAT(resultsOf(second.waitForEnd()), ElementsAre(Result::ok));
+    }
+    session.reset();
+    server.waitForClose(0);
+}
+
+TEST(WaitingSearch, TakesANewTurnWhenItsContextStartsAgain)
+{
+    ScriptedServer server;
+    Session session(utils::Url(QString::fromStdString(server.url())), false, false);
+    const std::shared_ptr<SearchContext> context = session.createSearchContext(below("dc=x"));
+    for (int round = 0; round < 3; ++round) {
+        server.expectSearch().answer(entries(1, 2), done().page("more"));
+        server.expectSearch().answer(done());
+        server.expectSearch().answer(entries(1, 1), done());
+        HandlerCalls calls;
+        context->asyncSearch(calls.handler(), 2);
+        EXPECT_THAT(std::get<std::vector<ldap::SearchEntry>>(session.search(below("dc=y"), 2)), SizeIs(1));
+        EXPECT_THAT(resultsOf(calls.waitForEnd()), ElementsAre(Result::moreResults, Result::ok));
+    }
+}
+
+TEST(RefusedSearch, GivesItsTurnUpBeforeItsHandlerIsCalled)
+{
+    ScriptedServer server;
+    server.expectSearch().answer(entries(1, 1), done());
+    Session session(utils::Url(QString::fromStdString(server.url())), false, false);
+    std::size_t found = 0;
+
+    session.asyncSearch(
+        below("dc=x"),
+        [&](Result, const std::vector<ldap::SearchEntry>&) {
+            found = std::get<std::vector<ldap::SearchEntry>>(session.search(below("dc=y"), 2)).size();
+        },
+        0);
+
+    EXPECT_EQ(found, 1U);
+}
+
+// For AddressSanitizer: nothing may look at the session any more.
+TEST(RefusedSearch, MayDestroyTheSessionAndThrow)
+{
+    ScriptedServer server;
+    auto session = std::make_unique<Session>(utils::Url(QString::fromStdString(server.url())), false, false);
+    const auto destroyAndThrow = [&](Result, const std::vector<ldap::SearchEntry>&) {
+        session.reset();
+        throw std::runtime_error("no disk");
+    };
+
+    EXPECT_THROW(session->asyncSearch(below("dc=x"), destroyAndThrow, 0), std::runtime_error);
 }
 
 TEST(WaitingSearch, IsCancelledByTheFinalCallThatDestroysTheSession)
