@@ -17,6 +17,9 @@ class SearchContext;
 
 /// What a fetch calls: any number of times with `Result::moreResults` and one page of records, then once with
 /// any other result and the last page (`Result::ok`) or nothing. On the fetch's own thread.
+///
+/// The final call doesn't come when the last page holds a record whose DN can't be read; the log has a
+/// warning.
 using UsersHandler = utils::MoveOnlyFunc<void(Result, std::vector<User>)>;
 
 /// The same for groups.

@@ -219,6 +219,8 @@ private:
         return {code, QStringLiteral("ldap_result"), systemError};
     }
 
+    /// By design: a result that the server calls a failure is one, whatever entries came with it. They are
+    /// few, and a short page would read as the end of the list.
     void throwIfFailed(const FinalResult& result, int systemError) const
     {
         if (result.code == LDAP_SUCCESS) {
@@ -254,7 +256,8 @@ private:
         return true;
     }
 
-    /// As of an entry that can't become a record, such as a group without a name.
+    /// By design: an error without a code reads as success. It is that of an entry that can't become a
+    /// record, such as a group without a name.
     void warnIfItReadsAsSuccess(const BaseError& error) const
     {
         if (error.ldapCode == LDAP_SUCCESS) {

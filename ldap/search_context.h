@@ -58,10 +58,13 @@ public:
     /// first runs, is reported as an assertion failure, and `handler` gets `Result::ok` without entries at
     /// once, on this thread.
     ///
+    /// Waits for the thread of an earlier search of this context, which may wait for its server. Paged
+    /// searches of one session's contexts take turns with the session's own, in the order of their start.
+    ///
     /// An exception that the handler throws ends the search: a `BaseError` from an intermediate call becomes
-    /// the final result; any other is kept unseen and no further call is made.
-    /// \throws std::system_error when no thread can be had, std::bad_weak_ptr without an owner; the handler
-    /// is
+    /// the final result; any other reaches the log, and the final call, `Result::cancelled`, comes with the
+    /// stop or the destruction of the context. \throws std::system_error when no thread can be had,
+    /// std::bad_weak_ptr without an owner; the handler is
     ///         dropped uncalled then
     void asyncSearch(SearchHandler handler, int pageSize);
 

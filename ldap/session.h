@@ -59,7 +59,8 @@ class TAVO_LDAP_EXPORT Session
 {
 public:
     /// Prepares the connection; with `startTls` it also connects and upgrades to TLS (RFC 4511,
-    /// section 4.14). Without, the server is contacted by the first operation.
+    /// section 4.14). Without, the server is contacted by the first operation. The first session of a process
+    /// waits for the client library, which reads its configuration and looks the machine's own name up.
     ///
     /// \param url `ldap://host[:port]` or `ldaps://host[:port]`; for the latter `startTls` is ignored
     /// \param ignoreCertificateErrors accept a certificate that can't be verified, for this session alone

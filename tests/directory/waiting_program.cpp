@@ -11,14 +11,18 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <variant>
 #include <vector>
 
+#include <dlfcn.h>
 #include <ldap.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 namespace {
 
@@ -30,6 +34,20 @@ using tavo::ldap::Session;
 using tavo::utils::Url;
 
 constexpr std::chrono::seconds kResponseTimeout{1};
+
+std::string ownName()
+{
+    char name[256] = {};
+    gethostname(name, sizeof name - 1);
+    return name;
+}
+
+/// How often this machine's own name was looked up.
+int ownLookups = 0;
+/// How often a connection was tried.
+int tries = 0;
+/// A name that stands for the same machine twice.
+constexpr std::string_view kTwoAddresses = "two.addresses.invalid";
 
 std::unique_ptr<Session> sessionWith(const Url& url, bool startTls = false)
 {
@@ -142,9 +160,50 @@ const std::map<std::string, std::function<void(const Url&)>> calls = {
             printKeepalive(url);
         }},
     {"leaveASearchBehind", leaveASearchBehind},
+    {"printTriesOfTwoAddresses",
+        [](const Url& url) {
+            QString twice = QString::fromStdString(url.toStdString());
+            twice.replace(QStringLiteral("127.0.0.1"), QString::fromUtf8(kTwoAddresses.data()));
+            try {
+                bind(Url(twice));
+            } catch (const tavo::ldap::BaseError& error) {
+                std::printf("connections tried: %d, %s, ", tries, error.what());
+            }
+        }},
+    {"printOwnLookups",
+        [](const Url& url) {
+            sessionWith(url);
+            const int first = std::exchange(ownLookups, 0);
+            sessionWith(url);
+            std::printf("own name looked up: first session %d, second %d, ", first, ownLookups);
+        }},
 };
 
 } // namespace
+
+/// Stands before the C library's function of this name for the client library, too.
+extern "C" __attribute__((visibility("default"))) int getaddrinfo(
+    const char* host, const char* service, const addrinfo* hints, addrinfo** result)
+{
+    static const auto real = reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
+    ownLookups += host != nullptr && ownName() == host ? 1 : 0;
+    if (host == nullptr || host != kTwoAddresses)
+        return real(host, service, hints, result);
+    addrinfo* second = nullptr;
+    real("127.0.0.1", service, hints, &second);
+    const int code = real("127.0.0.1", service, hints, result);
+    (*result)->ai_next = second;
+    return code;
+}
+
+/// Likewise.
+extern "C" __attribute__((visibility("default"))) int connect(
+    int descriptor, const sockaddr* address, socklen_t length)
+{
+    static const auto real = reinterpret_cast<decltype(&connect)>(dlsym(RTLD_NEXT, "connect"));
+    ++tries;
+    return real(descriptor, address, length);
+}
 
 /// The thread of a search may be left behind; that is what is to be seen.
 extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options();

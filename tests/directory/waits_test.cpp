@@ -149,6 +149,14 @@ TEST(Waits, AreNotForTheConstructorOfASessionWithoutStartTls)
     ldap::Session(urlOf(hole.url("ldaps")), false, false);
 }
 
+TEST(Waits, ForTheMachinesOwnNameAreThoseOfTheFirstSessionAlone)
+{
+    const BlackHole hole;
+
+    EXPECT_EQ(Call("printOwnLookups", hole.url()).outcome(),
+        "own name looked up: first session 1, second 0, returned");
+}
+
 TEST(Waits, AreBoundedByWhatTheHostHasSetForItsProcess)
 {
     const BlackHole hole;
@@ -171,6 +179,14 @@ TEST(Waits, ForAConnectionAreBoundedByTheNetworkTimeoutAlone)
 
     bounded.expectToEnd(kUnconnected);
     waiting.expectToBeWaiting();
+}
+
+TEST(Waits, ForAConnectionCountForEachAddressOfAName)
+{
+    const BlackHole hole;
+
+    EXPECT_EQ(Call("printTriesOfTwoAddresses", hole.url(), kNetworkTimeout).outcome(),
+        "connections tried: 2, bind: Can't contact LDAP server (Connection timed out), returned");
 }
 
 TEST(Waits, ForAnAnswerAreBoundedByTheTimeoutOfTheClientLibrary)
@@ -213,6 +229,38 @@ TEST(Waits, OfPagedSearchesAreBoundedByNothing)
     EXPECT_TRUE(waiting.isWaiting()) << waiting.outcome();
 }
 
+/// More than the kernel's buffers hold: when it is sent, the search's thread is reading, and waits for the
+/// rest.
+std::vector<Entry> muchToRead()
+{
+    return std::vector<Entry>(32, entry("cn=a").attr("cn", std::string(1 << 20, 'a')));
+}
+
+TEST(Waits, OfAContextForTheThreadOfItsStoppedSearchAreBoundedByNothing)
+{
+    const Gate isWaiting;
+    const Gate answer;
+    ScriptedServer server;
+    server.expectSearch().answer(muchToRead(), opens(isWaiting), waitFor(answer), done());
+    server.expectSearch().answer(done());
+    ldap::Session session(urlOf(server.url()), false, false);
+    session.setResponseTimeout(std::chrono::seconds(1));
+    const std::shared_ptr<ldap::SearchContext> context = session.createSearchContext({});
+    Deliveries<ldap::SearchEntry> first;
+    Deliveries<ldap::SearchEntry> second;
+    context->asyncSearch(first.handler(), 10);
+    isWaiting.wait("the search to read");
+    context->stopAsyncSearch();
+    EXPECT_EQ(first.waitForEnd(), ldap::Result::cancelled);
+    auto starting = std::async(std::launch::async, [&] { context->asyncSearch(second.handler(), 10); });
+
+    waitForAResponseTimeout();
+    EXPECT_EQ(starting.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+    answer.open();
+    starting.get();
+    EXPECT_EQ(second.waitForEnd(), ldap::Result::ok);
+}
+
 /// The client library's, as it is written in numbers: 20513 is 2.5.13.
 int clientLibraryVersion()
 {
@@ -252,10 +300,7 @@ TEST(Waits, BehindASilentPagedSearchAreBoundedByNothing)
     const Gate isWaiting;
     const Gate answer;
     ScriptedServer server;
-    // More than the kernel's buffers hold: when it is sent, the search's thread is reading, and waits for the
-    // rest.
-    const std::vector<Entry> muchToRead(32, entry("cn=a").attr("cn", std::string(1 << 20, 'a')));
-    server.expectSearch().answer(muchToRead, opens(isWaiting), waitFor(answer), done());
+    server.expectSearch().answer(muchToRead(), opens(isWaiting), waitFor(answer), done());
     server.expectSearch().answer(done());
     const ThreadsEndHere threadOfTheSearch;
     ldap::Session session(urlOf(server.url()), false, false);
