@@ -6,6 +6,8 @@ readonly check_steps=(
     "sanitize tsan"
     "check_stress asan"
     "check_stress tsan"
+    "check_stress dev 30"
+    "check_every_byte"
     "check_openssl_libldap"
     "cmd_fuzz"
     "cmd_lint"
@@ -15,6 +17,13 @@ readonly check_steps=(
 sanitize() {
     local preset=$1
     build "$preset" && run_tests "$preset" -LE '^package$'
+}
+
+# ./dev test looks at some places of a conversation with Samba; here it breaks off at each of a small one.
+check_every_byte() {
+    build dev directory_active_directory_faults &&
+        TAVO_TEST_STRIDE=1 TAVO_TEST_DEADLINE=1200 step "every byte from Samba" \
+            build/dev/tests/directory/directory_active_directory_faults --gtest_filter='*MayBeCutAfterAnyByte'
 }
 
 cmd_check() {

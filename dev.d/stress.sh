@@ -1,8 +1,9 @@
 # shellcheck shell=bash
 # Many threads at random over connections that meet with accidents: tests/stress.
 
+# check_stress PRESET [SECONDS]. How much memory it takes, it looks at without a sanitizer only.
 check_stress() {
-    build "$1" tavo_stress && step "stress $1" "build/$1/tests/stress/tavo_stress" 60
+    build "$1" tavo_stress && step "stress $1" "build/$1/tests/stress/tavo_stress" "${2:-60}"
 }
 
 cmd_stress() {

@@ -100,6 +100,20 @@ TEST_F(ActiveDirectoryFaultsTest, conversationsMayBreakOffBetweenAnyTwoMessages)
 
 TEST_F(ActiveDirectoryFaultsTest, conversationsMayBreakOffWithinAMessage) { breakOffAtBytes(conversation()); }
 
+/// The one of which `./dev check` cuts each byte off.
+TEST_F(ActiveDirectoryFaultsTest, aSmallConversationMayBeCutAfterAnyByte)
+{
+    test::Conversation small = conversation();
+    small.settings.searchPageSize = 2;
+    small.everybody.filter =
+        QStringLiteral("(|(sAMAccountName=user00)(sAMAccountName=user01)(sAMAccountName=user02))");
+    small.allUsers = 3;
+    FaultyNetwork network(small, Samba::port, samba->address());
+    for (const auto direction : FaultyNetwork::directions) {
+        network.breakOffAtBytes(direction, FaultyNetwork::Ending::close, stride());
+    }
+}
+
 TEST_F(ActiveDirectoryFaultsTest, conversationsAfterStartTlsMayBreakOffAnywhere)
 {
     breakOffAtBytes(startTlsConversation());
