@@ -1,5 +1,4 @@
-#include <QtCore/QDebug>
-#include <QtCore/QLoggingCategory>
+#include <QtCore/qlogging.h>
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -92,13 +91,15 @@ QString lastComponent(const QString& name)
 }
 
 // By design: the logger is asked directly, without the category's own check, since our levels have decided.
+// And without QDebug, which passes the message on in its destructor: want of memory there would end the
+// process.
 void writeToQt(Level level, const QString& tag, const QString& text)
 {
-    const QMessageLogger logger(nullptr, 0, nullptr, "tavo.ldap");
-    QDebug stream = level == Level::warning ? logger.warning()
-                    : level == Level::info  ? logger.info()
-                                            : logger.debug();
-    stream.nospace().noquote() << tag << u": " << text;
+    const QtMsgType type = level == Level::warning ? QtWarningMsg
+                           : level == Level::info  ? QtInfoMsg
+                                                   : QtDebugMsg;
+    qt_message_output(
+        type, QMessageLogContext(nullptr, 0, nullptr, "tavo.ldap"), tag + QStringLiteral(": ") + text);
 }
 
 std::shared_ptr<GuardedSink> currentSink()
