@@ -394,6 +394,33 @@ TEST_F(EveryAllocation, mayFailAndTheFetchEndsAtMostOnceAndNothingIsTakenForComp
     }
 }
 
+/// Formats each message as Qt's own handler does, and drops it.
+void formatAndDrop(QtMsgType type, const QMessageLogContext& context, const QString& text)
+{
+    qFormatLogMessage(type, context, text);
+}
+
+TEST_F(EveryAllocation, mayFailInQtsLoggerAndTheLineAloneIsLost)
+{
+    const auto formerHandler = qInstallMessageHandler(&formatAndDrop);
+    const auto logALine = [this] {
+        inLibrary([this] { TAVO_LOG_WARNING(log::tag(settings), u"Something is wrong with %1", u"it"); });
+    };
+    allocationsLeft = 0;
+    logALine();
+    startCounting();
+    logALine();
+    const long allocations = counted(1);
+
+    for (long nth = 1; nth <= allocations; ++nth) {
+        SCOPED_TRACE("allocation " + std::to_string(nth));
+        allocationsLeft = nth;
+        EXPECT_NO_THROW(logALine());
+        allocationsLeft = 0;
+    }
+    qInstallMessageHandler(formerHandler);
+}
+
 /// A server that answers a search when it is told to.
 class SlowServer
 {
