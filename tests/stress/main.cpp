@@ -37,9 +37,6 @@ constexpr std::chrono::seconds kRound{60};
 constexpr std::size_t kHeapTolerance = 1U << 20U;
 constexpr std::size_t kResidentTolerance = 48U << 20U;
 
-/// Of an iterator that is never freed, with what the allocator adds.
-constexpr std::size_t kIteratorBytes = 96;
-
 struct Options
 {
     std::chrono::seconds time{60};
@@ -197,9 +194,9 @@ private:
             return;
         }
         const Resources now = Resources::now();
-        const std::size_t lost = kIteratorBytes * (now.keptIterators - m_warm.keptIterators);
-        require(now.heapBytes < m_warm.heapBytes + lost + kHeapTolerance, "the heap has grown");
-        require(now.residentBytes < m_warm.residentBytes + lost + kResidentTolerance,
+        const std::size_t kept = now.keptBytes - m_warm.keptBytes;
+        require(now.heapBytes < m_warm.heapBytes + kept + kHeapTolerance, "the heap has grown");
+        require(now.residentBytes < m_warm.residentBytes + kept + kResidentTolerance,
             "the resident memory has grown");
     }
 

@@ -12,8 +12,8 @@ struct Resources
     std::size_t descriptors = 0;
     /// Connection handles of libldap; each search context has one.
     std::size_t handles = 0;
-    /// Iterators over attributes that are never freed, by design; since the start of the process.
-    std::size_t keptIterators = 0;
+    /// In iterators over attributes that are never freed, by design; since the start of the process.
+    std::size_t keptBytes = 0;
     /// In use, of the C library's heap; 0 under a sanitizer, which has a heap of its own.
     std::size_t heapBytes = 0;
     std::size_t residentBytes = 0;
