@@ -9,7 +9,7 @@ readonly check_steps=(
     "check_stress dev 30"
     "check_every_byte"
     "check_openssl_libldap"
-    "cmd_fuzz"
+    "check_fuzz"
     "cmd_lint"
 )
 
@@ -23,7 +23,13 @@ sanitize() {
 check_every_byte() {
     build dev directory_active_directory_faults &&
         TAVO_TEST_STRIDE=1 TAVO_TEST_DEADLINE=1200 step "every byte from Samba" \
-            build/dev/tests/directory/directory_active_directory_faults --gtest_filter='*MayBeCutAfterAnyByte'
+            build/dev/tests/directory/directory_active_directory_faults --gtest_filter='*MayBreakOffAfterAnyByte'
+}
+
+# Takes the same course each time: what nobody has found yet is not to fail somebody's change by chance.
+check_fuzz() {
+    local fuzz_seed=1
+    cmd_fuzz
 }
 
 cmd_check() {

@@ -15,7 +15,7 @@ fuzz_target() {
     mkdir -p "$inputs" "$fuzzing/findings"
     time "$fuzzing/fuzz/$target" "$inputs" "fuzz/corpus/$target" -dict="fuzz/$target.dict" -entropic=0 \
         -max_total_time="$seconds" -timeout="$fuzz_timeout" -rss_limit_mb="$fuzz_memory_mb" -print_final_stats=1 \
-        -artifact_prefix="$fuzzing/findings/$target-" && echo "fuzzed to the end"
+        -artifact_prefix="$fuzzing/findings/$target-" -seed="${fuzz_seed:-0}" && echo "fuzzed to the end"
 }
 
 # One line of the table, out of a target's log.

@@ -23,9 +23,16 @@ bool isAscii(const std::string& text)
     return std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c < '\x7f'; });
 }
 
-/// Qt takes all that stands before the last bracket for the zone of an IPv6 address, and what is no text
-/// there doesn't come back.
-bool hasStrangeZone(const Url& url) { return url.host().contains(QLatin1Char(']')); }
+bool mayStandInName(QChar c) { return c.isLetterOrNumber() && c.unicode() < 0x80; }
+
+/// Qt takes all that stands before the last bracket for the zone of an IPv6 address, and what can't be the
+/// name of an interface doesn't come back.
+bool hasStrangeZone(const Url& url)
+{
+    const QString host = url.host();
+    const auto zone = host.contains(QLatin1Char(':')) ? host.indexOf(QLatin1Char('%')) : qsizetype{-1};
+    return zone >= 0 && !std::all_of(host.begin() + zone + 1, host.end(), mayStandInName);
+}
 
 void checkValid(const Url& url)
 {

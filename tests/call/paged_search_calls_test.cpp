@@ -87,7 +87,8 @@ constexpr RecordedCall::Time kPollInterval{0, 100'000'000};
 
 TEST_F(PagedSearchCalls, AreWaitedForByTheEndOfTheirSessionAlsoWhenTheirFinalCallThrows)
 {
-    server.expectSearch().answer(done());
+    const Gate started;
+    server.expectSearch().answer(waitFor(started), done());
     const Gate destroying;
     const Gate mayDestroy;
     recorder.replace(ldap_destroy, [=, calls = std::make_shared<std::atomic<int>>(0)](LDAP* ld) {
@@ -99,6 +100,7 @@ TEST_F(PagedSearchCalls, AreWaitedForByTheEndOfTheirSessionAlsoWhenTheirFinalCal
     });
     session->asyncSearch(
         params(), [](Result, const auto&) { throw std::runtime_error("no disk"); }, 2);
+    started.open();
     destroying.wait("the end of the search's handle");
 
     auto ended = std::async(std::launch::async, [&] { session.reset(); });

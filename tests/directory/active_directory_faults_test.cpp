@@ -100,8 +100,8 @@ TEST_F(ActiveDirectoryFaultsTest, conversationsMayBreakOffBetweenAnyTwoMessages)
 
 TEST_F(ActiveDirectoryFaultsTest, conversationsMayBreakOffWithinAMessage) { breakOffAtBytes(conversation()); }
 
-/// The one of which `./dev check` cuts each byte off.
-TEST_F(ActiveDirectoryFaultsTest, aSmallConversationMayBeCutAfterAnyByte)
+/// The one that `./dev check` breaks off after each byte.
+TEST_F(ActiveDirectoryFaultsTest, aSmallConversationMayBreakOffAfterAnyByte)
 {
     test::Conversation small = conversation();
     small.settings.searchPageSize = 2;
@@ -110,7 +110,9 @@ TEST_F(ActiveDirectoryFaultsTest, aSmallConversationMayBeCutAfterAnyByte)
     small.allUsers = 3;
     FaultyNetwork network(small, Samba::port, samba->address());
     for (const auto direction : FaultyNetwork::directions) {
-        network.breakOffAtBytes(direction, FaultyNetwork::Ending::close, stride());
+        for (const auto ending : FaultyNetwork::endings) {
+            network.breakOffAtBytes(direction, ending, stride());
+        }
     }
 }
 
