@@ -230,6 +230,7 @@ TEST_F(SearchStates, AreEndedWithAWarningByWhatIsNoException)
 TEST_F(SearchStates, MayThrowWhenTheyAreCancelledByTheEndOfTheSession)
 {
     const LogCapture log;
+    const ThreadsEndHere beforeTheLog;
     const Gate never;
     server.otherwise([=](const Request&) -> Steps { return {waitFor(never), done()}; });
     session->asyncSearch(
@@ -307,6 +308,7 @@ SearchContext* lastContext(const LogCapture& log)
 TEST_F(SearchStates, BreakThePromiseOfTheWaitForAllPagesWhenTheyAreForgotten)
 {
     const LogCapture log;
+    const ThreadsEndHere beforeTheLog;
     const Gate never;
     server.expectSearch().answer(waitFor(never), done());
     auto outcome = std::async(std::launch::async, [&] { return session->search(below("dc=x"), 2); });
