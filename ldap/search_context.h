@@ -63,9 +63,10 @@ public:
     ///
     /// An exception that the handler throws ends the search: a `BaseError` from an intermediate call becomes
     /// the final result; any other reaches the log, and the final call, `Result::cancelled`, comes with the
-    /// stop or the destruction of the context. \throws std::system_error when no thread can be had,
-    /// std::bad_weak_ptr without an owner; the handler is
-    ///         dropped uncalled then
+    /// stop or the destruction of the context.
+    ///
+    /// \throws std::system_error when no thread can be had, std::bad_weak_ptr without an owner; the handler
+    /// is dropped uncalled then
     void asyncSearch(SearchHandler handler, int pageSize);
 
     /// Whether a search was started whose final call hasn't begun.
