@@ -1,8 +1,13 @@
 #include <ldap/manager.h>
 
+#include <ldap/dn.h>
+#include <ldap/entry.h>
+#include <ldap/error.h>
+#include <ldap/open_session.h>
 #include <ldap/private/wipe.h>
 #include <ldap/session.h>
 #include <ldap/tavo_ldap_ini.h>
+#include <ldap/utils.h>
 #include <tavo_utils/log.h>
 #include <tavo_utils/scope_guard.h>
 
@@ -35,6 +40,59 @@ QString combinedFilter(const QString& callersFilter, const Filter& configured)
 
 bool isSuccess(Result result) { return result == Result::ok || result == Result::moreResults; }
 
+/// How the entries of a fetch become users.
+struct UserReader
+{
+    using Record = User;
+
+    static void warnOfFailure(const log::Tag& tag, Result result)
+    {
+        TAVO_LOG_WARNING(tag, u"Users fetching error: %1", toString(result));
+    }
+
+    static void logCount(const log::Tag& tag, std::size_t count)
+    {
+        TAVO_LOG_VERBOSE(tag, u"Found %1 users", count);
+    }
+
+    void read(const log::Tag& tag, SearchEntry entry, std::vector<User>& users) const
+    {
+        User user = User::fromSearchEntry(std::move(entry), loginAttribute);
+        if (user.login.isEmpty()) {
+            TAVO_LOG_DEBUG(tag, u"Ignoring entry with empty login: %1", user.dn);
+            return;
+        }
+        users.push_back(std::move(user));
+    }
+
+    QByteArray loginAttribute;
+};
+
+/// How the entries of a fetch become groups.
+struct GroupReader
+{
+    using Record = Group;
+
+    static void warnOfFailure(const log::Tag& tag, Result result)
+    {
+        TAVO_LOG_WARNING(tag, u"Groups fetching error: %1", toString(result));
+    }
+
+    static void logCount(const log::Tag& tag, std::size_t count)
+    {
+        TAVO_LOG_VERBOSE(tag, u"Found %1 groups", count);
+    }
+
+    void read(const log::Tag&, SearchEntry entry, std::vector<Group>& groups) const
+    {
+        std::vector<QString> members = entry.getAttribute(memberAttribute).values;
+        QString name = dnFirstItem(entry.dn);
+        groups.push_back({std::move(entry.dn), std::move(name), std::move(members)});
+    }
+
+    QString memberAttribute;
+};
+
 class ManagerImpl final : public Manager
 {
 public:
@@ -46,9 +104,7 @@ public:
         TAVO_LOG_VERBOSE(log::tag(*this), u"Init LDAP session with settings %1", loggableText(m_settings));
         enableOpenldapDebugOutput(ini().openldapDebugLevel);
 
-        m_session = std::make_unique<Session>(
-            m_settings.uri, m_settings.startTls, m_settings.ignoreCertificateErrors);
-        m_session->setResponseTimeout(m_settings.responseTimeout);
+        m_session = openSession(m_settings);
         // By design: before the bind, so the root DSE is read without credentials.
         const VendorDefaults defaults = m_session->detectLdapVendor();
         completeMapping(defaults);
@@ -61,24 +117,13 @@ public:
 
     SearchContext* fetchUsersAsync(UsersHandler handler, const SearchFilter& filter) override
     {
-        return m_session->asyncSearch(
-            {filter.base, combinedFilter(filter.filter, m_userFilter), m_userAttributes,
-                SearchScope::subtree},
-            [this, handler = std::move(handler)](Result result, std::vector<SearchEntry> entries) mutable {
-                deliverUsers(handler, result, std::move(entries));
-            },
-            m_settings.searchPageSize);
+        return fetch(UserReader{m_loginAttribute}, std::move(handler), filter, m_userFilter, m_userAttributes);
     }
 
     SearchContext* fetchGroupsAsync(GroupsHandler handler, const SearchFilter& filter) override
     {
-        return m_session->asyncSearch(
-            {filter.base, combinedFilter(filter.filter, m_groupFilter), m_groupAttributes,
-                SearchScope::subtree},
-            [this, handler = std::move(handler)](Result result, std::vector<SearchEntry> entries) mutable {
-                deliverGroups(handler, result, std::move(entries));
-            },
-            m_settings.searchPageSize);
+        return fetch(GroupReader{QString::fromUtf8(m_memberAttribute)}, std::move(handler), filter,
+            m_groupFilter, m_groupAttributes);
     }
 
     void stopAsyncFetch(SearchContext* context) override { m_session->stopAsyncSearch(context); }
@@ -97,44 +142,34 @@ private:
         m_groupAttributes = {m_memberAttribute};
     }
 
-    void deliverUsers(UsersHandler& handler, Result result, std::vector<SearchEntry> entries)
+    template <class Reader, class Handler>
+    SearchContext* fetch(Reader reader, Handler handler, const SearchFilter& filter,
+        const Filter& configuredFilter, const std::vector<QByteArray>& attributes)
     {
-        if (!isSuccess(result)) {
-            TAVO_LOG_WARNING(log::tag(*this), u"Users fetching error: %1", toString(result));
-            handler(result, {});
-            return;
-        }
-        std::vector<User> users;
-        users.reserve(entries.size());
-        for (SearchEntry& entry : entries) {
-            User user = User::fromSearchEntry(std::move(entry), m_loginAttribute);
-            if (user.login.isEmpty()) {
-                TAVO_LOG_DEBUG(log::tag(*this), u"Ignoring entry with empty login: %1", user.dn);
-                continue;
-            }
-            users.push_back(std::move(user));
-        }
-        TAVO_LOG_VERBOSE(log::tag(*this), u"Found %1 users", users.size());
-        handler(result, std::move(users));
+        return m_session->asyncSearch(
+            {filter.base, combinedFilter(filter.filter, configuredFilter), attributes, SearchScope::subtree},
+            [this, reader = std::move(reader), handler = std::move(handler)](
+                Result result, std::vector<SearchEntry> entries) mutable {
+                deliver(reader, handler, result, std::move(entries));
+            },
+            m_settings.searchPageSize);
     }
 
-    void deliverGroups(GroupsHandler& handler, Result result, std::vector<SearchEntry> entries)
+    template <class Reader, class Handler>
+    void deliver(const Reader& reader, Handler& handler, Result result, std::vector<SearchEntry> entries)
     {
         if (!isSuccess(result)) {
-            TAVO_LOG_WARNING(log::tag(*this), u"Groups fetching error: %1", toString(result));
+            Reader::warnOfFailure(log::tag(*this), result);
             handler(result, {});
             return;
         }
-        const QString memberAttribute = QString::fromUtf8(m_memberAttribute);
-        std::vector<Group> groups;
-        groups.reserve(entries.size());
+        std::vector<typename Reader::Record> records;
+        records.reserve(entries.size());
         for (SearchEntry& entry : entries) {
-            std::vector<QString> members = entry.getAttribute(memberAttribute).values;
-            QString name = dnFirstItem(entry.dn);
-            groups.push_back({std::move(entry.dn), std::move(name), std::move(members)});
+            reader.read(log::tag(*this), std::move(entry), records);
         }
-        TAVO_LOG_VERBOSE(log::tag(*this), u"Found %1 groups", groups.size());
-        handler(result, std::move(groups));
+        Reader::logCount(log::tag(*this), records.size());
+        handler(result, std::move(records));
     }
 
     Settings m_settings;
@@ -160,9 +195,7 @@ std::unique_ptr<Manager> createManagerOrThrow(Settings settings)
 bool testLdapConnection(const Settings& settings)
 {
     try {
-        const auto session =
-            std::make_unique<Session>(settings.uri, settings.startTls, settings.ignoreCertificateErrors);
-        session->setResponseTimeout(settings.responseTimeout);
+        const auto session = openSession(settings);
         session->bind(settings.adminDn, settings.adminPassword);
         return true;
     } catch (const BaseError&) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <ldap/error.h>
 #include <ldap/export.h>
 #include <ldap/result.h>
 #include <ldap/search_params.h>
@@ -15,11 +16,10 @@ namespace tavo::ldap {
 
 class SearchContext;
 
-/// What a fetch calls: any number of times with `Result::moreResults` and one page of records, then once with
-/// any other result and the last page (`Result::ok`) or nothing. On the fetch's own thread.
+/// The handler of a fetch: called any number of times with `Result::moreResults` and one page of records, then
+/// once with any other result and the last page (`Result::ok`) or nothing. On the fetch's own thread.
 ///
-/// The final call doesn't come when the last page holds a record whose DN can't be read; the log has a
-/// warning.
+/// The final call doesn't come when the last page holds a record whose DN can't be parsed; a warning is logged.
 using UsersHandler = utils::MoveOnlyFunc<void(Result, std::vector<User>)>;
 
 /// The same for groups.
@@ -30,11 +30,11 @@ using GroupsHandler = utils::MoveOnlyFunc<void(Result, std::vector<Group>)>;
 ///     auto manager = createManagerOrThrow(settings);
 ///     manager->fetchUsersAsync([](Result result, std::vector<User> page) { ... }, {u"dc=example"_qs, {}});
 ///
-/// Threads: one thread at a time calls a manager, except that `stopAsyncFetch` may be called from any.
-/// Handlers run on the thread of their fetch. A handler may start and stop fetches from any call, and destroy
-/// the manager from a final call (not from an intermediate one). Destroying the manager gives the handlers of
-/// running fetches `Result::cancelled`, on the destroying thread, and waits for a handler that runs on
-/// another.
+/// Threads: one thread at a time uses a manager, except that any thread may call `stopAsyncFetch`. Each fetch
+/// calls its handler on a thread of its own. A handler may start and stop fetches from any call, and destroy
+/// the manager from a final call, but not from an intermediate one. Destroying the manager gives the handlers
+/// of running fetches `Result::cancelled`, on the destroying thread, and waits for a handler that runs on
+/// another thread.
 class TAVO_LDAP_EXPORT Manager
 {
 public:
@@ -45,29 +45,29 @@ public:
     /// Starts fetching the users below `filter.base` and returns at once.
     ///
     /// The caller's filter text is combined with the directory's user filter. Entries without a login are
-    /// dropped with a line in the log at debug level.
-    /// \return what `stopAsyncFetch` takes; never to be used otherwise
+    /// dropped, with a line in the log at debug level.
+    /// \return what `stopAsyncFetch` takes; for no other use
     /// \throws BaseError, std::system_error when the fetch can't be started, as in a handler whose manager is
     ///         being destroyed; `handler` is dropped then
     virtual SearchContext* fetchUsersAsync(UsersHandler handler, const SearchFilter& filter) = 0;
 
     /// Starts fetching the groups below `filter.base`; otherwise like `fetchUsersAsync`. Every group is
-    /// delivered, also one without members.
+    /// delivered, those without members included.
     virtual SearchContext* fetchGroupsAsync(GroupsHandler handler, const SearchFilter& filter) = 0;
 
-    /// Abandons a fetch: its handler is dropped and never called (again). Thread-safe; waits for an
-    /// intermediate call that runs on another thread. Comes too late for a fetch whose final call is due:
-    /// another thread may be making that call, or be about to, when this returns, so what the handler uses
-    /// has to live until the handler is gone. An unknown or ended fetch is ignored.
+    /// Detaches a fetch: its handler is dropped and not called again. Thread-safe. Waits for an intermediate
+    /// call that is running on another thread. Comes too late for a fetch whose final call is due: another
+    /// thread may be making that call, or be about to, when this returns. What the handler uses must therefore
+    /// outlive the handler. An unknown or ended fetch is ignored.
     virtual void stopAsyncFetch(SearchContext* context) = 0;
 
 protected:
     Manager();
 };
 
-/// Connects, finds out the vendor, completes the attribute mapping and binds. Blocks.
+/// Connects, detects the vendor, completes the attribute mapping and binds. Blocks.
 ///
-/// The vendor is asked for before the bind, without credentials. An empty `Settings::adminDn` binds
+/// The vendor is detected before the bind, without credentials. An empty `Settings::adminDn` binds
 /// anonymously. The library's log gets the settings at verbose level, without the password.
 /// \throws InvalidCredentialsError, TlsError, BaseError
 TAVO_LDAP_EXPORT std::unique_ptr<Manager> createManagerOrThrow(Settings settings);
@@ -75,11 +75,11 @@ TAVO_LDAP_EXPORT std::unique_ptr<Manager> createManagerOrThrow(Settings settings
 /// Whether the server can be reached (with TLS as the settings ask for it) and accepts the credentials.
 /// Blocks.
 ///
-/// Why not is in the log at debug level. Searches nothing: what the account may read is not tested.
+/// The reason of a failure is logged at debug level. Nothing is searched: what the account may read isn't tested.
 TAVO_LDAP_EXPORT bool testLdapConnection(const Settings& settings);
 
-/// `testLdapConnection` on a thread of its own; `onFailure` is called on that thread when the test fails, and
-/// nothing when it succeeds.
+/// Runs `testLdapConnection` on a thread of its own and calls `onFailure` there when the test fails. Nothing is
+/// called when it succeeds.
 ///
 /// Destroying the returned future waits for the test. `get()` rethrows what `onFailure` threw and any failure
 /// that is no `BaseError`; with an empty `onFailure` a failed test gives `std::bad_function_call`.

@@ -1,9 +1,10 @@
 #pragma once
 
+#include <ldap/entry.h>
+#include <ldap/error.h>
 #include <ldap/export.h>
 #include <ldap/result.h>
 #include <ldap/search_params.h>
-#include <ldap/utils.h>
 #include <tavo_utils/move_only_func.h>
 #include <tavo_utils/mutex.h>
 
@@ -12,11 +13,14 @@
 #include <memory>
 #include <vector>
 
+/// The client library's connection handle, as its own header declares it.
+struct ldap;
+using LDAP = struct ldap;
+
 namespace tavo::ldap {
 
-class PageLoop;
-class SearchTurn;
-class SearchTurns;
+class SearchQueue;
+class SearchTicket;
 
 /// What a search calls with its results: any number of times with `Result::moreResults` and a full page, then
 /// exactly once with any other result and the last page (`Result::ok`) or nothing.
@@ -27,15 +31,14 @@ using SearchHandler = utils::MoveOnlyFunc<void(Result, std::vector<SearchEntry>)
 /// Made by `Session::createSearchContext` for blocking searches and inside `Session::asyncSearch` for paged
 /// ones; most callers use `Session` or `Manager` and never see it.
 ///
-/// Threads: `simpleSearch` and `asyncSearch` belong to one thread; `stopAsyncSearch` and
-/// `isAsyncSearchRunning` may be called from any. The handler runs on the search's own thread, intermediate
-/// calls under the context's mutex (which is recursive: it may stop its own search), the final one outside
-/// it.
+/// Threads: one thread calls `simpleSearch` and `asyncSearch`; any thread may call `stopAsyncSearch` and
+/// `isAsyncSearchRunning`. The handler runs on the search's own thread: intermediate calls under the
+/// context's mutex, which is recursive, so that it may stop its own search; the final call without it.
 class TAVO_LDAP_EXPORT SearchContext : public std::enable_shared_from_this<SearchContext>
 {
 public:
-    /// Takes over the handle (with the function that destroys it), the search's parameters and the time limit
-    /// that is sent with every request.
+    /// Takes ownership of the handle, with the function that destroys it.
+    /// \param timeout the time limit that is sent with every request
     SearchContext(
         std::unique_ptr<LDAP, void (*)(LDAP*)> ldap, SearchParams params, std::chrono::seconds timeout);
 
@@ -55,18 +58,19 @@ public:
     /// Starts the paged search (RFC 2696) on a thread of its own and returns at once.
     ///
     /// The context must be owned by a `std::shared_ptr`. A page size below 1, or a second start while the
-    /// first runs, is reported as an assertion failure, and `handler` gets `Result::ok` without entries at
+    /// first runs, is reported as an assertion failure; `handler` then gets `Result::ok` without entries at
     /// once, on this thread.
     ///
-    /// Waits for the thread of an earlier search of this context, which may wait for its server. Paged
-    /// searches of one session's contexts take turns with the session's own, in the order of their start.
+    /// Waits for the thread of an earlier search of this context, which may still wait for its server. The
+    /// paged searches of one session's contexts and of the session itself take turns, in the order of their
+    /// start.
     ///
-    /// An exception that the handler throws ends the search: a `BaseError` from an intermediate call becomes
-    /// the final result; any other reaches the log, and the final call, `Result::cancelled`, comes with the
-    /// stop or the destruction of the context.
+    /// An exception that the handler throws ends the search. A `BaseError` from an intermediate call becomes
+    /// the final result. Any other exception is logged; the final call, `Result::cancelled`, then comes when
+    /// the context is stopped or destroyed.
     ///
-    /// \throws std::system_error when no thread can be had, std::bad_weak_ptr without an owner; the handler
-    /// is dropped uncalled then
+    /// \throws std::system_error when no thread can be had, std::bad_weak_ptr without an owner; the handler is
+    ///         dropped uncalled then
     void asyncSearch(SearchHandler handler, int pageSize);
 
     /// Whether a search was started whose final call hasn't begun.
@@ -79,12 +83,14 @@ public:
     void stopAsyncSearch();
 
 private:
-    friend class PageLoop;
+    friend class SearchTable;
     friend class Session;
 
+    class TAVO_LDAP_NO_EXPORT Pages;
+
     TAVO_LDAP_NO_EXPORT void stopAsyncSearch(int ldapCode, std::vector<SearchEntry> entries);
+    TAVO_LDAP_NO_EXPORT void readPages(int pageSize);
     TAVO_LDAP_NO_EXPORT void reportBrokenOff(const char* reason);
-    TAVO_LDAP_NO_EXPORT void logFailedSearch(const QString& matchedDn, const QString& diagnostic) const;
 
     /// False where another search's thread stops or destroys this one.
     TAVO_LDAP_NO_EXPORT bool runsOnThisThread() const;
@@ -105,15 +111,15 @@ private:
 
     std::future<void> m_asyncSearch;
 
-    /// The connection's; null for a context that takes its turn elsewhere.
-    std::shared_ptr<SearchTurns> m_turns;
+    /// The connection's; null for a context that gets its ticket elsewhere.
+    std::shared_ptr<SearchQueue> m_queue;
 
-    /// The running search's, or the last one's; set before its thread starts. Null for a search that waits
-    /// for no other.
-    std::shared_ptr<SearchTurn> m_turn;
+    /// That of the running search, or of the last one; set before its thread starts. Null for a search that
+    /// waits for no other.
+    std::shared_ptr<SearchTicket> m_ticket;
 
     /// Called on the search's thread when an exception ends it without a final call; set before the search
-    /// starts, and empty when nobody wants to know.
+    /// starts. Empty when nobody wants to know.
     utils::MoveOnlyFunc<void()> m_onBrokenOff;
 };
 

@@ -38,7 +38,7 @@ struct Filter
     /// The filter `name=value`, without parentheses.
     ///
     /// By design: no character of the value is escaped, so that `*` can ask for presence or substrings.
-    /// Escape what comes from people (RFC 4515, section 3: `\2a`, `\28`, `\29`, `\5c`, `\00`).
+    /// Escape user input (RFC 4515, section 3: `\2a`, `\28`, `\29`, `\5c`, `\00`).
     Filter(QString const& name, QString const& value)
         : text(utils::format(u"%1=%2", name, value))
     {}
@@ -81,13 +81,13 @@ struct SearchParams
     SearchScope scope = SearchScope::subtree;
 };
 
-/// Where and for what users or groups are fetched.
+/// Which users or groups are fetched.
 struct SearchFilter
 {
-    /// The DN below which entries are looked for.
+    /// The DN below which entries are searched for.
     QString base;
 
-    /// A filter of the caller's, combined with the configured one; empty: the configured one alone.
+    /// The caller's filter, combined with the configured one; empty: the configured one alone.
     QString filter;
 };
 

@@ -5,62 +5,42 @@
 #include <ldap/search_context.h>
 #include <ldap/search_params.h>
 #include <ldap/utils.h>
-#include <tavo_utils/async_operation_guard.h>
-#include <tavo_utils/move_only_func.h>
-#include <tavo_utils/mutex.h>
+#include <ldap/vendor.h>
 #include <tavo_utils/url.h>
 
-#include <QByteArray>
 #include <QString>
 
 #include <atomic>
 #include <chrono>
-#include <map>
 #include <memory>
-#include <utility>
 #include <variant>
 #include <vector>
 
 namespace tavo::ldap {
 
-class SearchTurns;
-
-/// The attribute names and the user filter that suit one kind of directory.
-struct VendorDefaults
-{
-    /// The attribute that holds a user's login.
-    QString loginAttribute;
-
-    /// The object class of groups.
-    QString groupObjectClass;
-
-    /// The attribute that lists a group's members.
-    QByteArray memberAttribute;
-
-    /// The filter that selects users; empty: none is implied.
-    QString userFilter;
-};
+class SearchQueue;
+class SearchTable;
 
 /// One connection to a directory server: TLS, bind, searches.
 ///
 ///     Session session(Url(u"ldaps://dc1.corp.example"_qs), false, false);
 ///     session.bind(u"cn=reader,dc=corp,dc=example"_qs, password);
-///     auto entries = session.simpleSearch({u"dc=corp,dc=example"_qs, u"(uid=ann)"_qs, {},
-///     SearchScope::subtree});
+///     auto entries = session.simpleSearch(
+///         {u"dc=corp,dc=example"_qs, u"(uid=ann)"_qs, {}, SearchScope::subtree});
 ///
-/// LDAP version 3 (RFC 4511); referrals are never followed. Which certificates are trusted is the client
-/// library's configuration (ldap.conf, `LDAPTLS_CACERT`).
+/// LDAP version 3 (RFC 4511); referrals are never followed. The client library's configuration decides which
+/// certificates are trusted (ldap.conf, `LDAPTLS_CACERT`).
 ///
-/// Threads: one thread at a time uses a session, except that `stopAsyncSearch` may be called from any. The
-/// handlers of asynchronous searches run on a thread of each search. A handler may start and stop searches
-/// from any call, and destroy the session from a final call (not from an intermediate one, which runs under
-/// the session's lock).
+/// Threads: one thread at a time uses a session, except that any thread may call `stopAsyncSearch`. Each
+/// asynchronous search calls its handler on a thread of its own. A handler may start and stop searches from
+/// any call, and destroy the session from a final call, but not from an intermediate one, which runs under
+/// the session's lock.
 class TAVO_LDAP_EXPORT Session
 {
 public:
-    /// Prepares the connection; with `startTls` it also connects and upgrades to TLS (RFC 4511,
-    /// section 4.14). Without, the server is contacted by the first operation. The first session of a process
-    /// waits for the client library, which reads its configuration and looks the machine's own name up.
+    /// Prepares the connection. With `startTls` it also connects and upgrades to TLS (RFC 4511,
+    /// section 4.14); without, the first operation connects. The first session of a process also makes the
+    /// client library read its configuration and look up the machine's own name, which may block.
     ///
     /// \param url `ldap://host[:port]` or `ldaps://host[:port]`; for the latter `startTls` is ignored
     /// \param ignoreCertificateErrors accept a certificate that can't be verified, for this session alone
@@ -83,20 +63,20 @@ public:
     /// Simple bind (RFC 4513, section 5.1). Blocks. Both empty: anonymous.
     ///
     /// Exactly one empty is reported as an assertion failure and sent all the same: a DN without a password
-    /// is an "unauthenticated bind", which some servers accept for anybody. \throws InvalidCredentialsError,
-    /// TlsError, BaseError
+    /// is an "unauthenticated bind", which some servers accept for anybody.
+    /// \throws InvalidCredentialsError, TlsError, BaseError
     void bind(const QString& dn, const QString& password);
 
-    /// Who the server takes this session for (RFC 4532), such as `dn:cn=reader,dc=example` or
-    /// `u:EXAMPLE\reader`; "anonymous" when it is nobody. Blocks.
-    /// \throws TlsError, BaseError; Active Directory look-alikes may not support the operation
+    /// The authorization identity of this session (RFC 4532), such as `dn:cn=reader,dc=example` or
+    /// `u:EXAMPLE\reader`; "anonymous" when the server names none. Blocks.
+    /// \throws TlsError, BaseError; not every server supports the operation
     QString whoAmI();
 
-    /// The time limit for the searches started from now on; 30 seconds at first.
+    /// Sets the time limit of the searches that start from now on; 30 seconds by default.
     void setResponseTimeout(std::chrono::seconds timeout);
 
-    /// Throws what fits a failed call of the client library: `TlsError` when the connection is a secure one
-    /// and this thread's OpenSSL queue has a TLS error, else `BaseError`.
+    /// Throws the error that fits a failed call of the client library: `TlsError` when the connection is
+    /// secure and this thread's OpenSSL queue has a TLS error, else `BaseError`.
     [[noreturn]] void checkErrorAndThrow(int ldapCode, int systemError, QString context) const;
 
     /// Frees a connection handle; the deleter of every handle in this library. Logs a failure, never throws.
@@ -113,64 +93,48 @@ public:
 
     /// Starts a paged search (RFC 2696) on a thread of its own and returns at once.
     ///
-    /// Several may be started; unless `detectLdapVendor` found Active Directory they run one after the other,
-    /// in the order of their start, because an OpenLDAP server pages one search for each connection.
-    /// \param handler called on the search's thread for each full page with `Result::moreResults`, and once
-    /// at
-    ///        the end with any other result
+    /// Several searches may be started. Unless `detectLdapVendor` has found Active Directory they run one
+    /// after the other, in the order of their start, because an OpenLDAP server pages one search for each
+    /// connection.
+    /// \param handler called on the search's thread: with `Result::moreResults` for each full page of several,
+    ///        and once at the end with any other result
     /// \param pageSize entries per page; below 1 the handler gets `Result::ok` and nothing, on this thread
-    /// \return what `stopAsyncSearch` takes; owned by the session, never to be used otherwise
+    /// \return what `stopAsyncSearch` takes; owned by the session, for no other use
     /// \throws BaseError when the handle can't be duplicated, or (LDAP_USER_CANCELLED) in a handler whose
-    ///         session is being destroyed; std::system_error when no thread can be had. The handler is
-    ///         dropped uncalled then
+    ///         session is being destroyed; std::system_error when no thread can be had. The handler is then
+    ///         dropped uncalled
     SearchContext* asyncSearch(SearchParams params, SearchHandler handler, int pageSize);
 
-    /// Forgets a search: its handler is dropped and never called (again). Thread-safe; waits for an
-    /// intermediate call that is running on another thread. Comes too late for a search whose final call is
-    /// due: another thread may be making that call, or be about to, when this returns. An unknown address
-    /// does nothing.
+    /// Detaches a search: its handler is dropped and not called again. Thread-safe. Waits for an intermediate
+    /// call that is running on another thread. Comes too late for a search whose final call is due: another
+    /// thread may be making that call, or be about to, when this returns. An unknown address does nothing.
     ///
     /// By design: the search itself runs to its end in the background.
     void stopAsyncSearch(SearchContext* context);
 
-    /// Runs a paged search and waits for all of it: the entries of all pages in the server's order, or the
-    /// `Result` that ended it, without entries. Waits for its turn behind searches that were started before.
+    /// Runs a paged search and waits for all of it: returns the entries of all pages in the server's order,
+    /// or the `Result` that ended the search, without entries. Waits for its turn behind earlier searches.
     ///
-    /// Not to be called by a handler from an intermediate call of the same session, which keeps every other
-    /// search from delivering: refused with `std::errc::resource_deadlock_would_occur`.
-    /// \throws std::future_error when the search was forgotten by `stopAsyncSearch` meanwhile, or broken off
-    ///         for want of memory; BaseError when the handle can't be duplicated; std::system_error when no
-    ///         thread can be had, or on that refusal
+    /// A handler can't use it in an intermediate call of the same session, during which no other search can
+    /// deliver: refused with `std::errc::resource_deadlock_would_occur`.
+    /// \throws std::future_error when `stopAsyncSearch` has detached the search, or when it ran out of memory;
+    ///         BaseError when the handle can't be duplicated; std::system_error when no thread can be had, or
+    ///         on that refusal
     std::variant<Result, std::vector<SearchEntry>> search(SearchParams params, int pageSize);
 
-    /// Asks the root DSE which kind of directory this is. Blocks. A server that can't be asked counts as
-    /// OpenLDAP; there is no error.
+    /// Reads the root DSE to find out which kind of directory this is. Blocks. A server that can't be asked
+    /// counts as OpenLDAP; there is no error.
     VendorDefaults detectLdapVendor() const;
 
 private:
-    using AsyncSearches = std::map<SearchContext*, std::pair<std::shared_ptr<SearchContext>, SearchHandler>>;
-
-    TAVO_LDAP_NO_EXPORT std::unique_ptr<LDAP, void (*)(LDAP*)> duplicateHandle() const;
     TAVO_LDAP_NO_EXPORT std::shared_ptr<SearchContext> createSharedContext(SearchParams params) const;
-    TAVO_LDAP_NO_EXPORT SearchContext* start(
-        std::shared_ptr<SearchContext> search, SearchHandler handler, int pageSize);
-    TAVO_LDAP_NO_EXPORT void completeSearch(
-        SearchContext* context, Result result, std::vector<SearchEntry> entries);
-
-    TAVO_LDAP_NO_EXPORT bool isDeliveringOnThisThread();
 
     std::unique_ptr<LDAP, void (*)(LDAP*)> m_ldap;
-    utils::AsyncOperationGuard m_asyncGuard;
-    Mutex m_mutex;
-    AsyncSearches m_asyncSearches;
-    /// What a handler forgets while its intermediate call runs.
-    AsyncSearches m_forgotten;
-    bool m_isDelivering = false;
-    bool m_isEnding = false;
     bool m_isSecure = false;
     /// Read by handlers that start searches while the session's own thread may set it.
     std::atomic<std::chrono::seconds> m_responseTimeout{std::chrono::seconds(30)};
-    std::shared_ptr<SearchTurns> m_turns;
+    std::shared_ptr<SearchQueue> m_queue;
+    std::unique_ptr<SearchTable> m_searches;
 };
 
 } // namespace tavo::ldap

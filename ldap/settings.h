@@ -13,9 +13,10 @@
 
 namespace tavo::ldap {
 
-/// Everything that describes a directory: where it is, who asks, how its entries map onto users and groups.
+/// Everything that describes a directory: where it is, whose account reads it, how its entries map onto users
+/// and groups.
 ///
-/// A plain value type that checks nothing; give it to `testLdapConnection` or `createManagerOrThrow`.
+/// A plain value type, not validated. Pass it to `testLdapConnection` or `createManagerOrThrow`.
 struct Settings
 {
     /// The server: `ldap://host[:port]`, or `ldaps://host[:port]` for TLS from the first byte.
@@ -28,8 +29,8 @@ struct Settings
     /// The password of the bind.
     QString adminPassword;
 
-    /// The user attribute that holds the login; absent: the detected vendor's. Present but empty is used as
-    /// it is.
+    /// The user attribute that holds the login; absent: the detected vendor's. A present but
+    /// empty one is used as it is.
     std::optional<QString> loginAttribute;
 
     /// The object class of group entries; absent: the detected vendor's.
@@ -38,23 +39,23 @@ struct Settings
     /// The group attribute that lists the members; absent: the detected vendor's.
     std::optional<QString> memberAttribute;
 
-    /// Time limit for searches. Carried for the caller; this library doesn't use it.
+    /// Time limit for searches. Stored for the caller; this library doesn't use it.
     std::chrono::seconds searchTimeout{30};
 
-    /// The time limit sent with each search, and for blocking searches also how long the client waits.
+    /// The time limit that is sent with each search. For blocking searches also how long the client waits.
     std::chrono::seconds responseTimeout{30};
 
     /// Upgrade a plain connection with StartTLS before anything else is sent. Ignored for `ldaps`.
     bool startTls = false;
 
-    /// Accept server certificates that can't be verified. Whoever is on the road can then read the password.
+    /// Accept server certificates that can't be verified. Exposes the password to a man in the middle.
     bool ignoreCertificateErrors = false;
 
     /// Entries per page when users and groups are fetched. Active Directory caps it at 1000.
     int searchPageSize = 500;
 
     /// The JSON form: one object, members in the order above, absent optionals left out, durations as whole
-    /// seconds. The password is in it in clear: mask a copy before logging.
+    /// seconds. It contains the password in clear text: mask a copy before logging.
     TAVO_LDAP_EXPORT std::string toString() const;
 };
 

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <ldap/dn.h>
+#include <ldap/entry.h>
+#include <ldap/error.h>
 #include <ldap/export.h>
-#include <ldap/utils.h>
 #include <tavo_reflect/reflect.h>
 
 #include <QByteArray>
@@ -22,7 +24,7 @@ struct User
     /// The first value of the login attribute, as the server sent it: neither trimmed nor lower-cased.
     QString login;
 
-    /// The display name: `displayName`, else `gecos`, else the first name of the DN.
+    /// The display name: `displayName`, else `gecos`, else the value of the DN's first RDN.
     QString fullName;
 
     /// The first `mail` value, trimmed and lower-cased.
@@ -30,11 +32,11 @@ struct User
 
     /// Makes a user of an entry that was read with `attributes()` and the login attribute.
     ///
-    /// Rejects nothing: what the entry lacks stays empty. An empty `loginAttribute` gives an empty login.
+    /// Rejects nothing: fields that the entry lacks stay empty. An empty `loginAttribute` gives an empty login.
     /// \throws BaseError when there is no display name and the DN can't be parsed
     TAVO_LDAP_EXPORT static User fromSearchEntry(SearchEntry entry, const QByteArray& loginAttribute);
 
-    /// The attributes that a search for users must request besides the login attribute.
+    /// The attributes that a search for users must request, besides the login attribute.
     TAVO_LDAP_EXPORT static const std::vector<QByteArray>& attributes();
 
     /// The JSON form: an object with the members "dn", "login", "fullName", "email".
@@ -47,7 +49,7 @@ struct Group
     /// The entry's DN, as the server sent it.
     QString dn;
 
-    /// The first name of the DN, as `dnFirstItem` gives it.
+    /// The value of the DN's first RDN, as `dnFirstItem` gives it.
     QString name;
 
     /// The values of the member attribute in the server's order; usually DNs.

@@ -5,7 +5,7 @@
 #include "support/temporary_directory.h"
 
 #include <ldap/private/client_library.h>
-#include <ldap/private/utils.h>
+#include <ldap/private/handle.h>
 #include <tavo_utils/formatter.h>
 
 #include <cerrno>

@@ -2,7 +2,8 @@
 
 #include "support/assertion_capture.h"
 
-#include <ldap/private/utils.h>
+#include <ldap/private/page_cookie.h>
+#include <ldap/private/search_response.h>
 
 #include <cerrno>
 #include <new>

@@ -1,7 +1,8 @@
 #include "support/log_capture.h"
 #include "support/qt_printers.h"
 
-#include <ldap/private/utils.h>
+#include <ldap/error.h>
+#include <ldap/private/page_cookie.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

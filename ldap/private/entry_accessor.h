@@ -1,0 +1,39 @@
+#pragma once
+
+#include <ldap/entry.h>
+
+#include <QByteArray>
+#include <QString>
+
+#include <ldap.h>
+
+#include <vector>
+
+namespace tavo::ldap {
+
+/// Reads one entry message; owns neither the handle nor the message and lives only for the reading.
+class LdapSearchEntryAccessor
+{
+public:
+    LdapSearchEntryAccessor(LDAP* ld, LDAPMessage* entry);
+
+    /// The entry with the given attributes, in that order and spelling; all that it carries for an empty
+    /// list.
+    /// \throws BaseError when the DN can't be read
+    SearchEntry createSearchEntry(std::vector<QByteArray> attributes);
+
+    /// \throws BaseError
+    QString getDn();
+
+    /// The names of the attributes that the entry carries, in the server's order and spelling.
+    std::vector<QByteArray> getAttributeNames();
+
+    /// The attribute with its values; without any when the entry lacks it.
+    Attribute getAttribute(QString name);
+
+private:
+    LDAP* m_ldap;
+    LDAPMessage* m_entry;
+};
+
+} // namespace tavo::ldap

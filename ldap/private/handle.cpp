@@ -1,0 +1,119 @@
+#include <ldap/private/handle.h>
+
+#include <ldap/error.h>
+#include <ldap/private/client_call.h>
+#include <ldap/private/client_library.h>
+#include <ldap/private/positions.h>
+#include <ldap/private/tls.h>
+#include <tavo_utils/assert.h>
+#include <tavo_utils/log.h>
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <string>
+
+namespace tavo::ldap {
+
+namespace {
+
+/// Puts the new handle into `handle` also when the call fails, so that whatever it left is freed.
+void initialize(LdapHandle& handle, const utils::Url& url)
+{
+    const std::string text = url.toStdString();
+    LDAP* ld = nullptr;
+    const int rc = ldap_initialize(&ld, text.c_str());
+    const int systemError = errno;
+    handle.reset(ld);
+    if (rc != LDAP_SUCCESS) {
+        throw BaseError(rc, QStringLiteral("init"), systemError);
+    }
+}
+
+void setOptions(LDAP* ld, bool isSecure, bool ignoreCertificateErrors)
+{
+    // By design: a failure of the first two carries neither a context nor a system error, unlike TLS ones.
+    const int version = LDAP_VERSION3;
+    int rc = ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
+    if (rc != LDAP_OPT_SUCCESS) {
+        throw BaseError(rc, QString(), 0);
+    }
+    rc = ldap_set_option(ld, LDAP_OPT_REFERRALS, LDAP_OPT_OFF);
+    if (rc != LDAP_OPT_SUCCESS) {
+        throw BaseError(rc, QString(), 0);
+    }
+    setUpTls(ld, isSecure, ignoreCertificateErrors);
+}
+
+} // namespace
+
+LdapHandle createHandle(const utils::Url& url, bool isSecure, bool ignoreCertificateErrors)
+{
+    /// Whether the client library's TLS layer, which its first TLS context sets up, is ready.
+    static bool tlsIsSetUp = false;
+
+    LdapHandle handle(nullptr, &destroyHandle);
+    MutexLocker lock(initMutex());
+    initialize(handle, url);
+    if (tlsIsSetUp) {
+        lock.unlock();
+        setOptions(handle.get(), isSecure, ignoreCertificateErrors);
+        return handle;
+    }
+    setOptions(handle.get(), isSecure, ignoreCertificateErrors);
+    tlsIsSetUp = true;
+    return handle;
+}
+
+LdapHandle duplicateHandle(LDAP* ld)
+{
+    LDAP* duplicate = ldap_dup(ld);
+    const int systemError = errno;
+    if (duplicate == nullptr) {
+        throw BaseError(LDAP_NO_MEMORY, QStringLiteral("ldap_dup"), systemError);
+    }
+    return {duplicate, &destroyHandle};
+}
+
+void destroyHandle(LDAP* ld)
+{
+    const int rc = callClient([&] { return ldap_destroy(ld); }).code;
+    if (rc != LDAP_SUCCESS) {
+        struct destroyLdap
+        {};
+        TAVO_LOG_DEBUG(log::scopeTag<struct destroyLdap>(), u"Error destroying ldap: %1",
+            BaseError::ldapErrorString(rc));
+    }
+}
+
+int getLdapError(LDAP* ld)
+{
+    int code = 0;
+    if (ldap_get_option(ld, LDAP_OPT_RESULT_CODE, &code) != LDAP_OPT_SUCCESS) {
+        assertFailure(positions::resultCodeUnreadable, "rc == 0");
+        return 0;
+    }
+    return code;
+}
+
+bool hasLostConnection(LDAP* ld)
+{
+    int socket = -1;
+    ldap_get_option(ld, LDAP_OPT_DESC, &socket);
+    char next = 0;
+    const ssize_t count = socket < 0 ? 0 : recv(socket, &next, 1, MSG_PEEK | MSG_DONTWAIT);
+    return count == 0 || (count < 0 && errno != EAGAIN);
+}
+
+void stopReading(LDAP* ld)
+{
+    Sockbuf* connection = nullptr;
+    if (ldap_get_option(ld, LDAP_OPT_SOCKBUF, &connection) == LDAP_OPT_SUCCESS && connection != nullptr) {
+        // The longest message that is accepted: shorter than any. A longer one ends the connection. Another
+        // thread may be reading the number in the client library; it is a word, and either value will do.
+        ber_len_t limit = 1;
+        ber_sockbuf_ctrl(connection, LBER_SB_OPT_SET_MAX_INCOMING, &limit);
+    }
+}
+
+} // namespace tavo::ldap

@@ -1,0 +1,89 @@
+#include <ldap/private/search_response.h>
+
+#include <ldap/error.h>
+#include <ldap/private/entry_accessor.h>
+#include <ldap/private/positions.h>
+#include <tavo_utils/assert.h>
+#include <tavo_utils/scope_guard.h>
+
+#include <utility>
+
+namespace tavo::ldap {
+
+FinalResult readFinalResult(LDAP* ld, LDAPMessage* chain, bool freeChain)
+{
+    int code = LDAP_SUCCESS;
+    char* matchedDn = nullptr;
+    char* diagnostic = nullptr;
+    char** referrals = nullptr;
+    const int rc =
+        ldap_parse_result(ld, chain, &code, &matchedDn, &diagnostic, &referrals, nullptr, freeChain ? 1 : 0);
+    const utils::ScopeGuard freeParsed([&] {
+        ldap_memfree(matchedDn);
+        ldap_memfree(diagnostic);
+        ber_memvfree(reinterpret_cast<void**>(referrals));
+    });
+    return {rc != LDAP_SUCCESS ? rc : code, QString::fromUtf8(matchedDn), QString::fromUtf8(diagnostic)};
+}
+
+void logFailedSearch(const log::Tag& tag, const QString& base, const FinalResult& result)
+{
+    TAVO_LOG_DEBUG(tag, u"Search failed for [%1], matched DN [%2]; the server says: [%3]", base,
+        result.matchedDn, result.diagnostic);
+}
+
+SearchResponse::SearchResponse(LDAP* ld, MessagePtr chain)
+    : m_ldap(ld)
+    , m_chain(std::move(chain))
+{}
+
+std::vector<SearchEntry> SearchResponse::entries(const std::vector<QByteArray>& attributes)
+{
+    std::vector<SearchEntry> entries;
+    for (LDAPMessage* entry = ldap_first_entry(m_ldap, m_chain.get()); entry != nullptr;
+         entry = ldap_next_entry(m_ldap, entry)) {
+        try {
+            entries.push_back(LdapSearchEntryAccessor(m_ldap, entry).createSearchEntry(attributes));
+        } catch (const BaseError& error) {
+            TAVO_LOG_DEBUG(log::tag(*this), u"Search entry handling error: %1", error.what());
+        }
+    }
+    return entries;
+}
+
+ControlsPtr SearchResponse::controls()
+{
+    int errcode = LDAP_SUCCESS;
+    LDAPControl** received = nullptr;
+    const int rc = ldap_parse_result(
+        m_ldap, m_chain.get(), &errcode, nullptr, nullptr, nullptr, &received, /*freeit*/ 0);
+    ControlsPtr controls(received, &ldap_controls_free);
+    if (rc != LDAP_SUCCESS) {
+        throw BaseError(rc, QStringLiteral("ldap_parse_result"), 0);
+    }
+    if (errcode != LDAP_SUCCESS) {
+        assertFailure(positions::responseWithError, "errcode == 0x00");
+    }
+    return controls;
+}
+
+void SearchResponse::logReferences()
+{
+    TAVO_LOG_VERBOSE(log::tag(*this), u"Logging references");
+    for (LDAPMessage* reference = ldap_first_reference(m_ldap, m_chain.get()); reference != nullptr;
+         reference = ldap_next_reference(m_ldap, reference)) {
+        char** urls = nullptr;
+        const int rc = ldap_parse_reference(m_ldap, reference, &urls, nullptr, /*freeit*/ 0);
+        const utils::ScopeGuard freeUrls([&] { ber_memvfree(reinterpret_cast<void**>(urls)); });
+        if (rc != LDAP_SUCCESS) {
+            TAVO_LOG_DEBUG(
+                log::tag(*this), u"Failed to parse LDAP reference entry: %1", BaseError::ldapErrorString(rc));
+            return;
+        }
+        for (char** url = urls; url != nullptr && *url != nullptr; ++url) {
+            TAVO_LOG_VERBOSE(log::tag(*this), u"Not chasing reference received from server: %1", *url);
+        }
+    }
+}
+
+} // namespace tavo::ldap

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <ldap/entry.h>
+#include <ldap/private/owners.h>
+#include <tavo_utils/log.h>
+
+#include <QByteArray>
+#include <QString>
+
+#include <ldap.h>
+
+#include <vector>
+
+namespace tavo::ldap {
+
+/// What the final message of a result says.
+struct FinalResult
+{
+    int code;
+    QString matchedDn;
+    QString diagnostic;
+};
+
+/// Reads the final message of a chain; with `freeChain` the chain is gone afterwards.
+FinalResult readFinalResult(LDAP* ld, LDAPMessage* chain, bool freeChain);
+
+/// Writes what the server says of a failed search to the log.
+void logFailedSearch(const log::Tag& tag, const QString& base, const FinalResult& result);
+
+/// Owns the message chain of one search result and reads it; talks to no server.
+class SearchResponse
+{
+public:
+    SearchResponse(LDAP* ld, MessagePtr chain);
+
+    /// The entries of the chain; one whose DN can't be read is left out with a line in the log.
+    std::vector<SearchEntry> entries(const std::vector<QByteArray>& attributes);
+
+    /// The controls of the final message.
+    /// \throws BaseError when the message can't be parsed
+    ControlsPtr controls();
+
+    /// Writes the continuation references (RFC 4511, section 4.5.3) to the log. They are never followed.
+    void logReferences();
+
+private:
+    LDAP* m_ldap;
+    MessagePtr m_chain;
+};
+
+} // namespace tavo::ldap

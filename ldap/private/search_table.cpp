@@ -1,0 +1,129 @@
+#include <ldap/private/search_table.h>
+
+#include <ldap/error.h>
+#include <ldap/private/destructor_call.h>
+#include <ldap/private/positions.h>
+#include <ldap/private/search_queue.h>
+#include <ldap/private/search_threads.h>
+#include <tavo_utils/scope_guard.h>
+
+#include <ldap.h>
+
+namespace tavo::ldap {
+
+SearchContext* SearchTable::start(std::shared_ptr<SearchContext> search, std::shared_ptr<SearchQueue> queue,
+    SearchHandler handler, int pageSize)
+{
+    // To the end of this call, though another thread may forget the search before.
+    const std::shared_ptr<SearchContext> owner = std::move(search);
+    SearchContext* const context = owner.get();
+    const auto guard = m_asyncGuard.sharedGuard();
+    {
+        const MutexLocker lock(m_mutex, positions::registerSearchLock);
+        if (m_isEnding) {
+            // By a final call; nobody would be left to make the new search's own.
+            throw BaseError(LDAP_USER_CANCELLED, QStringLiteral("asyncSearch"), 0);
+        }
+        owner->m_ticket = std::make_shared<SearchTicket>(std::move(queue));
+        m_asyncSearches.emplace(context, std::make_pair(owner, std::move(handler)));
+    }
+    utils::ScopeGuard unregister([&] {
+        // Unless the handler of a refused start has destroyed the session before it threw.
+        if (const auto alive = guard.lock()) {
+            forget(context);
+        }
+    });
+    // The context's address and not its owner: the wrapper is kept by the context itself.
+    context->asyncSearch(
+        [this, guard, context](Result result, std::vector<SearchEntry> entries) {
+            if (const auto alive = guard.lock()) {
+                const bool isEnd = result != Result::moreResults && context->runsOnThisThread();
+                // While the guard is held, so that a session that ends doesn't miss it.
+                const utils::ScopeGuard announceEnd([isEnd] {
+                    if (isEnd) {
+                        search_threads::announceEnd();
+                    }
+                });
+                complete(context, result, std::move(entries));
+            }
+        },
+        pageSize);
+    unregister.dismiss();
+    return context;
+}
+
+void SearchTable::complete(SearchContext* context, Result result, std::vector<SearchEntry> entries)
+{
+    // Released after the lock: a handler that forgets its own search may own the session.
+    AsyncSearches forgotten;
+    MutexLocker lock(m_mutex, positions::completeSearchLock);
+    const auto search = m_asyncSearches.find(context);
+    if (search == m_asyncSearches.end()) {
+        return;
+    }
+    if (result == Result::moreResults) {
+        m_isDelivering = true;
+        const utils::ScopeGuard delivered([&] {
+            m_isDelivering = false;
+            forgotten.swap(m_forgotten);
+        });
+        search->second.second(result, std::move(entries));
+        return;
+    }
+    auto [owner, handler] = std::move(search->second);
+    m_asyncSearches.erase(search);
+    lock.unlock();
+    handler(result, std::move(entries));
+}
+
+void SearchTable::forget(SearchContext* context)
+{
+    MutexLocker lock(m_mutex, positions::forgetSearchLock);
+    // Released after the lock: the handler is the caller's code, and the context may be the last of its own.
+    auto forgotten = m_asyncSearches.extract(context);
+    if (!forgotten) {
+        return;
+    }
+    context->giveUpTurn();
+    if (m_isDelivering) {
+        // By a handler, whose call holds the lock until it returns.
+        m_forgotten.insert(std::move(forgotten));
+    }
+    lock.unlock();
+}
+
+utils::MoveOnlyFunc<void()> SearchTable::brokenOffHandler(SearchContext* context)
+{
+    return [this, guard = m_asyncGuard.sharedGuard(), context] {
+        if (const auto alive = guard.lock()) {
+            forget(context);
+            search_threads::announceEnd();
+        }
+    };
+}
+
+bool SearchTable::isDeliveringOnThisThread()
+{
+    // A call on another thread has the lock and is waited for.
+    const MutexLocker lock(m_mutex);
+    return m_isDelivering;
+}
+
+void SearchTable::cancelAll(const log::Tag& tag)
+{
+    MutexLocker lock(m_mutex, positions::sessionDestructorLock);
+    m_isEnding = true;
+    auto searches = std::exchange(m_asyncSearches, {});
+    lock.unlock();
+    for (auto& [context, search] : searches) {
+        context->giveUpTurn();
+        callFromDestructor(tag, [&handler = search.second] { handler(Result::cancelled, {}); });
+    }
+    searches.clear();
+    // Before the mutex and the table go: a completion on another thread either finishes its work on them
+    // first or finds the guard invalid. Our own completion, if this runs in one, is not waited for.
+    m_asyncGuard.invalidate();
+    search_threads::joinAnnounced();
+}
+
+} // namespace tavo::ldap

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <ldap.h>
+
+namespace tavo::ldap {
+
+/// Sets how strictly the handle verifies certificates, and gives it a TLS context of its own that does so.
+/// \param isSecure whether the handle's connection uses TLS from the first byte
+/// \throws BaseError
+void setUpTls(LDAP* ld, bool isSecure, bool ignoreCertificateErrors);
+
+/// Gives a handle that verifies certificates the authorities that the host trusts, for the StartTLS that
+/// follows.
+/// \throws BaseError
+void prepareStartTls(LDAP* ld);
+
+/// Forgets what earlier calls have left in this thread's OpenSSL error queue.
+void clearTlsErrors();
+
+/// Consumes one error of this thread's OpenSSL queue.
+/// \throws TlsError when it is one of TLS, and so tells why the last call failed
+void throwTlsErrorIfAny(int ldapCode, int systemError);
+
+} // namespace tavo::ldap

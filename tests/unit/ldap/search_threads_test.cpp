@@ -1,0 +1,71 @@
+#include <ldap/private/search_threads.h>
+
+#include <cstdint>
+
+#include <gtest/gtest.h>
+
+namespace tavo::ldap::search_threads {
+
+namespace {
+
+TEST(SearchThreadsTest, areWaitedForInTheOrderInWhichTheyAnnouncedTheirEnd)
+{
+    EndingThreads threads;
+    EXPECT_TRUE(threads.isDoneWith(threads.lastNumber(), nullptr));
+    EndingThreads::Node first;
+    EndingThreads::Node second;
+    threads.add(first);
+    const std::uint64_t beforeSecond = threads.lastNumber();
+    threads.add(second);
+    threads.add(first);
+    const std::uint64_t both = threads.lastNumber();
+
+    EXPECT_FALSE(threads.isDoneWith(beforeSecond, nullptr));
+    threads.remove(first);
+    EXPECT_TRUE(threads.isDoneWith(beforeSecond, nullptr));
+    EXPECT_FALSE(threads.isDoneWith(both, nullptr));
+    threads.remove(second);
+    EXPECT_TRUE(threads.isDoneWith(both, nullptr));
+}
+
+// Or a process in which there is always one that is ending would never be done.
+TEST(SearchThreadsTest, areNotWaitedForWhenTheyAnnounceTheirEndLater)
+{
+    EndingThreads threads;
+    const std::uint64_t nobody = threads.lastNumber();
+    EndingThreads::Node later;
+    threads.add(later);
+
+    EXPECT_TRUE(threads.isDoneWith(nobody, nullptr));
+}
+
+TEST(SearchThreadsTest, doNotWaitForThemselves)
+{
+    EndingThreads threads;
+    EndingThreads::Node self;
+    EndingThreads::Node other;
+    threads.add(self);
+    EXPECT_TRUE(threads.isDoneWith(threads.lastNumber(), &self));
+    threads.add(other);
+
+    EXPECT_FALSE(threads.isDoneWith(threads.lastNumber(), &self));
+    EXPECT_FALSE(threads.isDoneWith(threads.lastNumber(), &other));
+    threads.remove(other);
+    EXPECT_TRUE(threads.isDoneWith(threads.lastNumber(), &self));
+}
+
+TEST(SearchThreadsTest, leaveTheQueueOnlyIfTheyWereInIt)
+{
+    EndingThreads threads;
+    EndingThreads::Node inside;
+    EndingThreads::Node outside;
+    threads.add(inside);
+
+    threads.remove(outside);
+
+    EXPECT_FALSE(threads.isDoneWith(threads.lastNumber(), nullptr));
+}
+
+} // namespace
+
+} // namespace tavo::ldap::search_threads
