@@ -1,4 +1,4 @@
-"""Compares the lines that no test reaches with docs/coverage.md, which gives the reason for each.
+"""Compares the lines that no test reaches with tests/evidence/coverage.md, which gives the reason for each.
 
 usage: coverage.py FOLDER, which holds gcovr's coverage.json
 """
@@ -8,7 +8,7 @@ import pathlib
 import re
 import sys
 
-DOCUMENT = pathlib.Path("docs/coverage.md")
+DOCUMENT = pathlib.Path("tests/evidence/coverage.md")
 
 
 def uncovered_lines(report):

@@ -50,12 +50,12 @@ all_tests() {
 }
 
 documented_tests() {
-    git grep --untracked -ohP '`\K[A-Z]\w*\.\w+(?=`)' -- docs | sort -u
+    git grep --untracked -ohP '`\K[A-Z]\w*\.\w+(?=`)' -- docs tests/evidence | sort -u
 }
 
 # A line of a table with a column of tests has a test there.
 documented_without_test() {
-    git ls-files -z --cached --others --exclude-standard -- docs | xargs -0 awk -F '|' '
+    git ls-files -z --cached --others --exclude-standard -- docs tests/evidence | xargs -0 awk -F '|' '
         !/^\|/ { in_table = 0; next }
         in_table && !/^\|---/ && $(NF - 1) !~ /`[A-Z][A-Za-z0-9]*\.[A-Za-z0-9]+`/ { print FILENAME ": no test: " $0 }
         $(NF - 1) ~ /^ (test|pinned by) $/ { in_table = 1 }'
