@@ -26,8 +26,8 @@ cmd_coverage() {
     build coverage && forget_coverage && run_tests coverage -LE '^package$' || return
     step "coverage" report_coverage || status=1
     grep -E '^(lines|branches): ' "$logs/coverage.log" | sed 's/^/     /' || true
-    step "docs coverage" python3 dev.d/coverage.py build/coverage || status=1
-    grep '^no test reaches' "$logs/docs-coverage.log" | sed 's/^/     /' || true
+    step "coverage reasons" python3 dev.d/coverage.py build/coverage || status=1
+    grep '^no test reaches' "$logs/coverage-reasons.log" | sed 's/^/     /' || true
     echo "     build/coverage/index.html shows it line by line"
     return "$status"
 }

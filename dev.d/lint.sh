@@ -76,15 +76,20 @@ all_tests() {
 }
 
 documented_tests() {
-    git grep --untracked -ohP '`\K[A-Z]\w*\.\w+(?=[` ])' -- docs tests/evidence | sort -u
+    git grep --untracked -ohP '`\K[A-Z]\w*\.\w+(?=[` ])' -- tests/evidence | sort -u
 }
 
 # A row of a table with a column of tests has a test there.
 documented_without_test() {
-    git ls-files -z --cached --others --exclude-standard -- docs tests/evidence | xargs -0 awk -F '|' '
+    git ls-files -z --cached --others --exclude-standard -- tests/evidence | xargs -0 awk -F '|' '
         !/^\|/ { in_table = 0; next }
         in_table && !/^\|---/ && $(NF - 1) !~ /`[A-Z][A-Za-z0-9]*\.[A-Za-z0-9]+`/ { print FILENAME ": no test: " $0 }
         $(NF - 1) == " test " { in_table = 1 }'
+}
+
+# The manual is for users of the library, to whom a test says nothing.
+tests_in_manual() {
+    git grep --untracked -nwFf <(all_tests) -- docs README.md
 }
 
 # names_marked MARK REPORT: the tests that GoogleTest marks so in a report of a run, without their instances.
@@ -108,6 +113,7 @@ lint_documents() {
     local faults
     faults=$(comm -23 <(documented_tests) <(all_tests) | sed 's/^/there is no such test: /' &&
         documented_without_test &&
+        { tests_in_manual || true; } | sed 's/^/a test in the manual: /' &&
         documented_but_not_passed | sed 's/^/did not pass in the last run of all tests: /') || return
     echo "$faults"
     [ -z "$faults" ]
