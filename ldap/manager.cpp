@@ -1,9 +1,9 @@
 #include <ldap/manager.h>
 
-#include <ldap/dn.h>
 #include <ldap/entry.h>
-#include <ldap/error.h>
 #include <ldap/open_session.h>
+#include <ldap/private/group_reader.h>
+#include <ldap/private/user_reader.h>
 #include <ldap/private/wipe.h>
 #include <ldap/session.h>
 #include <ldap/tavo_ldap_ini.h>
@@ -40,59 +40,6 @@ QString combinedFilter(const QString& callersFilter, const Filter& configured)
 
 bool isSuccess(Result result) { return result == Result::ok || result == Result::moreResults; }
 
-/// How the entries of a fetch become users.
-struct UserReader
-{
-    using Record = User;
-
-    static void warnOfFailure(const log::Tag& tag, Result result)
-    {
-        TAVO_LOG_WARNING(tag, u"Users fetching error: %1", toString(result));
-    }
-
-    static void logCount(const log::Tag& tag, std::size_t count)
-    {
-        TAVO_LOG_VERBOSE(tag, u"Found %1 users", count);
-    }
-
-    void read(const log::Tag& tag, SearchEntry entry, std::vector<User>& users) const
-    {
-        User user = User::fromSearchEntry(std::move(entry), loginAttribute);
-        if (user.login.isEmpty()) {
-            TAVO_LOG_DEBUG(tag, u"Ignoring entry with empty login: %1", user.dn);
-            return;
-        }
-        users.push_back(std::move(user));
-    }
-
-    QByteArray loginAttribute;
-};
-
-/// How the entries of a fetch become groups.
-struct GroupReader
-{
-    using Record = Group;
-
-    static void warnOfFailure(const log::Tag& tag, Result result)
-    {
-        TAVO_LOG_WARNING(tag, u"Groups fetching error: %1", toString(result));
-    }
-
-    static void logCount(const log::Tag& tag, std::size_t count)
-    {
-        TAVO_LOG_VERBOSE(tag, u"Found %1 groups", count);
-    }
-
-    void read(const log::Tag&, SearchEntry entry, std::vector<Group>& groups) const
-    {
-        std::vector<QString> members = entry.getAttribute(memberAttribute).values;
-        QString name = dnFirstItem(entry.dn);
-        groups.push_back({std::move(entry.dn), std::move(name), std::move(members)});
-    }
-
-    QString memberAttribute;
-};
-
 class ManagerImpl final : public Manager
 {
 public:
@@ -117,7 +64,8 @@ public:
 
     SearchContext* fetchUsersAsync(UsersHandler handler, const SearchFilter& filter) override
     {
-        return fetch(UserReader{m_loginAttribute}, std::move(handler), filter, m_userFilter, m_userAttributes);
+        return fetch(
+            UserReader{m_loginAttribute}, std::move(handler), filter, m_userFilter, m_userAttributes);
     }
 
     SearchContext* fetchGroupsAsync(GroupsHandler handler, const SearchFilter& filter) override
@@ -190,31 +138,6 @@ Manager::~Manager() = default;
 std::unique_ptr<Manager> createManagerOrThrow(Settings settings)
 {
     return std::make_unique<ManagerImpl>(std::move(settings));
-}
-
-bool testLdapConnection(const Settings& settings)
-{
-    try {
-        const auto session = openSession(settings);
-        session->bind(settings.adminDn, settings.adminPassword);
-        return true;
-    } catch (const BaseError&) {
-        return false;
-    }
-}
-
-std::future<void> testLdapConnectionAsync(const Settings& settings, utils::MoveOnlyFunc<void()> onFailure)
-{
-    auto task = [settings = Settings(settings), onFailure = std::move(onFailure)]() mutable {
-        // Moved out of the task, which lives as long as the future: password and handler shall not.
-        Settings tested = std::move(settings);
-        const utils::ScopeGuard wipePassword([&] { wipe(tested.adminPassword); });
-        utils::MoveOnlyFunc<void()> handler = std::move(onFailure);
-        if (!testLdapConnection(tested)) {
-            handler();
-        }
-    };
-    return std::async(std::launch::async, std::move(task));
 }
 
 } // namespace tavo::ldap

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <ldap/connection_test.h>
 #include <ldap/error.h>
 #include <ldap/export.h>
 #include <ldap/result.h>
@@ -8,7 +9,6 @@
 #include <ldap/user.h>
 #include <tavo_utils/move_only_func.h>
 
-#include <future>
 #include <memory>
 #include <vector>
 
@@ -16,10 +16,11 @@ namespace tavo::ldap {
 
 class SearchContext;
 
-/// The handler of a fetch: called any number of times with `Result::moreResults` and one page of records, then
-/// once with any other result and the last page (`Result::ok`) or nothing. On the fetch's own thread.
+/// The handler of a fetch: called any number of times with `Result::moreResults` and one page of records,
+/// then once with any other result and the last page (`Result::ok`) or nothing. On the fetch's own thread.
 ///
-/// The final call doesn't come when the last page holds a record whose DN can't be parsed; a warning is logged.
+/// The final call doesn't come when the last page holds a record whose DN can't be parsed; a warning is
+/// logged.
 using UsersHandler = utils::MoveOnlyFunc<void(Result, std::vector<User>)>;
 
 /// The same for groups.
@@ -57,8 +58,8 @@ public:
 
     /// Detaches a fetch: its handler is dropped and not called again. Thread-safe. Waits for an intermediate
     /// call that is running on another thread. Comes too late for a fetch whose final call is due: another
-    /// thread may be making that call, or be about to, when this returns. What the handler uses must therefore
-    /// outlive the handler. An unknown or ended fetch is ignored.
+    /// thread may be making that call, or be about to, when this returns. What the handler uses must
+    /// therefore outlive the handler. An unknown or ended fetch is ignored.
     virtual void stopAsyncFetch(SearchContext* context) = 0;
 
 protected:
@@ -71,20 +72,5 @@ protected:
 /// anonymously. The library's log gets the settings at verbose level, without the password.
 /// \throws InvalidCredentialsError, TlsError, BaseError
 TAVO_LDAP_EXPORT std::unique_ptr<Manager> createManagerOrThrow(Settings settings);
-
-/// Whether the server can be reached (with TLS as the settings ask for it) and accepts the credentials.
-/// Blocks.
-///
-/// The reason of a failure is logged at debug level. Nothing is searched: what the account may read isn't tested.
-TAVO_LDAP_EXPORT bool testLdapConnection(const Settings& settings);
-
-/// Runs `testLdapConnection` on a thread of its own and calls `onFailure` there when the test fails. Nothing is
-/// called when it succeeds.
-///
-/// Destroying the returned future waits for the test. `get()` rethrows what `onFailure` threw and any failure
-/// that is no `BaseError`; with an empty `onFailure` a failed test gives `std::bad_function_call`.
-/// \throws std::system_error when no thread can be had
-TAVO_LDAP_EXPORT std::future<void> testLdapConnectionAsync(
-    const Settings& settings, utils::MoveOnlyFunc<void()> onFailure);
 
 } // namespace tavo::ldap

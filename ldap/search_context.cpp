@@ -10,6 +10,7 @@
 #include <ldap/private/search_request.h>
 #include <ldap/private/search_response.h>
 #include <ldap/private/search_threads.h>
+#include <ldap/private/sigpipe_guard.h>
 #include <tavo_utils/assert.h>
 #include <tavo_utils/formatter.h>
 #include <tavo_utils/log.h>

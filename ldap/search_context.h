@@ -69,8 +69,8 @@ public:
     /// the final result. Any other exception is logged; the final call, `Result::cancelled`, then comes when
     /// the context is stopped or destroyed.
     ///
-    /// \throws std::system_error when no thread can be had, std::bad_weak_ptr without an owner; the handler is
-    ///         dropped uncalled then
+    /// \throws std::system_error when no thread can be had, std::bad_weak_ptr without an owner; the handler
+    ///         is dropped uncalled then
     void asyncSearch(SearchHandler handler, int pageSize);
 
     /// Whether a search was started whose final call hasn't begun.

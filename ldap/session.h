@@ -96,8 +96,8 @@ public:
     /// Several searches may be started. Unless `detectLdapVendor` has found Active Directory they run one
     /// after the other, in the order of their start, because an OpenLDAP server pages one search for each
     /// connection.
-    /// \param handler called on the search's thread: with `Result::moreResults` for each full page of several,
-    ///        and once at the end with any other result
+    /// \param handler called on the search's thread: with `Result::moreResults` for each full page of
+    ///        several, and once at the end with any other result
     /// \param pageSize entries per page; below 1 the handler gets `Result::ok` and nothing, on this thread
     /// \return what `stopAsyncSearch` takes; owned by the session, for no other use
     /// \throws BaseError when the handle can't be duplicated, or (LDAP_USER_CANCELLED) in a handler whose
@@ -117,9 +117,9 @@ public:
     ///
     /// A handler can't use it in an intermediate call of the same session, during which no other search can
     /// deliver: refused with `std::errc::resource_deadlock_would_occur`.
-    /// \throws std::future_error when `stopAsyncSearch` has detached the search, or when it ran out of memory;
-    ///         BaseError when the handle can't be duplicated; std::system_error when no thread can be had, or
-    ///         on that refusal
+    /// \throws std::future_error when `stopAsyncSearch` has detached the search, or when it ran out of
+    ///         memory; BaseError when the handle can't be duplicated; std::system_error when no thread can
+    ///         be had, or on that refusal
     std::variant<Result, std::vector<SearchEntry>> search(SearchParams params, int pageSize);
 
     /// Reads the root DSE to find out which kind of directory this is. Blocks. A server that can't be asked

@@ -32,7 +32,8 @@ struct User
 
     /// Makes a user of an entry that was read with `attributes()` and the login attribute.
     ///
-    /// Rejects nothing: fields that the entry lacks stay empty. An empty `loginAttribute` gives an empty login.
+    /// Rejects nothing: fields that the entry lacks stay empty, and so does the login when
+    /// `loginAttribute` is empty.
     /// \throws BaseError when there is no display name and the DN can't be parsed
     TAVO_LDAP_EXPORT static User fromSearchEntry(SearchEntry entry, const QByteArray& loginAttribute);
 

@@ -18,8 +18,8 @@ namespace tavo::ldap {
 class BaseError;
 class SearchTicket;
 
-/// The search that a page loop reads the pages of, as it looks from the loop's thread. Another thread may stop
-/// it at any time.
+/// The search whose pages a page loop reads, as the loop's thread sees it. Another thread may stop it at any
+/// time.
 class PagedSearch
 {
 public:

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <ldap/export.h>
+#include <ldap/settings.h>
+#include <tavo_utils/move_only_func.h>
+
+#include <future>
+
+namespace tavo::ldap {
+
+/// Whether the server can be reached (with TLS as the settings ask for it) and accepts the credentials.
+/// Blocks.
+///
+/// The reason of a failure is logged at debug level. Nothing is searched: what the account may read isn't
+/// tested.
+TAVO_LDAP_EXPORT bool testLdapConnection(const Settings& settings);
+
+/// Runs `testLdapConnection` on a thread of its own and calls `onFailure` there when the test fails. Nothing
+/// is called when it succeeds.
+///
+/// Destroying the returned future waits for the test. `get()` rethrows what `onFailure` threw and any failure
+/// that is no `BaseError`; with an empty `onFailure` a failed test gives `std::bad_function_call`.
+/// \throws std::system_error when no thread can be had
+TAVO_LDAP_EXPORT std::future<void> testLdapConnectionAsync(
+    const Settings& settings, utils::MoveOnlyFunc<void()> onFailure);
+
+} // namespace tavo::ldap

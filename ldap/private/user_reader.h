@@ -1,0 +1,30 @@
+#pragma once
+
+#include <ldap/entry.h>
+#include <ldap/result.h>
+#include <ldap/user.h>
+#include <tavo_utils/log.h>
+
+#include <QByteArray>
+
+#include <cstddef>
+#include <vector>
+
+namespace tavo::ldap {
+
+/// Turns the entries of a fetch into users, and says in the log how the fetch goes.
+struct UserReader
+{
+    using Record = User;
+
+    static void warnOfFailure(const log::Tag& tag, Result result);
+    static void logCount(const log::Tag& tag, std::size_t count);
+
+    /// Appends the entry's user, unless it has no login.
+    /// \throws BaseError when the entry's DN is needed and can't be parsed
+    void read(const log::Tag& tag, SearchEntry entry, std::vector<User>& users) const;
+
+    QByteArray loginAttribute;
+};
+
+} // namespace tavo::ldap
