@@ -119,6 +119,11 @@ lint_documents() {
     [ -z "$faults" ]
 }
 
+# No include runs against the drawing of modules in ARCHITECTURE.md.
+lint_includes() {
+    python3 dev.d/lint_includes.py
+}
+
 cmd_lint() {
     local failures=0
     install_missing build test lint
@@ -127,6 +132,7 @@ cmd_lint() {
     step "readme" lint_readme || failures=1
     step "by-design" lint_by_design || failures=1
     step "documents" lint_documents || failures=1
+    step "includes" lint_includes || failures=1
     build clang || failures=1
     build dev || return
     step "clang-tidy" lint_tidy || failures=1
