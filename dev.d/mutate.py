@@ -1,6 +1,7 @@
 """Breaks the library in one spot at a time, in a copy of the tree, and runs the tests that should notice.
 
-usage: mutate.py [NAME]     NAME: a regular expression; only the mutations whose file and title match
+usage: mutate.py [NAME]     NAME: a regular expression, matched against "LIST: SOURCE FILE: TITLE"
+       mutate.py --check    only verifies that each spot is found exactly once; builds nothing
 
 The spots are in tests/mutations/*.txt, whose README.md tells their form. Prints a line for each: the test that
 failed, or SURVIVED when none did. The table is also written to build/mutate/mutations.md.
@@ -26,10 +27,12 @@ PRESET_OPTIONS = {"dev": ["-DCMAKE_CXX_FLAGS_DEBUG=-O0"]}
 DEADLINE = 20
 # With the deadlines of several tests that wait for each other's end.
 LIMIT = 300
+# Where spots are looked for.
+SOURCES = ["ldap", "support", "tools"]
 
 
 class Mistake(Exception):
-    """What is wrong with the list, or with the tree before anything is broken."""
+    """What is wrong with a list, or with the tree before anything is broken."""
 
 
 @dataclasses.dataclass(frozen=True)
@@ -45,6 +48,7 @@ class Check:
 
 @dataclasses.dataclass
 class Mutation:
+    list_name: str
     place: str
     title: str = ""
     file: str = ""
@@ -52,10 +56,19 @@ class Mutation:
     new: str = ""
     checks: list = dataclasses.field(default_factory=list)
 
+    @property
+    def spot(self):
+        """With the end of the line before, so that it is found at the beginning of a line only."""
+        return "\n" + self.old
+
+    def occurrences(self, text):
+        return ("\n" + text).count(self.spot)
+
     def applied_to(self, text):
-        if text.count(self.old) != 1:
-            raise Mistake(f"{self.place}: this is in {self.file} {text.count(self.old)} times and not once:\n{self.old}")
-        return text.replace(self.old, self.new)
+        return ("\n" + text).replace(self.spot, "\n" + self.new)[1:]
+
+    def __str__(self):
+        return f"{self.list_name}: {self.file}: {self.title}"
 
 
 def parse_check(text):
@@ -69,15 +82,13 @@ def parse_line(mutation, line):
         mutation.old += line[1:] + "\n"
     if line[0] in " +":
         mutation.new += line[1:] + "\n"
-    elif line.startswith("file: "):
-        mutation.file = line[6:]
     elif line.startswith("test: "):
         mutation.checks.append(parse_check(line[6:]))
     elif line[0] != "-":
         mutation.title = f"{mutation.title} {line}".strip()
 
 
-def read_list():
+def read_lists():
     mutations = []
     for path in sorted((TREE / "tests" / "mutations").glob("*.txt")):
         current = None
@@ -86,13 +97,40 @@ def read_list():
                 current = None
                 continue
             if current is None:
-                current = Mutation(f"{path.relative_to(TREE)}:{number}")
+                current = Mutation(path.stem, f"{path.relative_to(TREE)}:{number}")
                 mutations.append(current)
             parse_line(current, line)
-    for mutation in mutations:
-        if not (mutation.title and mutation.file and mutation.checks and mutation.old != mutation.new):
-            raise Mistake(f"{mutation.place}: a mutation needs a title, a file, a test and a change")
-        mutation.applied_to((TREE / mutation.file).read_text())
+    return mutations
+
+
+def read_sources():
+    """The text of each source file, by its name."""
+    paths = [path for folder in SOURCES for path in (TREE / folder).rglob("*") if path.suffix in (".h", ".cpp")]
+    return {str(path.relative_to(TREE)): path.read_text() for path in sorted(paths)}
+
+
+def locate(mutation, sources):
+    """Sets the mutation's file. The reason when that can't be done, or when the mutation isn't one."""
+    if not (mutation.title and mutation.checks and mutation.old):
+        return "a mutation needs a title, a test and a spot"
+    if mutation.old == mutation.new:
+        return "the change changes nothing"
+    found = {name: count for name, text in sources.items() if (count := mutation.occurrences(text))}
+    if sum(found.values()) == 1:
+        [mutation.file] = found
+        return None
+    where = ", ".join(f"{name} ({count})" for name, count in found.items())
+    reason = f"this spot is in several places, {where}" if found else f"this spot is nowhere in {', '.join(SOURCES)}"
+    return f"{reason}:\n{mutation.old}"
+
+
+def located_mutations():
+    mutations = read_lists()
+    sources = read_sources()
+    faults = [f"{mutation.place}: {mutation.title}: {reason}" for mutation in mutations
+              if (reason := locate(mutation, sources))]
+    if faults:
+        raise Mistake("\n".join([f"{len(faults)} of {len(mutations)} mutations are at fault", *faults]))
     return mutations
 
 
@@ -193,15 +231,21 @@ def cell(text):
 
 def write_table(rows):
     caught = sum(row[1] for row in rows)
-    lines = [f"{caught} of {len(rows)} mutations caught.", "", "| file | what was broken | noticed by |", "|---|---|---|"]
-    lines += [f"| `{mutation.file}` | {cell(mutation.title)} | {f'`{text}`' if good else cell(text)} |"
+    lines = [f"{caught} of {len(rows)} mutations caught.", "", "| list | what was broken | noticed by |", "|---|---|---|"]
+    lines += [f"| `{mutation.list_name}` | {cell(mutation.title)} | {f'`{text}`' if good else cell(text)} |"
               for mutation, good, text in rows]
     (COPY / "mutations.md").write_text("\n".join(lines) + "\n")
 
 
-def main():
-    wanted = re.compile(sys.argv[1] if len(sys.argv) > 1 else "")
-    chosen = [mutation for mutation in read_list() if wanted.search(f"{mutation.file}: {mutation.title}")]
+def check_spots():
+    mutations = located_mutations()
+    lines = sum(mutation.old.count("\n") for mutation in mutations)
+    print(f"{len(mutations)} mutations, {lines} lines: each spot was found exactly once")
+
+
+def mutate(pattern):
+    wanted = re.compile(pattern)
+    chosen = [mutation for mutation in located_mutations() if wanted.search(str(mutation))]
     if not chosen:
         raise Mistake("there is no such mutation")
     copy_tree()
@@ -210,12 +254,17 @@ def main():
         started = time.monotonic()
         good, text = try_mutation(mutation)
         rows.append((mutation, good, text))
-        print(f"{'ok  ' if good else 'FAIL'} {mutation.file}: {mutation.title}: {text}"
+        print(f"{'ok  ' if good else 'FAIL'} {mutation.list_name}: {mutation.title}: {text}"
               f" ({time.monotonic() - started:.0f} s)", flush=True)
     write_table(rows)
     missed = sum(not good for _, good, _ in rows)
     print(f"{len(rows) - missed} of {len(rows)} mutations caught")
     return missed != 0
+
+
+def main():
+    argument = sys.argv[1] if len(sys.argv) > 1 else ""
+    return check_spots() if argument == "--check" else mutate(argument)
 
 
 if __name__ == "__main__":
