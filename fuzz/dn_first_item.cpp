@@ -1,7 +1,7 @@
 // Distinguished names of any shape, and names made of any value.
 
-#include "host.h"
 #include "invariant.h"
+#include "process_setup.h"
 
 #include <ldap/utils.h>
 
@@ -82,7 +82,7 @@ void checkValue(const QByteArray& value)
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    tavo::fuzz::setUpHost();
+    tavo::fuzz::setUpProcess();
     return 0;
 }
 

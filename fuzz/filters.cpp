@@ -1,9 +1,9 @@
 // The filter of a caller and the one of the settings, and what the server is asked for.
 
-#include "fed_server.h"
 #include "filter_grammar.h"
-#include "host.h"
+#include "fuzzed_server.h"
 #include "invariant.h"
+#include "process_setup.h"
 
 #include <ldap/manager.h>
 
@@ -26,9 +26,9 @@ bool isWellFormed(const QString& text)
 /// What the client library makes of a filter, in its text form; nothing when it refuses it.
 std::optional<Bytes> encoded(const QString& filter)
 {
-    FedServer server({});
+    FuzzedServer server({});
     LDAP* handle = nullptr;
-    require(FedServer::connect(&handle) == LDAP_SUCCESS, "a handle can be made");
+    require(FuzzedServer::connect(&handle) == LDAP_SUCCESS, "a handle can be made");
     const std::unique_ptr<LDAP, int (*)(LDAP*)> owner(handle, &ldap_destroy);
     int messageId = 0;
     const int rc = ldap_search_ext(handle, "", LDAP_SCOPE_BASE, filter.toUtf8().constData(), nullptr, 0,
@@ -46,7 +46,7 @@ std::optional<Bytes> encoded(const QString& filter)
 /// The filter that a manager sends for its groups; nothing when it sends none.
 std::optional<Bytes> fetched(const QString& callers, const QString& objectClass)
 {
-    FedServer server({}, managerGreeting(false));
+    FuzzedServer server({}, managerGreeting(false));
     ldap::Settings settings;
     settings.uri = utils::Url(kUrl);
     settings.groupObjectClass = objectClass;
@@ -97,7 +97,7 @@ void check(const QString& callers, const QString& objectClass)
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    tavo::fuzz::setUpHost();
+    tavo::fuzz::setUpProcess();
     return 0;
 }
 

@@ -1,7 +1,7 @@
 // INI files as an administrator may leave them.
 
-#include "host.h"
 #include "invariant.h"
+#include "process_setup.h"
 
 #include <tavo_kit/ini_config.h>
 #include <tavo_utils/log.h>
@@ -169,7 +169,7 @@ void checkChanged(Reader& reader, const QByteArray& content)
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    tavo::fuzz::setUpHost();
+    tavo::fuzz::setUpProcess();
     return 0;
 }
 

@@ -1,8 +1,8 @@
 // Texts of any UTF-16 and any bytes, written as JSON and read back by another implementation.
 
-#include "host.h"
 #include "invariant.h"
 #include "parsed_json.h"
+#include "process_setup.h"
 
 #include <ldap/settings.h>
 #include <ldap/user.h>
@@ -80,7 +80,7 @@ void checkBytes(std::string_view bytes)
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    tavo::fuzz::setUpHost();
+    tavo::fuzz::setUpProcess();
     return 0;
 }
 

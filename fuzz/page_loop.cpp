@@ -1,9 +1,9 @@
 // A server that says anything, and the paged search that reads it: entries, cookies, records, JSON.
 
-#include "fed_server.h"
-#include "host.h"
+#include "fuzzed_server.h"
 #include "invariant.h"
 #include "parsed_json.h"
+#include "process_setup.h"
 
 #include <ldap/manager.h>
 #include <ldap/session.h>
@@ -191,7 +191,7 @@ void run(const Plan& plan, Bytes messages)
 {
     Calls calls;
     lastPageWasLost() = false;
-    FedServer server(
+    FuzzedServer server(
         {std::move(messages), plan.isRaw, plan.comesInSingleBytes}, managerGreeting(plan.isActiveDirectory));
     switch (plan.kind) {
     case 0:
@@ -217,7 +217,7 @@ void run(const Plan& plan, Bytes messages)
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    tavo::fuzz::setUpHost();
+    tavo::fuzz::setUpProcess();
     tavo::ldap::ini().logResponseReferences = true;
     return 0;
 }

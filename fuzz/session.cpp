@@ -1,8 +1,8 @@
 // A server that says anything, and what a client asks it before it searches.
 
-#include "fed_server.h"
-#include "host.h"
+#include "fuzzed_server.h"
 #include "invariant.h"
+#include "process_setup.h"
 
 #include <ldap/session.h>
 
@@ -79,7 +79,7 @@ void bind(ldap::Session& session, bool isAnonymous, const Bytes& said)
 void run(const Plan& plan, Bytes messages)
 {
     const Bytes said = messages;
-    FedServer server({std::move(messages), plan.isRaw, plan.comesInSingleBytes});
+    FuzzedServer server({std::move(messages), plan.isRaw, plan.comesInSingleBytes});
     std::optional<ldap::Session> session;
     if (!succeeds([&] {
             session.emplace(utils::Url(QStringLiteral("ldap://directory.test")), plan.startsTls, true);
@@ -102,7 +102,7 @@ void run(const Plan& plan, Bytes messages)
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    tavo::fuzz::setUpHost();
+    tavo::fuzz::setUpProcess();
     return 0;
 }
 

@@ -1,7 +1,7 @@
 // URLs as an administrator may type them, and what the client library is given of them.
 
-#include "host.h"
 #include "invariant.h"
+#include "process_setup.h"
 
 #include <ldap/utils.h>
 #include <tavo_utils/url.h>
@@ -94,7 +94,7 @@ void check(const QString& text)
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    tavo::fuzz::setUpHost();
+    tavo::fuzz::setUpProcess();
     return 0;
 }
 

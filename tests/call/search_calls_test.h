@@ -4,7 +4,7 @@
 
 #include "support/log_capture.h"
 #include "support/scripted_server.h"
-#include "wire/search_test.h"
+#include "wire/scripted_session_test.h"
 
 #include <memory>
 #include <utility>

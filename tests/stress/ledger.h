@@ -16,7 +16,7 @@ enum class Event : std::size_t
     // What threads and handlers do.
     createManager,
     createSession,
-    destroySource,
+    destroyOwner,
     fetchUsers,
     fetchGroups,
     asyncSearch,

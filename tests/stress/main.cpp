@@ -1,4 +1,4 @@
-// stress [SECONDS [SEED]]: many threads use the library at random, over connections that meet with accidents,
+// stress [SECONDS [SEED]]: many threads use the library at random, over connections that stall and break,
 // and every promise about searches and resources is checked meanwhile and at the end.
 #include "resources.h"
 #include "worker.h"
@@ -75,7 +75,7 @@ public:
         , m_world{m_ledger, {slapd.rootDn(), slapd.rootPassword()}, std::deque<Slot>(kThreads + kThreads / 4)}
     {
         for (std::size_t i = 0; i < kThreads; ++i) {
-            m_roads.emplace_back(slapd.port(), m_ledger, m_stalls);
+            m_relays.emplace_back(slapd.port(), m_ledger, m_stalls);
         }
     }
 
@@ -127,7 +127,7 @@ private:
         std::vector<std::future<void>> threads;
         for (std::size_t i = 0; i < kThreads; ++i) {
             threads.push_back(std::async(std::launch::async, [this, i, end, dice = m_dice.split()] {
-                Worker(m_world, m_roads[i], i, dice).runUntil(end);
+                Worker(m_world, m_relays[i], i, dice).runUntil(end);
             }));
         }
         for (std::size_t i = 0; i < kThreads; ++i) {
@@ -138,16 +138,16 @@ private:
         }
     }
 
-    /// Every search comes to its end without help; then the sources go, and with them the connections.
+    /// Every search comes to its end without help; then the owners go, and with them the connections.
     void settle()
     {
         for (Slot& slot : m_world.slots) {
-            const std::shared_ptr<Source> source = slot.source();
-            if (source && !source->hasEnded() && !source->waitForSettled(0, kPatience)) {
+            const std::shared_ptr<SearchOwner> owner = slot.owner();
+            if (owner && !owner->hasEnded() && !owner->waitForSettled(0, kPatience)) {
                 giveUp(m_ledger, "searches never end");
             }
         }
-        auto ended = std::async(std::launch::async, [this] { endSources(); });
+        auto ended = std::async(std::launch::async, [this] { endOwners(); });
         if (ended.wait_for(kPatience) != std::future_status::ready) {
             giveUp(m_ledger, "the end of a manager or session hangs");
         }
@@ -155,22 +155,22 @@ private:
         m_stalls.openAll();
     }
 
-    void endSources()
+    void endOwners()
     {
         for (Slot& slot : m_world.slots) {
-            const std::shared_ptr<Source> source = slot.source();
-            endSource(source.get());
+            const std::shared_ptr<SearchOwner> owner = slot.owner();
+            endOwner(owner.get());
             slot.put(nullptr);
         }
     }
 
     /// A handler may still be using it, or about to end it, too.
-    static void endSource(Source* source)
+    static void endOwner(SearchOwner* owner)
     {
-        while (source != nullptr && !source->hasEnded()) {
-            const Claim claim(source->claim());
-            if (claim && !source->hasEnded()) {
-                source->end();
+        while (owner != nullptr && !owner->hasEnded()) {
+            const Claim claim(owner->claim());
+            if (claim && !owner->hasEnded()) {
+                owner->end();
             }
             std::this_thread::yield();
         }
@@ -182,8 +182,8 @@ private:
         require(now.threads == m_start.threads, "threads are left");
         require(now.handles == m_start.handles, "connection handles are left");
         require(Search::liveHandlers() == 0, "handlers are left");
-        for (const Road& road : m_roads) {
-            road.waitUntilIdle();
+        for (const FaultyRelay& relay : m_relays) {
+            relay.waitUntilIdle();
         }
         require(Resources::now().descriptors == m_start.descriptors, "descriptors are left");
     }
@@ -222,8 +222,8 @@ private:
     std::size_t connections() const
     {
         std::size_t sum = 0;
-        for (const Road& road : m_roads) {
-            sum += road.connections();
+        for (const FaultyRelay& relay : m_relays) {
+            sum += relay.connections();
         }
         return sum;
     }
@@ -238,7 +238,7 @@ private:
     Dice m_dice;
     World m_world;
     StallTimer m_stalls;
-    std::deque<Road> m_roads;
+    std::deque<FaultyRelay> m_relays;
     Resources m_start;
     Resources m_warm;
     Clock::time_point m_began;

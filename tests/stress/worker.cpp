@@ -8,26 +8,26 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// Searches of one source under way at a time, but for those that handlers start.
+/// Searches of one owner under way at a time, but for those that handlers start.
 constexpr std::size_t kSearches = 6;
 
 } // namespace
 
-std::shared_ptr<Source> Slot::source() const
+std::shared_ptr<SearchOwner> Slot::owner() const
 {
     const std::lock_guard lock(m_mutex);
-    return m_source;
+    return m_owner;
 }
 
-void Slot::put(std::shared_ptr<Source> source)
+void Slot::put(std::shared_ptr<SearchOwner> owner)
 {
     const std::lock_guard lock(m_mutex);
-    m_source.swap(source);
+    m_owner.swap(owner);
 }
 
-Worker::Worker(World& world, Road& road, std::size_t ownSlot, Dice dice)
+Worker::Worker(World& world, FaultyRelay& relay, std::size_t ownSlot, Dice dice)
     : m_world(world)
-    , m_road(road)
+    , m_relay(relay)
     , m_ownSlot(ownSlot)
     , m_dice(std::move(dice))
 {}
@@ -46,45 +46,45 @@ void Worker::step()
         return;
     }
     Slot& slot = anySlot();
-    const std::shared_ptr<Source> source = slot.source();
-    if (!source || source->hasEnded()) {
+    const std::shared_ptr<SearchOwner> owner = slot.owner();
+    if (!owner || owner->hasEnded()) {
         renew(slot);
     } else if (m_dice.chance(15)) {
-        source->forgetOne(m_dice);
+        owner->forgetOne(m_dice);
     } else {
-        use(*source);
+        use(*owner);
     }
 }
 
-void Worker::use(Source& source)
+void Worker::use(SearchOwner& owner)
 {
-    const Claim claim(source.claim());
-    if (!claim || source.hasEnded()) {
+    const Claim claim(owner.claim());
+    if (!claim || owner.hasEnded()) {
         std::this_thread::yield();
         return;
     }
     const int what = m_dice.below(100);
-    if (what < (source.isBroken() ? 50 : 3)) {
-        source.end();
+    if (what < (owner.isBroken() ? 50 : 3)) {
+        owner.end();
     } else if (what < 20) {
-        source.operate(m_dice);
-    } else if (what < 60 && source.waitForSettled(kSearches - 1, 20ms)) {
-        source.start(m_dice);
+        owner.operate(m_dice);
+    } else if (what < 60 && owner.waitForSettled(kSearches - 1, 20ms)) {
+        owner.start(m_dice);
     } else if (what >= 60) {
-        source.waitForSettled(static_cast<std::size_t>(m_dice.below(3)), 20ms);
+        owner.waitForSettled(static_cast<std::size_t>(m_dice.below(3)), 20ms);
     }
 }
 
 void Worker::renew(Slot& slot)
 {
     const Claim claim(slot.renewal());
-    const std::shared_ptr<Source> former = slot.source();
+    const std::shared_ptr<SearchOwner> former = slot.owner();
     if (!claim || (former && !former->hasEnded())) {
         return;
     }
-    m_road.prepareAccident(m_dice);
+    m_relay.prepareFault(m_dice);
     try {
-        slot.put(std::make_shared<Source>(m_world.ledger, m_world.directory, m_road.url(), m_dice));
+        slot.put(std::make_shared<SearchOwner>(m_world.ledger, m_world.directory, m_relay.url(), m_dice));
     } catch (const ldap::BaseError&) {
         m_world.ledger.count(Event::operationFailed);
     }
@@ -92,9 +92,9 @@ void Worker::renew(Slot& slot)
 
 void Worker::testConnection()
 {
-    m_road.prepareAccident(m_dice);
+    m_relay.prepareFault(m_dice);
     ldap::Settings settings;
-    settings.uri = utils::Url(QString::fromStdString(m_road.url()));
+    settings.uri = utils::Url(QString::fromStdString(m_relay.url()));
     settings.responseTimeout = 1s;
     if (m_dice.chance(50)) {
         m_world.ledger.count(Event::testConnection);

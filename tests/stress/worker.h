@@ -1,8 +1,8 @@
 #pragma once
 
 #include "dice.h"
-#include "road.h"
-#include "source.h"
+#include "faulty_relay.h"
+#include "search_owner.h"
 
 #include <atomic>
 #include <chrono>
@@ -13,19 +13,19 @@
 
 namespace tavo::stress {
 
-/// A place for a source, which comes and goes. Thread-safe.
+/// Holds one search owner at a time, which comes and goes. Thread-safe.
 class Slot
 {
 public:
-    std::shared_ptr<Source> source() const;
-    void put(std::shared_ptr<Source> source);
+    std::shared_ptr<SearchOwner> owner() const;
+    void put(std::shared_ptr<SearchOwner> owner);
 
-    /// Whoever is about to put a new one there claims this.
+    /// Claimed by the thread that is about to put a new owner here.
     std::atomic<bool>& renewal() { return m_isBeingRenewed; }
 
 private:
     mutable std::mutex m_mutex;
-    std::shared_ptr<Source> m_source;
+    std::shared_ptr<SearchOwner> m_owner;
     std::atomic<bool> m_isBeingRenewed{false};
 };
 
@@ -41,20 +41,20 @@ struct World
 class Worker
 {
 public:
-    Worker(World& world, Road& road, std::size_t ownSlot, Dice dice);
+    Worker(World& world, FaultyRelay& relay, std::size_t ownSlot, Dice dice);
 
     void runUntil(std::chrono::steady_clock::time_point end);
 
 private:
     void step();
-    void forget(Source& source);
-    void use(Source& source);
+    void forget(SearchOwner& owner);
+    void use(SearchOwner& owner);
     void renew(Slot& slot);
     void testConnection();
     Slot& anySlot();
 
     World& m_world;
-    Road& m_road;
+    FaultyRelay& m_relay;
     std::size_t m_ownSlot;
     Dice m_dice;
 };

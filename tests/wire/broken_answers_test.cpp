@@ -1,4 +1,4 @@
-#include "search_test.h"
+#include "scripted_session_test.h"
 
 #include <string>
 #include <vector>
@@ -27,7 +27,7 @@ struct BrokenAnswer
 
 void PrintTo(const BrokenAnswer& answer, std::ostream* out) { *out << answer.name; }
 
-class BrokenAnswers : public SearchTest, public ::testing::WithParamInterface<BrokenAnswer>
+class BrokenAnswers : public ScriptedSessionTest, public ::testing::WithParamInterface<BrokenAnswer>
 {};
 
 TEST_P(BrokenAnswers, EndAPagedSearchWithAConnectError)
@@ -97,7 +97,7 @@ TEST(BrokenOffAnswer, IsAConnectErrorWhereverItBreaksOff)
     }
 }
 
-using StrangeAnswers = SearchTest;
+using StrangeAnswers = ScriptedSessionTest;
 
 TEST_F(StrangeAnswers, AreIgnoredWhenTheyAnswerNoRequest)
 {
@@ -199,7 +199,7 @@ struct EmptyAnswer
 
 void PrintTo(const EmptyAnswer& empty, std::ostream* out) { *out << empty.name; }
 
-class EmptyAnswers : public SearchTest, public ::testing::WithParamInterface<EmptyAnswer>
+class EmptyAnswers : public ScriptedSessionTest, public ::testing::WithParamInterface<EmptyAnswer>
 {
 protected:
     void expectTheNextSessionToBeWell()

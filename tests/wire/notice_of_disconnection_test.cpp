@@ -1,4 +1,4 @@
-#include "search_test.h"
+#include "scripted_session_test.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,7 +16,7 @@ namespace {
 using ldap::Result;
 using ::testing::ElementsAre;
 
-class NoticeOfDisconnection : public SearchTest
+class NoticeOfDisconnection : public ScriptedSessionTest
 {
 protected:
     const Steps notice{noticeOfDisconnection(52, "going down"), closeConnection()};

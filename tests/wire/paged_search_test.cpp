@@ -1,4 +1,4 @@
-#include "search_test.h"
+#include "scripted_session_test.h"
 
 #include "support/log_capture.h"
 
@@ -28,7 +28,7 @@ using ::testing::UnorderedElementsAre;
 constexpr unsigned kSequence = 0x30;
 constexpr unsigned kControls = 0xa0;
 
-class PagedSearch : public SearchTest
+class PagedSearch : public ScriptedSessionTest
 {};
 
 TEST_F(PagedSearch, SendsTheSameRequestForEveryPageButForTheCookie)
@@ -101,7 +101,7 @@ struct BrokenValue
 
 void PrintTo(const BrokenValue& broken, std::ostream* out) { *out << broken.name; }
 
-class MalformedPageControl : public SearchTest, public ::testing::WithParamInterface<BrokenValue>
+class MalformedPageControl : public ScriptedSessionTest, public ::testing::WithParamInterface<BrokenValue>
 {};
 
 TEST_P(MalformedPageControl, EndsAFullPageWithAnErrorAndWithoutEntries)
@@ -163,7 +163,7 @@ TEST_F(PagedSearch, DeliversAShortPageWhoseControlsMakeNoSense)
     EXPECT_THAT(dnsOf(calls.at(0).entries), ElementsAre("cn=1"));
 }
 
-class PageCookie : public SearchTest, public ::testing::WithParamInterface<Bytes>
+class PageCookie : public ScriptedSessionTest, public ::testing::WithParamInterface<Bytes>
 {};
 
 TEST_P(PageCookie, ComesBackUnchanged)

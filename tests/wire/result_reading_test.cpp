@@ -1,4 +1,4 @@
-#include "search_test.h"
+#include "scripted_session_test.h"
 
 #include "support/log_capture.h"
 
@@ -24,7 +24,7 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::SizeIs;
 
-class ResultReading : public SearchTest
+class ResultReading : public ScriptedSessionTest
 {
 protected:
     /// The entries of a search without paging.
@@ -181,7 +181,7 @@ TEST_F(ResultReading, SkipsIntermediateResponses)
 }
 
 /// Searches page by page with the setting that has references logged.
-class LoggedReferences : public SearchTest
+class LoggedReferences : public ScriptedSessionTest
 {
 protected:
     LoggedReferences() { ldap::ini().logResponseReferences = true; }

@@ -1,5 +1,5 @@
-#include "support/plain_client.h"
 #include "support/scripted_server.h"
+#include "support/tcp_client.h"
 
 #include <array>
 #include <future>
@@ -438,7 +438,7 @@ TEST(ScriptedServer, HoldsTheRestOfASplitAnswerBack)
     const Gate gate;
     ScriptedServer server;
     server.expectWhoAmI().answer(splitAt(1, gate, raw("abc")));
-    const PlainClient client(server.port());
+    const TcpClient client(server.port());
     client.send(encodeMessage(7, tlv(0x77, tlv(0x80, kWhoAmIOid)), {}));
 
     EXPECT_EQ(client.receive(), "a");
@@ -452,7 +452,7 @@ TEST(ScriptedServer, TellsTheTestHowFarAnAnswerIs)
     ScriptedServer server;
     const Gate sent;
     server.greet({raw("hello"), opens(sent)});
-    const PlainClient client(server.port());
+    const TcpClient client(server.port());
 
     sent.wait("the greeting");
 
@@ -464,17 +464,17 @@ TEST(ScriptedServer, ClosesHalfClosesAndResets)
     ScriptedServer server;
     const Gate goOn;
     server.greet(closeConnection());
-    EXPECT_EQ(PlainClient(server.port()).receive(), "");
+    EXPECT_EQ(TcpClient(server.port()).receive(), "");
 
     server.greet({raw("x"), waitFor(goOn), resetConnection()});
-    const PlainClient reset(server.port());
+    const TcpClient reset(server.port());
     EXPECT_EQ(reset.receive(), "x");
     goOn.open();
     EXPECT_EQ(reset.receive(), "(reset)");
 
     server.greet(halfClose());
     server.expectUnbind().answer(closeConnection());
-    const PlainClient half(server.port());
+    const TcpClient half(server.port());
     EXPECT_EQ(half.receive(), "");
     half.send(encodeMessage(1, tlv(0x42, ""), {}));
     server.waitUntilMet();
@@ -522,7 +522,7 @@ TEST(ScriptedServer, GivesNoticeOfDisconnectionUnasked)
 {
     ScriptedServer server;
     server.greet({noticeOfDisconnection(LDAP_UNAVAILABLE, "going down"), closeConnection()});
-    const PlainClient client(server.port());
+    const TcpClient client(server.port());
     Bytes received;
     for (Bytes more = client.receive(); !more.empty(); more = client.receive())
         received += more;
@@ -556,7 +556,7 @@ TEST(ScriptedServer, RefusesConnectionsOnceItHasStoppedListening)
     ScriptedServer server;
     server.stopListening();
 
-    EXPECT_EQ(PlainClient(server.port()).connectError(), ECONNREFUSED);
+    EXPECT_EQ(TcpClient(server.port()).connectError(), ECONNREFUSED);
 }
 
 TEST(ScriptedServer, SeesTheClientAbandonUnbindAndClose)
@@ -618,7 +618,7 @@ TEST(ScriptedServer, ReportsTheWrongCredentialsAndTheExpectationThatStaysUnmet)
 TEST(ScriptedServer, ReportsBytesThatAreNoLdap)
 {
     ScriptedServer server;
-    const PlainClient client(server.port());
+    const TcpClient client(server.port());
     client.send("GET / HTTP/1.0\r\n\r\n");
 
     EXPECT_EQ(client.receive(), "");
@@ -630,7 +630,7 @@ TEST(ScriptedServer, ReadsARequestThatComesByteByByte)
 {
     ScriptedServer server;
     server.expectWhoAmI().answer(raw("got it"));
-    const PlainClient client(server.port());
+    const TcpClient client(server.port());
     for (const char byte : encodeMessage(1, tlv(0x77, tlv(0x80, kWhoAmIOid)), {}))
         client.send(Bytes(1, byte));
 

@@ -1,4 +1,4 @@
-#include "search_test.h"
+#include "scripted_session_test.h"
 
 #include "support/log_capture.h"
 #include "support/threads_end_here.h"

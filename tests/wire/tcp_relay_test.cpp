@@ -1,7 +1,7 @@
 #include "support/tcp_relay.h"
 
-#include "support/plain_client.h"
 #include "support/scripted_server.h"
+#include "support/tcp_client.h"
 #include "support/temporary_directory.h"
 
 #include <memory>
@@ -42,7 +42,7 @@ TEST_F(RelayedServer, GetsAndGivesEveryByteUnchanged)
     for (int i = 0; i < 256; ++i)
         everyByte += static_cast<char>(i);
     answers(raw(everyByte));
-    const PlainClient client(relay.port());
+    const TcpClient client(relay.port());
 
     client.send(kWhoAmI);
 
@@ -57,7 +57,7 @@ TEST_F(RelayedServer, SendsMoreThanAnyBufferHoldsToAClientThatReadsLate)
 {
     const Bytes big(8U << 20U, 'b');
     answers({raw(big), closeConnection()});
-    const PlainClient client(relay.port());
+    const TcpClient client(relay.port());
     client.send(kWhoAmI);
     server.waitForRequests(1);
 
@@ -72,7 +72,7 @@ TEST_F(RelayedServer, IsHeldBackAtAByteUntilTheGateOpens)
     answers(raw("abcdef"));
     const Gate goOn;
     const Gate reached = relay.hold(Direction::toClient, TcpRelay::bytes(2), goOn);
-    const PlainClient client(relay.port());
+    const TcpClient client(relay.port());
     client.send(kWhoAmI);
 
     EXPECT_EQ(client.receive(2), "ab");
@@ -87,7 +87,7 @@ TEST_F(RelayedServer, DoesNotSeeARequestThatIsHeldBack)
     answers(raw("x"));
     const Gate goOn;
     const Gate reached = relay.hold(Direction::toServer, TcpRelay::bytes(kWhoAmI.size() - 1), goOn);
-    const PlainClient client(relay.port());
+    const TcpClient client(relay.port());
     client.send(kWhoAmI);
     reached.wait("all of the request but its last byte");
     relay.waitForBytes(Direction::toServer, kWhoAmI.size() - 1);
@@ -103,7 +103,7 @@ TEST_F(RelayedServer, IsHeldBackAtAMessageBoundaryEvenWhenMessagesComeTogether)
     answers(together({raw(entryBytes), raw(entryBytes), done()}));
     const Gate goOn;
     relay.hold(Direction::toClient, TcpRelay::messages(1), goOn);
-    const PlainClient client(relay.port());
+    const TcpClient client(relay.port());
     client.send(kWhoAmI);
 
     EXPECT_EQ(client.receive(entryBytes.size()), entryBytes);
@@ -117,7 +117,7 @@ TEST_F(RelayedServer, IsHeldBackFromTheStart)
     answers(raw("x"));
     const Gate goOn;
     const Gate reached = relay.hold(Direction::toServer, TcpRelay::messages(0), goOn);
-    const PlainClient client(relay.port());
+    const TcpClient client(relay.port());
     client.send(kWhoAmI);
     reached.wait("the connection");
 
@@ -130,7 +130,7 @@ TEST_F(RelayedServer, IsCutOffAfterSoManyBytes)
 {
     answers(raw("abcdef"));
     const Gate ended = relay.cut(Direction::toClient, TcpRelay::bytes(3), Ending::close);
-    const PlainClient client(relay.port());
+    const TcpClient client(relay.port());
     client.send(kWhoAmI);
 
     EXPECT_EQ(client.receive(6), "abc");
@@ -144,7 +144,7 @@ TEST_F(RelayedServer, IsCutOffWithAReset)
 {
     answers(raw("abc"));
     relay.cut(Direction::toServer, TcpRelay::bytes(5), Ending::reset);
-    const PlainClient client(relay.port());
+    const TcpClient client(relay.port());
     client.send(kWhoAmI);
 
     EXPECT_EQ(client.receive(), "(reset)");
@@ -156,7 +156,7 @@ TEST_F(RelayedServer, StillGetsRequestsWhenOnlyItsOwnDirectionIsCut)
 {
     answers(raw("abc"));
     relay.cut(Direction::toClient, TcpRelay::bytes(1), Ending::halfClose);
-    const PlainClient client(relay.port());
+    const TcpClient client(relay.port());
     client.send(kWhoAmI);
 
     EXPECT_EQ(client.receive(3), "a");
@@ -168,7 +168,7 @@ TEST_F(RelayedServer, StillGetsRequestsWhenOnlyItsOwnDirectionIsCut)
 TEST_F(RelayedServer, IsResetWhenItIsNotThere)
 {
     server.stopListening();
-    const PlainClient client(relay.port());
+    const TcpClient client(relay.port());
 
     EXPECT_EQ(client.receive(), "(reset)");
     relay.waitUntilIdle();
@@ -179,9 +179,9 @@ TEST_F(RelayedServer, HasOnlyTheConnectionHeldBackThatIsMeant)
     answers(raw("x"));
     const Gate goOn;
     relay.hold(Direction::toClient, TcpRelay::bytes(0), goOn, 0);
-    const PlainClient held(relay.port());
+    const TcpClient held(relay.port());
     relay.waitForConnections(1);
-    const PlainClient free(relay.port());
+    const TcpClient free(relay.port());
     held.send(kWhoAmI);
     free.send(kWhoAmI);
 
@@ -196,7 +196,7 @@ TEST_F(RelayedServer, IsLeftAloneAgain)
     answers(raw("x"));
     relay.cut(Direction::toClient, TcpRelay::bytes(0), Ending::close);
     relay.passEverything();
-    const PlainClient client(relay.port());
+    const TcpClient client(relay.port());
     client.send(kWhoAmI);
 
     EXPECT_EQ(client.receive(), "x");
@@ -213,7 +213,7 @@ TEST(TcpRelay, ReachesAServerOnAUnixSocket)
     ASSERT_EQ(::bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     ASSERT_EQ(::listen(listener.get(), 1), 0);
     const TcpRelay relay(path);
-    const PlainClient client(relay.port());
+    const TcpClient client(relay.port());
     client.send("ping");
     client.shutDown();
 

@@ -1,4 +1,4 @@
-#include "search_test.h"
+#include "scripted_session_test.h"
 
 #include "support/log_capture.h"
 #include "support/qt_printers.h"
@@ -14,7 +14,7 @@ using ::testing::Contains;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-class Vendor : public SearchTest
+class Vendor : public ScriptedSessionTest
 {
 protected:
     static Entry rootDse(const std::string& value) { return entry("").attr("forestFunctionality", value); }

@@ -22,7 +22,7 @@ using test::Bytes;
 ///
 /// While one lives, every `ldap_initialize` of the process gives a handle that is connected to it. Its last
 /// bytes are followed by the end of the connection.
-class FedServer
+class FuzzedServer
 {
 public:
     struct Speech
@@ -43,11 +43,11 @@ public:
     /// The answer to a request; empty for those that are left to the fuzzer's bytes.
     using Answer = std::function<Bytes(const test::Request&)>;
 
-    explicit FedServer(Speech speech, Answer answer = {});
+    explicit FuzzedServer(Speech speech, Answer answer = {});
     /// Waits as waitForClose() does.
-    ~FedServer();
-    FedServer(const FedServer&) = delete;
-    FedServer& operator=(const FedServer&) = delete;
+    ~FuzzedServer();
+    FuzzedServer(const FuzzedServer&) = delete;
+    FuzzedServer& operator=(const FuzzedServer&) = delete;
 
     /// Blocks until the client has closed every connection: until then a search may go on in the background.
     void waitForClose();
@@ -81,7 +81,7 @@ private:
     std::size_t send(char* buffer, std::size_t size);
     Bytes nextMessage();
 
-    static FedServer* s_current;
+    static FuzzedServer* s_current;
 
     Speech m_speech;
     Answer m_answer;
@@ -109,6 +109,6 @@ Bytes entryMessage(
     std::int64_t messageId, std::string_view dn, std::string_view name, std::string_view value);
 
 /// Answers what a manager asks before it is there, the root DSE and the bind, and leaves the rest alone.
-FedServer::Answer managerGreeting(bool isActiveDirectory);
+FuzzedServer::Answer managerGreeting(bool isActiveDirectory);
 
 } // namespace tavo::fuzz

@@ -1,4 +1,4 @@
-#include "source.h"
+#include "search_owner.h"
 
 #include <ldap.h>
 
@@ -100,13 +100,13 @@ std::string Directory::ldif()
     return text;
 }
 
-/// What the searches of a source call. Does something odd now and then, within what a handler may do.
+/// The handler of an owner's searches. Does something odd now and then, within what a handler may do.
 template <class Record>
-class Source::Handler
+class SearchOwner::Handler
 {
 public:
-    Handler(std::shared_ptr<Source> source, SearchPtr search)
-        : m_source(std::move(source))
+    Handler(std::shared_ptr<SearchOwner> owner, SearchPtr search)
+        : m_owner(std::move(owner))
         , m_life(std::move(search))
     {}
 
@@ -126,16 +126,16 @@ private:
     {
         const int what = search.dice().below(100);
         if (what < 4) {
-            m_source->m_ledger.count(Event::forgetInCall);
-            search.forgetInCall([this](ldap::SearchContext* context) { m_source->forget(context); });
+            m_owner->m_ledger.count(Event::forgetInCall);
+            search.forgetInCall([this](ldap::SearchContext* context) { m_owner->forget(context); });
         } else if (what < 10) {
             startAnother(search);
         } else if (what < 11) {
-            m_source->m_ledger.count(Event::throwInCall);
+            m_owner->m_ledger.count(Event::throwInCall);
             throw ldap::BaseError(LDAP_BUSY, QStringLiteral("handler"), 0);
         } else if (what < 12) {
-            m_source->m_ledger.count(Event::throwInCall);
-            m_source->m_ledger.count(Event::endedByForeignException);
+            m_owner->m_ledger.count(Event::throwInCall);
+            m_owner->m_ledger.count(Event::endedByForeignException);
             search.brokenOff();
             throw std::runtime_error("a handler's own");
         } else if (what < 20) {
@@ -149,28 +149,28 @@ private:
         if (what < 10) {
             startAnother(search);
         } else if (what < 15) {
-            m_source->endFromCall();
+            m_owner->endFromCall();
         } else if (what < 20) {
-            m_source->operateFromCall(search.dice());
+            m_owner->operateFromCall(search.dice());
         } else if (what < 22) {
-            m_source->m_ledger.count(Event::throwInCall);
+            m_owner->m_ledger.count(Event::throwInCall);
             throw std::runtime_error("a handler's last");
         }
     }
 
     void startAnother(Search& search)
     {
-        if (m_source->unsettled() < kSearchesOfHandlers) {
-            m_source->m_ledger.count(Event::startInCall);
-            m_source->start(search.dice());
+        if (m_owner->unsettled() < kSearchesOfHandlers) {
+            m_owner->m_ledger.count(Event::startInCall);
+            m_owner->start(search.dice());
         }
     }
 
-    std::shared_ptr<Source> m_source;
+    std::shared_ptr<SearchOwner> m_owner;
     Search::HandlerLife m_life;
 };
 
-Source::Source(Ledger& ledger, const Directory& directory, const std::string& url, Dice& dice)
+SearchOwner::SearchOwner(Ledger& ledger, const Directory& directory, const std::string& url, Dice& dice)
     : m_ledger(ledger)
     , m_isAnonymous(dice.chance(25))
 {
@@ -190,14 +190,14 @@ Source::Source(Ledger& ledger, const Directory& directory, const std::string& ur
     }
 }
 
-void Source::connectManager(const ldap::Settings& settings)
+void SearchOwner::connectManager(const ldap::Settings& settings)
 {
     m_ledger.count(Event::createManager);
     m_ownManager = ldap::createManagerOrThrow(settings);
     m_manager = m_ownManager.get();
 }
 
-void Source::connectSession(const ldap::Settings& settings, Dice& dice)
+void SearchOwner::connectSession(const ldap::Settings& settings, Dice& dice)
 {
     m_ledger.count(Event::createSession);
     auto session = std::make_unique<ldap::Session>(settings.uri, false, false);
@@ -210,7 +210,7 @@ void Source::connectSession(const ldap::Settings& settings, Dice& dice)
     m_session = m_ownSession.get();
 }
 
-void Source::start(Dice& dice)
+void SearchOwner::start(Dice& dice)
 {
     const bool people = asksForPeople(dice);
     if (m_session != nullptr) {
@@ -222,7 +222,7 @@ void Source::start(Dice& dice)
     }
 }
 
-void Source::fetchUsers(Dice& dice)
+void SearchOwner::fetchUsers(Dice& dice)
 {
     m_ledger.count(Event::fetchUsers);
     startAs<ldap::User>("a fetch of users", Directory::people, dice, [this](auto handler) {
@@ -230,7 +230,7 @@ void Source::fetchUsers(Dice& dice)
     });
 }
 
-void Source::fetchGroups(Dice& dice)
+void SearchOwner::fetchGroups(Dice& dice)
 {
     m_ledger.count(Event::fetchGroups);
     startAs<ldap::Group>("a fetch of groups", Directory::groups, dice, [this](auto handler) {
@@ -238,7 +238,7 @@ void Source::fetchGroups(Dice& dice)
     });
 }
 
-void Source::asyncSearch(Dice& dice)
+void SearchOwner::asyncSearch(Dice& dice)
 {
     m_ledger.count(Event::asyncSearch);
     const bool people = asksForPeople(dice);
@@ -249,7 +249,7 @@ void Source::asyncSearch(Dice& dice)
 }
 
 template <class Record, class Start>
-void Source::startAs(const char* name, int complete, Dice& dice, Start start)
+void SearchOwner::startAs(const char* name, int complete, Dice& dice, Start start)
 {
     const SearchPtr search = newSearch(name, reachable(complete), dice.split());
     try {
@@ -260,13 +260,13 @@ void Source::startAs(const char* name, int complete, Dice& dice, Start start)
     }
 }
 
-void Source::operate(Dice& dice)
+void SearchOwner::operate(Dice& dice)
 {
     if (m_session == nullptr) {
         return;
     }
-    static constexpr std::array<Operation, 5> operations{&Source::search, &Source::simpleSearch,
-        &Source::whoAmI, &Source::detectVendor, &Source::contextSearch};
+    static constexpr std::array<Operation, 5> operations{&SearchOwner::search, &SearchOwner::simpleSearch,
+        &SearchOwner::whoAmI, &SearchOwner::detectVendor, &SearchOwner::contextSearch};
     const Operation operation = operations[static_cast<std::size_t>(dice.below(operations.size()))];
     try {
         (this->*operation)(dice);
@@ -275,7 +275,7 @@ void Source::operate(Dice& dice)
     }
 }
 
-void Source::search(Dice& dice)
+void SearchOwner::search(Dice& dice)
 {
     m_ledger.count(Event::search);
     const bool people = asksForPeople(dice);
@@ -291,14 +291,14 @@ void Source::search(Dice& dice)
     }
 }
 
-void Source::simpleSearch(Dice& dice)
+void SearchOwner::simpleSearch(Dice& dice)
 {
     m_ledger.count(Event::simpleSearch);
     const bool people = asksForPeople(dice);
     checkEntries("a simpleSearch", m_session->simpleSearch(paramsFor(people)), countOf(people));
 }
 
-void Source::whoAmI(Dice&)
+void SearchOwner::whoAmI(Dice&)
 {
     m_ledger.count(Event::whoAmI);
     const bool isAnonymous = m_session->whoAmI() == QStringLiteral("anonymous");
@@ -307,7 +307,7 @@ void Source::whoAmI(Dice&)
     }
 }
 
-void Source::detectVendor(Dice& dice)
+void SearchOwner::detectVendor(Dice& dice)
 {
     m_ledger.count(Event::detectVendor);
     m_session->setResponseTimeout(std::chrono::seconds(1 + dice.below(2)));
@@ -316,7 +316,7 @@ void Source::detectVendor(Dice& dice)
     }
 }
 
-void Source::contextSearch(Dice& dice)
+void SearchOwner::contextSearch(Dice& dice)
 {
     m_ledger.count(Event::contextSearch);
     const bool people = asksForPeople(dice);
@@ -337,7 +337,7 @@ void Source::contextSearch(Dice& dice)
     search->checkIsOver();
 }
 
-void Source::forgetOne(Dice& dice)
+void SearchOwner::forgetOne(Dice& dice)
 {
     const std::shared_lock life(m_life);
     if (m_hasEnded) {
@@ -355,7 +355,7 @@ void Source::forgetOne(Dice& dice)
     search->forget([this](ldap::SearchContext* context) { forget(context); });
 }
 
-void Source::forget(ldap::SearchContext* context)
+void SearchOwner::forget(ldap::SearchContext* context)
 {
     if (m_session != nullptr) {
         m_session->stopAsyncSearch(context);
@@ -364,9 +364,9 @@ void Source::forget(ldap::SearchContext* context)
     }
 }
 
-void Source::end()
+void SearchOwner::end()
 {
-    m_ledger.count(Event::destroySource);
+    m_ledger.count(Event::destroyOwner);
     {
         const std::unique_lock life(m_life);
         m_hasEnded = true;
@@ -383,7 +383,7 @@ void Source::end()
     }
 }
 
-void Source::endFromCall()
+void SearchOwner::endFromCall()
 {
     const Claim claim(m_isClaimed);
     if (claim && !m_hasEnded) {
@@ -392,7 +392,7 @@ void Source::endFromCall()
     }
 }
 
-void Source::operateFromCall(Dice& dice)
+void SearchOwner::operateFromCall(Dice& dice)
 {
     const Claim claim(m_isClaimed);
     if (claim && !m_hasEnded && m_session != nullptr) {
@@ -401,11 +401,12 @@ void Source::operateFromCall(Dice& dice)
     }
 }
 
-Source::SearchPtr Source::newSearch(const char* name, std::optional<std::size_t> complete, Dice dice)
+SearchOwner::SearchPtr SearchOwner::newSearch(
+    const char* name, std::optional<std::size_t> complete, Dice dice)
 {
     auto search =
-        std::make_shared<Search>(m_ledger, name, complete, std::move(dice), [source = weak_from_this()] {
-            if (const auto self = source.lock()) {
+        std::make_shared<Search>(m_ledger, name, complete, std::move(dice), [owner = weak_from_this()] {
+            if (const auto self = owner.lock()) {
                 self->changed();
             }
         });
@@ -417,7 +418,7 @@ Source::SearchPtr Source::newSearch(const char* name, std::optional<std::size_t>
     return search;
 }
 
-std::optional<std::size_t> Source::reachable(int complete) const
+std::optional<std::size_t> SearchOwner::reachable(int complete) const
 {
     if (m_isAnonymous && complete > Directory::sizeLimit) {
         return std::nullopt;
@@ -425,7 +426,8 @@ std::optional<std::size_t> Source::reachable(int complete) const
     return static_cast<std::size_t>(complete);
 }
 
-void Source::checkEntries(const char* name, const std::vector<ldap::SearchEntry>& entries, int complete) const
+void SearchOwner::checkEntries(
+    const char* name, const std::vector<ldap::SearchEntry>& entries, int complete) const
 {
     const std::vector<QString> dns = dnsOf(entries);
     const std::set<QString> distinct(dns.begin(), dns.end());
@@ -434,38 +436,38 @@ void Source::checkEntries(const char* name, const std::vector<ldap::SearchEntry>
     }
 }
 
-void Source::changed() const
+void SearchOwner::changed() const
 {
     const std::lock_guard lock(m_mutex);
     m_changed.notify_all();
 }
 
-std::size_t Source::unsettled() const
+std::size_t SearchOwner::unsettled() const
 {
     const std::lock_guard lock(m_mutex);
     return unsettledLocked();
 }
 
-std::size_t Source::unsettledLocked() const
+std::size_t SearchOwner::unsettledLocked() const
 {
     return static_cast<std::size_t>(std::count_if(
         m_searches.begin(), m_searches.end(), [](const SearchPtr& search) { return !search->isSettled(); }));
 }
 
-bool Source::isBroken() const
+bool SearchOwner::isBroken() const
 {
     const std::lock_guard lock(m_mutex);
     return std::any_of(m_searches.begin(), m_searches.end(),
         [](const SearchPtr& search) { return search->hasLostConnection(); });
 }
 
-bool Source::waitForSettled(std::size_t count, std::chrono::milliseconds time) const
+bool SearchOwner::waitForSettled(std::size_t count, std::chrono::milliseconds time) const
 {
     return waitFor(time, [&] { return unsettledLocked() <= count; });
 }
 
 template <class Condition>
-bool Source::waitFor(std::chrono::milliseconds time, Condition holds) const
+bool SearchOwner::waitFor(std::chrono::milliseconds time, Condition holds) const
 {
     std::unique_lock lock(m_mutex);
     return m_changed.wait_for(lock, time, holds);

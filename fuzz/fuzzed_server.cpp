@@ -1,4 +1,4 @@
-#include "fed_server.h"
+#include "fuzzed_server.h"
 
 #include "invariant.h"
 
@@ -34,14 +34,14 @@ int __wrap_ldap_initialize(LDAP** handle, const char* url);
 char* __real_ldap_first_attribute(LDAP* handle, LDAPMessage* entry, BerElement** element);
 char* __wrap_ldap_first_attribute(LDAP* handle, LDAPMessage* entry, BerElement** element);
 
-int __wrap_ldap_initialize(LDAP** handle, const char*) { return tavo::fuzz::FedServer::connect(handle); }
+int __wrap_ldap_initialize(LDAP** handle, const char*) { return tavo::fuzz::FuzzedServer::connect(handle); }
 
 // The library never frees this element, for a reason of its own; freed here, it needs no exception from the
 // search for leaks.
 char* __wrap_ldap_first_attribute(LDAP* handle, LDAPMessage* entry, BerElement** element)
 {
     char* name = __real_ldap_first_attribute(handle, entry, element);
-    tavo::fuzz::FedServer::keep(*element);
+    tavo::fuzz::FuzzedServer::keep(*element);
     return name;
 }
 
@@ -67,14 +67,14 @@ int ldap_result(LDAP* handle, int messageId, int all, timeval* timeout, LDAPMess
     static const auto original = next(&ldap_result, "ldap_result");
     const __lsan::ScopedDisabler ignoreLeaks;
     const int rc = original(handle, messageId, all, timeout, result);
-    tavo::fuzz::FedServer::noteResult(*result);
+    tavo::fuzz::FuzzedServer::noteResult(*result);
     return rc;
 }
 
 int ldap_msgfree(LDAPMessage* result)
 {
     static const auto original = next(&ldap_msgfree, "ldap_msgfree");
-    tavo::fuzz::FedServer::forgetResult(result);
+    tavo::fuzz::FuzzedServer::forgetResult(result);
     return original(result);
 }
 
@@ -148,9 +148,9 @@ std::size_t lengthOfFirst(std::string_view bytes)
 
 } // namespace
 
-FedServer* FedServer::s_current = nullptr;
+FuzzedServer* FuzzedServer::s_current = nullptr;
 
-FedServer::FedServer(Speech speech, Answer answer)
+FuzzedServer::FuzzedServer(Speech speech, Answer answer)
     : m_speech(std::move(speech))
     , m_answer(std::move(answer))
 {
@@ -159,7 +159,7 @@ FedServer::FedServer(Speech speech, Answer answer)
     s_current = this;
 }
 
-FedServer::~FedServer()
+FuzzedServer::~FuzzedServer()
 {
     waitForClose();
     s_current = nullptr;
@@ -168,11 +168,11 @@ FedServer::~FedServer()
     }
 }
 
-int FedServer::connect(LDAP** handle)
+int FuzzedServer::connect(LDAP** handle)
 {
     require(s_current != nullptr, "there is a server");
-    static Sockbuf_IO layer{&FedServer::setUp, &FedServer::remove, &FedServer::control, &FedServer::read,
-        &FedServer::write, [](Sockbuf_IO_Desc*) { return 0; }};
+    static Sockbuf_IO layer{&FuzzedServer::setUp, &FuzzedServer::remove, &FuzzedServer::control,
+        &FuzzedServer::read, &FuzzedServer::write, [](Sockbuf_IO_Desc*) { return 0; }};
 
     // The URL is for the second connection that libldap tries when this one has ended.
     const int rc = ldap_init_fd(readySocket(), LDAP_PROTO_EXT, "ldapi://%2Fnonexistent", handle);
@@ -185,7 +185,7 @@ int FedServer::connect(LDAP** handle)
     return LDAP_SUCCESS;
 }
 
-void FedServer::keep(BerElement* element)
+void FuzzedServer::keep(BerElement* element)
 {
     require(s_current != nullptr, "there is a server");
     if (element != nullptr) {
@@ -193,32 +193,32 @@ void FedServer::keep(BerElement* element)
     }
 }
 
-int FedServer::setUp(Sockbuf_IO_Desc* layer, void* server)
+int FuzzedServer::setUp(Sockbuf_IO_Desc* layer, void* server)
 {
     layer->sbiod_pvt = server;
-    auto* self = static_cast<FedServer*>(server);
+    auto* self = static_cast<FuzzedServer*>(server);
     const std::lock_guard lock(self->m_mutex);
     ++self->m_connections;
     return 0;
 }
 
-int FedServer::remove(Sockbuf_IO_Desc* layer)
+int FuzzedServer::remove(Sockbuf_IO_Desc* layer)
 {
-    auto* self = static_cast<FedServer*>(layer->sbiod_pvt);
+    auto* self = static_cast<FuzzedServer*>(layer->sbiod_pvt);
     const std::lock_guard lock(self->m_mutex);
     --self->m_connections;
     self->m_closed.notify_all();
     return 0;
 }
 
-void FedServer::waitForClose()
+void FuzzedServer::waitForClose()
 {
     std::unique_lock lock(m_mutex);
     m_closed.wait(lock, [this] { return m_connections == 0; });
     require(m_results.empty(), "every result is freed");
 }
 
-void FedServer::noteResult(LDAPMessage* result)
+void FuzzedServer::noteResult(LDAPMessage* result)
 {
     if (s_current != nullptr && result != nullptr) {
         const std::lock_guard lock(s_current->m_mutex);
@@ -226,7 +226,7 @@ void FedServer::noteResult(LDAPMessage* result)
     }
 }
 
-void FedServer::forgetResult(LDAPMessage* result)
+void FuzzedServer::forgetResult(LDAPMessage* result)
 {
     if (s_current != nullptr) {
         const std::lock_guard lock(s_current->m_mutex);
@@ -234,25 +234,25 @@ void FedServer::forgetResult(LDAPMessage* result)
     }
 }
 
-int FedServer::control(Sockbuf_IO_Desc*, int option, void*)
+int FuzzedServer::control(Sockbuf_IO_Desc*, int option, void*)
 {
     return option == LBER_SB_OPT_DATA_READY ? 1 : 0;
 }
 
-ber_slen_t FedServer::read(Sockbuf_IO_Desc* layer, void* buffer, ber_len_t size)
+ber_slen_t FuzzedServer::read(Sockbuf_IO_Desc* layer, void* buffer, ber_len_t size)
 {
-    auto* server = static_cast<FedServer*>(layer->sbiod_pvt);
+    auto* server = static_cast<FuzzedServer*>(layer->sbiod_pvt);
     return static_cast<ber_slen_t>(server->send(static_cast<char*>(buffer), size));
 }
 
-ber_slen_t FedServer::write(Sockbuf_IO_Desc* layer, void* buffer, ber_len_t size)
+ber_slen_t FuzzedServer::write(Sockbuf_IO_Desc* layer, void* buffer, ber_len_t size)
 {
-    auto* server = static_cast<FedServer*>(layer->sbiod_pvt);
+    auto* server = static_cast<FuzzedServer*>(layer->sbiod_pvt);
     server->receive({static_cast<const char*>(buffer), size});
     return static_cast<ber_slen_t>(size);
 }
 
-void FedServer::receive(std::string_view bytes)
+void FuzzedServer::receive(std::string_view bytes)
 {
     m_received += bytes;
     m_isEncrypted = m_isEncrypted || m_received[0] != static_cast<char>(kSequence);
@@ -266,7 +266,7 @@ void FedServer::receive(std::string_view bytes)
     }
 }
 
-void FedServer::takeMessage(std::string_view message)
+void FuzzedServer::takeMessage(std::string_view message)
 {
     try {
         take(test::decodeRequest(message));
@@ -275,7 +275,7 @@ void FedServer::takeMessage(std::string_view message)
     }
 }
 
-void FedServer::take(const test::Request& request)
+void FuzzedServer::take(const test::Request& request)
 {
     if (request.is<test::UnbindRequest>() || request.is<test::AbandonRequest>()) {
         return;
@@ -289,7 +289,7 @@ void FedServer::take(const test::Request& request)
     m_requests.push_back(request);
 }
 
-std::size_t FedServer::send(char* buffer, std::size_t size)
+std::size_t FuzzedServer::send(char* buffer, std::size_t size)
 {
     if (m_sending.empty()) {
         m_sending = nextMessage();
@@ -301,7 +301,7 @@ std::size_t FedServer::send(char* buffer, std::size_t size)
     return sent;
 }
 
-Bytes FedServer::nextMessage()
+Bytes FuzzedServer::nextMessage()
 {
     const std::string_view rest = std::string_view(m_speech.bytes).substr(m_said);
     const std::size_t length = m_speech.isRaw || m_isEncrypted ? rest.size() : lengthOfFirst(rest);
@@ -330,7 +330,7 @@ Bytes entryMessage(std::int64_t messageId, std::string_view dn, std::string_view
         messageId, test::tlv(static_cast<unsigned>(test::Answer::searchEntry), entry), {});
 }
 
-FedServer::Answer managerGreeting(bool isActiveDirectory)
+FuzzedServer::Answer managerGreeting(bool isActiveDirectory)
 {
     return [isActiveDirectory](const test::Request& request) -> Bytes {
         const std::int64_t id = request.messageId;

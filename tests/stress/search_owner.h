@@ -64,11 +64,11 @@ private:
 ///
 /// Who has claimed it may use and destroy it. Handlers of its searches may start others on it at any time,
 /// and any thread may forget searches.
-class Source : public std::enable_shared_from_this<Source>
+class SearchOwner : public std::enable_shared_from_this<SearchOwner>
 {
 public:
-    /// Connects over a road that has been prepared. \throws ldap::BaseError
-    Source(Ledger& ledger, const Directory& directory, const std::string& url, Dice& dice);
+    /// Connects through a relay whose fault has been prepared. \throws ldap::BaseError
+    SearchOwner(Ledger& ledger, const Directory& directory, const std::string& url, Dice& dice);
 
     std::atomic<bool>& claim() { return m_isClaimed; }
     bool hasEnded() const { return m_hasEnded; }
@@ -97,7 +97,7 @@ private:
     template <class Record>
     class Handler;
     using SearchPtr = std::shared_ptr<Search>;
-    using Operation = void (Source::*)(Dice&);
+    using Operation = void (SearchOwner::*)(Dice&);
 
     void connectManager(const ldap::Settings& settings);
     void connectSession(const ldap::Settings& settings, Dice& dice);

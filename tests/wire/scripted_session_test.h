@@ -146,7 +146,7 @@ private:
 };
 
 /// A session with a scripted server.
-class SearchTest : public ::testing::Test
+class ScriptedSessionTest : public ::testing::Test
 {
 protected:
     static utils::Url urlOf(const ScriptedServer& server)

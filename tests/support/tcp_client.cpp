@@ -1,4 +1,4 @@
-#include "support/plain_client.h"
+#include "support/tcp_client.h"
 
 #include "support/gate.h"
 
@@ -13,7 +13,7 @@
 
 namespace tavo::test {
 
-PlainClient::PlainClient(std::uint16_t port)
+TcpClient::TcpClient(std::uint16_t port)
     : m_socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
 {
     const timeval deadline{kDeadline.count(), 0};
@@ -27,14 +27,14 @@ PlainClient::PlainClient(std::uint16_t port)
     m_connectError = failed ? errno : 0;
 }
 
-void PlainClient::send(const Bytes& bytes) const
+void TcpClient::send(const Bytes& bytes) const
 {
     if (::send(m_socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) !=
         static_cast<ssize_t>(bytes.size()))
         throwErrno("send");
 }
 
-Bytes PlainClient::receive() const
+Bytes TcpClient::receive() const
 {
     std::array<char, 65536> buffer;
     const ssize_t count = ::recv(m_socket.get(), buffer.data(), buffer.size(), 0);
@@ -43,7 +43,7 @@ Bytes PlainClient::receive() const
     return count < 0 ? Bytes("(reset)") : Bytes(buffer.data(), static_cast<std::size_t>(count));
 }
 
-Bytes PlainClient::receive(std::size_t count) const
+Bytes TcpClient::receive(std::size_t count) const
 {
     Bytes received(count, '\0');
     const ssize_t length = ::recv(m_socket.get(), received.data(), count, MSG_WAITALL);
@@ -51,12 +51,12 @@ Bytes PlainClient::receive(std::size_t count) const
     return received;
 }
 
-bool PlainClient::nothingToRead() const
+bool TcpClient::nothingToRead() const
 {
     pollfd poll{.fd = m_socket.get(), .events = POLLIN, .revents = 0};
     return ::poll(&poll, 1, 0) == 0;
 }
 
-void PlainClient::shutDown() const { ::shutdown(m_socket.get(), SHUT_WR); }
+void TcpClient::shutDown() const { ::shutdown(m_socket.get(), SHUT_WR); }
 
 } // namespace tavo::test

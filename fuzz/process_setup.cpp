@@ -1,4 +1,4 @@
-#include "host.h"
+#include "process_setup.h"
 
 #include "invariant.h"
 
@@ -15,7 +15,7 @@ std::atomic<bool>& lastPageWasLost()
     return wasLost;
 }
 
-void setUpHost()
+void setUpProcess()
 {
     setenv("LDAPNOINIT", "1", 1);
     setenv("TAVO_CONFIG_DIR", "/nonexistent", 1);

@@ -15,7 +15,7 @@
 
 namespace tavo::stress {
 
-/// Opens gates after a while, on a thread of its own: how a stalled connection comes to its end.
+/// Opens gates after a while, on a thread of its own: this is how a stall ends.
 class StallTimer
 {
 public:
@@ -41,14 +41,14 @@ private:
     std::thread m_thread;
 };
 
-/// The way from one thread of the program to the server: a relay whose connections meet with accidents.
-class Road
+/// Relays the connections of one thread to the server, and makes them fail at random: they stall and break.
+class FaultyRelay
 {
 public:
-    Road(std::uint16_t serverPort, Ledger& ledger, StallTimer& stalls);
+    FaultyRelay(std::uint16_t serverPort, Ledger& ledger, StallTimer& stalls);
 
-    /// Decides what happens to the connections that are made from now on.
-    void prepareAccident(Dice& dice);
+    /// Decides by the dice which fault the connections accepted from now on meet with, if any.
+    void prepareFault(Dice& dice);
 
     std::string url() const { return m_relay.url(); }
     std::size_t connections() const { return m_relay.connections(); }

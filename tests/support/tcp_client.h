@@ -8,10 +8,10 @@
 namespace tavo::test {
 
 /// A TCP client of 127.0.0.1 that knows nothing of LDAP. Its calls block, and give up after `kDeadline`.
-class PlainClient
+class TcpClient
 {
 public:
-    explicit PlainClient(std::uint16_t port);
+    explicit TcpClient(std::uint16_t port);
 
     /// The `errno` of the attempt to connect; 0 when connected.
     int connectError() const { return m_connectError; }

@@ -1,4 +1,4 @@
-#include "road.h"
+#include "faulty_relay.h"
 
 #include <utility>
 
@@ -98,13 +98,13 @@ void StallTimer::run()
     }
 }
 
-Road::Road(std::uint16_t serverPort, Ledger& ledger, StallTimer& stalls)
+FaultyRelay::FaultyRelay(std::uint16_t serverPort, Ledger& ledger, StallTimer& stalls)
     : m_relay(serverPort)
     , m_ledger(ledger)
     , m_stalls(stalls)
 {}
 
-void Road::prepareAccident(Dice& dice)
+void FaultyRelay::prepareFault(Dice& dice)
 {
     m_relay.passEverything();
     if (dice.chance(40)) {
