@@ -1,5 +1,5 @@
-// Changes of an input that keep its BER well-formed: the fuzzer's own break the lengths of everything around
-// what they change, and such a message is dropped before anybody has read it.
+// Mutations that keep the input's BER well-formed: the fuzzer's own break the lengths of the enclosing
+// elements, and such a message is dropped unread.
 
 #include "support/ldap_messages.h"
 
@@ -22,7 +22,7 @@ namespace {
 
 using test::Bytes;
 
-/// In front of the messages of every input: how to read it.
+/// The bytes in front of the messages of every input, which say how to read it.
 constexpr std::size_t kPlanSize = 2;
 constexpr unsigned kConstructed = 0x20;
 constexpr unsigned kSequence = 0x30;

@@ -27,7 +27,7 @@ std::optional<QString> firstItem(const QString& dn)
     }
 }
 
-/// What goes to the client library as C text ends at its first NUL.
+/// The text up to its first NUL, where C text for the client library ends.
 QString withoutNul(const QString& text) { return text.left(text.indexOf(QChar::Null)); }
 
 void checkParents(const QString& dn)

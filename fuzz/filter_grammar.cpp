@@ -24,7 +24,7 @@ bool isDescr(std::string_view text)
     return !text.empty() && isLetter(text[0]) && std::all_of(text.begin(), text.end(), isKeyCharacter);
 }
 
-/// The text up to a character that is in it, or all of it; removes both from the text.
+/// The text up to the character, or all of it; removes both from the text.
 std::string_view cutTo(std::string_view& text, char end)
 {
     const std::size_t at = std::min(text.find(end), text.size());
@@ -141,7 +141,7 @@ public:
 
     bool readsFilter(int depth = 0)
     {
-        // What is nested deeper is no filter that anybody means, and libldap may have a limit, too.
+        // Nobody writes a filter that is nested deeper, and libldap may have a limit of its own.
         constexpr int kMostLevels = 50;
         return depth < kMostLevels && takes('(') && readsComponent(depth) && takes(')');
     }

@@ -23,7 +23,7 @@ bool isWellFormed(const QString& text)
     return isFilter(utf8) || isFilterItem(utf8);
 }
 
-/// What the client library makes of a filter, in its text form; nothing when it refuses it.
+/// The filter as the client library encodes it, as text; nothing when it refuses it.
 std::optional<Bytes> encoded(const QString& filter)
 {
     FuzzedServer server({});
@@ -103,7 +103,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    // A line each; a NUL would end both for the client library.
+    // One line each; for the client library a NUL would end both.
     const QByteArray text =
         QByteArray(reinterpret_cast<const char*>(data), static_cast<qsizetype>(size)).replace('\0', '0');
     const qsizetype end = text.indexOf('\n');

@@ -17,7 +17,7 @@
 
 namespace {
 
-/// The function of this name in the library behind this program.
+/// The function of this name in the next library after this program.
 template <class Function>
 Function* next(Function*, const char* name)
 {
@@ -28,7 +28,7 @@ Function* next(Function*, const char* name)
 
 extern "C" {
 
-// Two functions of the client library that the linker replaces, for our library alone, and an original.
+// Two functions of the client library that the linker replaces, only for our library, and one original.
 
 int __wrap_ldap_initialize(LDAP** handle, const char* url);
 char* __real_ldap_first_attribute(LDAP* handle, LDAPMessage* entry, BerElement** element);
@@ -36,8 +36,7 @@ char* __wrap_ldap_first_attribute(LDAP* handle, LDAPMessage* entry, BerElement**
 
 int __wrap_ldap_initialize(LDAP** handle, const char*) { return tavo::fuzz::FuzzedServer::connect(handle); }
 
-// The library never frees this element, for a reason of its own; freed here, it needs no exception from the
-// search for leaks.
+// The library never frees this element, by design; freeing it here saves a suppression for LeakSanitizer.
 char* __wrap_ldap_first_attribute(LDAP* handle, LDAPMessage* entry, BerElement** element)
 {
     char* name = __real_ldap_first_attribute(handle, entry, element);
@@ -45,9 +44,9 @@ char* __wrap_ldap_first_attribute(LDAP* handle, LDAPMessage* entry, BerElement**
     return name;
 }
 
-// The rest is called by the client library itself, too, so the loader gives these to everybody. A request
-// whose answer libldap can't decode, and the texts of an unsolicited message, are leaks of its own; so
-// whatever it allocates there counts for none, and that the results are freed is checked here.
+// The client library itself calls these, too, so the loader replaces them for every caller. libldap leaks
+// requests whose answer it can't decode, and the texts of unsolicited messages; so nothing that it allocates
+// there counts as a leak, and this file checks instead that the results are freed.
 __attribute__((visibility("default"))) ber_int_t ldap_send_initial_request(
     LDAP* handle, ber_tag_t type, const char* dn, BerElement* request, ber_int_t messageId);
 __attribute__((visibility("default"))) int ldap_result(
@@ -87,8 +86,8 @@ namespace {
 constexpr unsigned kSequence = 0x30;
 constexpr unsigned kInteger = 0x02;
 
-/// A socket that is always ready, since nobody reads what is in it: libldap waits for nothing on it, and who
-/// looks whether it is closed finds that it isn't.
+/// A socket that is always ready, since nobody reads what is in it: libldap never waits on it, and a check
+/// whether it is closed says that it isn't.
 int readySocket()
 {
     static const int socket = [] {
@@ -100,7 +99,7 @@ int readySocket()
     return socket;
 }
 
-/// The message with another id; as it was when it has none, or 0.
+/// The message with another id; unchanged when it has none, or 0.
 Bytes addressed(Bytes message, std::int64_t messageId)
 {
     try {
@@ -119,8 +118,8 @@ Bytes addressed(Bytes message, std::int64_t messageId)
     }
 }
 
-/// The bytes without what no caller of libldap can defend itself against: an unsolicited notice of an empty
-/// name (tag 0x8a) makes it abort the process.
+/// The bytes without unsolicited notices of an empty name (tag 0x8a), on which libldap aborts the process:
+/// no caller can prevent that.
 Bytes withoutEmptyNames(Bytes bytes)
 {
     constexpr char kName = static_cast<char>(0x8a);

@@ -17,26 +17,26 @@ namespace tavo::fuzz {
 
 using test::Bytes;
 
-/// A directory server in the client's own process and thread: what it says are the fuzzer's bytes, and
-/// nothing travels through a socket.
+/// A directory server in the client's own process and thread, which answers with the fuzzer's bytes. Nothing
+/// passes through a socket.
 ///
-/// While one lives, every `ldap_initialize` of the process gives a handle that is connected to it. Its last
-/// bytes are followed by the end of the connection.
+/// During its lifetime every `ldap_initialize` of the process returns a handle that is connected to it. After
+/// its last bytes the connection ends.
 class FuzzedServer
 {
 public:
     struct Speech
     {
-        /// What is said to requests that `answer` leaves alone: LDAP messages one after the other, which come
-        /// as they are asked for.
+        /// The answers to requests that `answer` leaves alone: LDAP messages, sent one by one as the client
+        /// asks.
         Bytes bytes;
 
-        /// Sends `bytes` as they are. Otherwise each message gets the id of the request that it answers,
-        /// unless its own is 0, so that it isn't dropped unread; a message that can't be taken apart stays as
-        /// it is.
+        /// Sends `bytes` unchanged. Otherwise each message gets the id of the request that it answers, unless
+        /// its own is 0, so that the client doesn't drop it unread; a message that can't be parsed stays
+        /// unchanged.
         bool isRaw = false;
 
-        /// One byte with each read.
+        /// Each read returns one byte.
         bool comesInSingleBytes = false;
     };
 
@@ -52,19 +52,19 @@ public:
     /// Blocks until the client has closed every connection: until then a search may go on in the background.
     void waitForClose();
 
-    /// What the client has asked that was left to the fuzzer's bytes, in clear.
+    /// The unencrypted requests that were left to the fuzzer's bytes.
     const std::vector<test::Request>& requests() const { return m_requests; }
 
-    /// Whether every request so far was well-formed; those that were not are not among requests().
+    /// Whether every request so far was well-formed. Malformed ones are not in requests().
     bool understands() const { return m_understands; }
 
     /// Connects a new handle, as `ldap_initialize` does.
     static int connect(LDAP** handle);
 
-    /// Frees the element when this server goes.
+    /// Frees the element when this server is destroyed.
     static void keep(BerElement* element);
 
-    /// A result that the client library has handed out, until it takes it back.
+    /// Tracks a result from when the client library returns it until it is freed.
     static void noteResult(LDAPMessage* result);
     static void forgetResult(LDAPMessage* result);
 
@@ -85,7 +85,7 @@ private:
 
     Speech m_speech;
     Answer m_answer;
-    /// How much of the speech is said.
+    /// How much of the speech has been sent.
     std::size_t m_said = 0;
     Bytes m_received;
     Bytes m_sending;
@@ -101,14 +101,14 @@ private:
     std::set<LDAPMessage*> m_results;
 };
 
-/// A message with one operation of the result kind: this code, no DN, no text.
+/// A result message with this code, no DN and no text.
 Bytes resultMessage(std::int64_t messageId, test::Answer operation, std::int64_t code);
 
 /// An entry with one attribute of one value.
 Bytes entryMessage(
     std::int64_t messageId, std::string_view dn, std::string_view name, std::string_view value);
 
-/// Answers what a manager asks before it is there, the root DSE and the bind, and leaves the rest alone.
+/// Answers the requests of a manager's creation, for the root DSE and the bind, and leaves the rest alone.
 FuzzedServer::Answer managerGreeting(bool isActiveDirectory);
 
 } // namespace tavo::fuzz

@@ -52,7 +52,7 @@ class ConfigDirectory
 public:
     ConfigDirectory()
     {
-        // In memory where that can be had: each input is written several times.
+        // In memory if possible: each input is written several times.
         const std::filesystem::path memory = "/dev/shm";
         const bool hasMemory = std::filesystem::is_directory(memory);
         const auto parent = hasMemory ? memory : std::filesystem::temp_directory_path();

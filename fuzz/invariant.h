@@ -4,7 +4,7 @@
 
 namespace tavo::fuzz {
 
-/// Ends the process, with the name of what does not hold, in a way that the fuzzer takes for a finding.
+/// If it doesn't hold, prints the invariant and ends the process so that the fuzzer reports a finding.
 inline void require(bool holds, const char* invariant)
 {
     if (!holds) {

@@ -1,4 +1,4 @@
-// Texts of any UTF-16 and any bytes, written as JSON and read back by another implementation.
+// Any UTF-16 text and any bytes, written as JSON and read back by another implementation.
 
 #include "invariant.h"
 #include "parsed_json.h"

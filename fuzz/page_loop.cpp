@@ -1,4 +1,4 @@
-// A server that says anything, and the paged search that reads it: entries, cookies, records, JSON.
+// A server that sends anything, and the paged search that reads it: entries, cookies, records, JSON.
 
 #include "fuzzed_server.h"
 #include "invariant.h"
@@ -55,14 +55,14 @@ void checkRecord(SearchEntry entry)
     }
 }
 
-/// What a fetch has called so far.
+/// The calls of a fetch's handler so far.
 struct Calls
 {
     int intermediate = 0;
     int final = 0;
 };
 
-/// A handler that counts and checks its calls. Tells when it is gone: then nobody can call it any more.
+/// A handler that counts and checks its calls, and signals its destruction, after which no call can come.
 template <class Record>
 class Handler
 {
@@ -204,7 +204,7 @@ void run(const Plan& plan, Bytes messages)
         fetchGroups(plan, calls);
     }
     server.waitForClose();
-    // A manager that can't name the groups of a last page has nobody left to tell but the log.
+    // A manager that can't name the groups of a last page can report that only in the log.
     require(calls.final == (lastPageWasLost() ? 0 : 1), "exactly one final call");
     require(plan.kind != 0 || !lastPageWasLost(), "a handler that doesn't throw gets its last page");
     require(server.understands(), "every request is well-formed");

@@ -6,7 +6,7 @@ namespace tavo::fuzz {
 
 namespace {
 
-/// Taken at `i`, which moves to its last unit.
+/// The code point at `i`, which is moved to its last unit.
 char32_t characterAt(const QString& text, qsizetype& i)
 {
     const QChar unit = text[i];
@@ -20,7 +20,7 @@ char32_t characterAt(const QString& text, qsizetype& i)
     return QChar::ReplacementCharacter;
 }
 
-/// Of as many bytes as are asked for, the first of which begins with `mark`.
+/// The encoding in that many bytes, the first of which begins with `mark`.
 std::string encoded(char32_t character, int size, unsigned mark)
 {
     std::string bytes;
@@ -32,7 +32,7 @@ std::string encoded(char32_t character, int size, unsigned mark)
     return bytes;
 }
 
-/// By hand, since Qt's own ways treat lone surrogates and a leading U+FEFF each in their own manner.
+/// Hand-written, because Qt's own conversions differ over lone surrogates and a leading U+FEFF.
 std::string utf8(const QString& text)
 {
     std::string bytes;

@@ -8,11 +8,11 @@
 
 namespace tavo::fuzz {
 
-/// The object that the text is; requires it to be one, in valid UTF-8.
+/// Parses the text, which must be a JSON object in valid UTF-8.
 rapidjson::Document parsedObject(const std::string& json);
 
-/// Whether the object has such a member, a string with this text. A surrogate without its other half stands
-/// for U+FFFD.
+/// Whether the object has a string member with this name and text. A lone surrogate in `text` counts as
+/// U+FFFD.
 bool holds(const rapidjson::Value& object, const char* member, const QString& text);
 
 /// Whether the value is a string with this text.

@@ -32,8 +32,8 @@ void setUpProcess()
 
 } // namespace tavo::fuzz
 
-// The sanitizers ask for this by its name. A length that a server claims is a malloc in the client library,
-// which has to fail here as it would on a machine that hasn't so much memory.
+// The sanitizers call this by its name. The client library allocates whatever length a server claims, which
+// has to fail here as it would on a machine without that much memory.
 extern "C" __attribute__((visibility("default"))) const char* __asan_default_options();
 
 const char* __asan_default_options()

@@ -4,12 +4,11 @@
 
 namespace tavo::fuzz {
 
-/// Makes this process the same wherever it runs: no configuration file of the machine is read, every line of
-/// the log is composed and goes nowhere, and a failed assertion of the library is a finding. Call it before
-/// anything else, once.
+/// Makes this process independent of the machine: no configuration file is read, every log line is composed
+/// and discarded, and a failed assertion of the library is a finding. Call it once, before anything else.
 void setUpProcess();
 
-/// Whether the log has said, since it was last set to false, that the handler of a last page threw.
+/// Set when the log reports that the handler of a last page threw; the caller resets it.
 std::atomic<bool>& lastPageWasLost();
 
 } // namespace tavo::fuzz

@@ -1,4 +1,4 @@
-// A server that says anything, and what a client asks it before it searches.
+// A server that sends anything, and what a client asks before it searches.
 
 #include "fuzzed_server.h"
 #include "invariant.h"
@@ -30,7 +30,7 @@ struct Plan
     bool asksForVendorFirst;
 };
 
-/// Whether it went well; any other exception than those of the library ends the process.
+/// Whether it succeeded; any exception other than the library's own ends the process.
 template <class Operation>
 bool succeeds(Operation operation)
 {

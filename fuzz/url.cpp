@@ -1,4 +1,4 @@
-// URLs as an administrator may type them, and what the client library is given of them.
+// URLs as an administrator may type them, and what is passed on to the client library.
 
 #include "invariant.h"
 #include "process_setup.h"
@@ -25,8 +25,8 @@ bool isAscii(const std::string& text)
 
 bool mayStandInName(QChar c) { return c.isLetterOrNumber() && c.unicode() < 0x80; }
 
-/// Qt takes all that stands before the last bracket for the zone of an IPv6 address, and what can't be the
-/// name of an interface doesn't come back, if anything does.
+/// Qt takes everything before the last bracket as the zone of an IPv6 address, and drops what can't be the
+/// name of an interface, or all of it.
 bool hasStrangeZone(const Url& url)
 {
     const QString host = url.host();

@@ -6,7 +6,7 @@
 
 namespace tavo::stress {
 
-/// What is up to chance, reproducibly: the same seed throws the same. For one thread at a time.
+/// Reproducible random choices: the same seed gives the same choices. For one thread at a time.
 class Dice
 {
 public:
@@ -25,7 +25,7 @@ public:
         return *(values.begin() + below(static_cast<int>(values.size())));
     }
 
-    /// Dice of its own for something that happens on another thread.
+    /// Separate dice for another thread.
     Dice split() { return Dice(m_engine()); }
 
 private:

@@ -22,7 +22,7 @@ Event eventOf(Ending ending)
     return Event::cut;
 }
 
-/// Mostly within the searches, often within connecting, now and then so late that it never comes.
+/// Mostly during a search, often while connecting, now and then so late that it is never reached.
 test::TcpRelay::Point anyPoint(Dice& dice, Direction direction)
 {
     if (dice.chance(30)) {
@@ -32,7 +32,7 @@ test::TcpRelay::Point anyPoint(Dice& dice, Direction direction)
     return test::TcpRelay::bytes(static_cast<std::size_t>(dice.below(1 + dice.below(farthest))));
 }
 
-/// Within the time that a search has, or beyond it.
+/// Within a search's timeout, or beyond it.
 std::chrono::milliseconds anyStall(Dice& dice)
 {
     return std::chrono::milliseconds(dice.chance(10) ? 1'200 : dice.below(250));

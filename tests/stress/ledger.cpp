@@ -40,7 +40,7 @@ constexpr std::array<const char*, static_cast<std::size_t>(Event::count)> kEvent
     "stalls before one of them",
 };
 
-/// In the order in which the outcomes are counted; the last is for what is none.
+/// The final results, in the order of their counters; one more counter is for any other value.
 constexpr std::array<ldap::Result, 6> kFinals{ldap::Result::ok, ldap::Result::noSuchObject,
     ldap::Result::sizeLimitExceeded, ldap::Result::invalidCredentials, ldap::Result::cancelled,
     ldap::Result::connectError};

@@ -35,7 +35,7 @@ enum class Event : std::size_t
     searchInCall,
     destroyInCall,
     throwInCall,
-    // How it went.
+    // The outcomes.
     operationFailed,
     startRefused,
     pageDelivered,
@@ -50,8 +50,8 @@ enum class Event : std::size_t
     count
 };
 
-/// Counts what happens and reports what must not. Thread-safe; counting orders nothing between threads, so
-/// that it hides no race from ThreadSanitizer.
+/// Counts events and reports violations. Thread-safe; counting doesn't synchronize threads, so that it hides
+/// no race from ThreadSanitizer.
 class Ledger
 {
 public:
@@ -62,7 +62,7 @@ public:
     void count(Event event) { m_events[static_cast<std::size_t>(event)].fetch_add(1, relaxed); }
     void countFinal(ldap::Result result);
 
-    /// Prints what is wrong, with the seed, at once. The first hundred are printed.
+    /// Prints a violation and the seed immediately. Only the first hundred are printed.
     void violation(const std::string& what);
 
     std::uint64_t of(Event event) const { return m_events[static_cast<std::size_t>(event)].load(relaxed); }

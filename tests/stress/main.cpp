@@ -1,5 +1,5 @@
 // stress [SECONDS [SEED]]: many threads use the library at random, over connections that stall and break,
-// and every promise about searches and resources is checked meanwhile and at the end.
+// while every promise about searches and resources is checked, then and at the end.
 #include "resources.h"
 #include "worker.h"
 
@@ -30,10 +30,10 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kThreads = 16;
 
-/// A round ends with a look at everything.
+/// At the end of a round everything is checked.
 constexpr std::chrono::seconds kRound{60};
 
-/// What the live heap and the resident memory may have grown by since the end of the first round.
+/// By how much the heap in use and the resident memory may grow after the first round.
 constexpr std::size_t kHeapTolerance = 1U << 20U;
 constexpr std::size_t kResidentTolerance = 48U << 20U;
 
@@ -55,7 +55,7 @@ Options optionsOf(int argc, char** argv)
     return options;
 }
 
-/// For what can't be ended in good order any more.
+/// For a state from which no orderly end is possible.
 [[noreturn]] void giveUp(Ledger& ledger, const std::string& what)
 {
     ledger.violation(what + "; the threads are at:");
@@ -79,7 +79,7 @@ public:
         }
     }
 
-    /// Says whether all was well.
+    /// Returns whether there was no violation.
     bool run()
     {
         setAssertionHandler([this](SourcePosition, const char* condition, const QString&) {
@@ -105,7 +105,7 @@ public:
 private:
     void round(Clock::duration time)
     {
-        // With everything logged in every second round, time passes in other places.
+        // Logging everything in every second round changes the timing.
         log::setMaxLevel(m_rounds++ % 2 == 0 ? log::Level::verbose : log::Level::silent);
         const auto sink = log::setSink([](log::Level, const QString&, const QString&) {});
         {
@@ -138,7 +138,7 @@ private:
         }
     }
 
-    /// Every search comes to its end without help; then the owners go, and with them the connections.
+    /// Waits for every search to end by itself, then destroys the owners and with them the connections.
     void settle()
     {
         for (Slot& slot : m_world.slots) {
@@ -164,7 +164,7 @@ private:
         }
     }
 
-    /// A handler may still be using it, or about to end it, too.
+    /// A handler may still be using the owner, or be about to end it as well.
     static void endOwner(SearchOwner* owner)
     {
         while (owner != nullptr && !owner->hasEnded()) {

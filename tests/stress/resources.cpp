@@ -20,7 +20,7 @@ namespace {
 std::atomic<std::size_t> liveHandles{0};
 std::atomic<std::size_t> bytesKept{0};
 
-/// What it takes of the heap, which may give it a little more than it asked for.
+/// The heap memory that a block takes, which may be a little more than was asked for.
 std::size_t chunkSize(void* object) { return malloc_usable_size(object) + sizeof(std::size_t); }
 
 void ignoreLeak([[maybe_unused]] const void* object)
@@ -32,7 +32,7 @@ void ignoreLeak([[maybe_unused]] const void* object)
 
 } // namespace
 
-// The linker puts these in the place of libldap's functions.
+// The linker replaces libldap's functions with these.
 extern "C" {
 
 int __real_ldap_initialize(LDAP** handle, const char* url);

@@ -40,7 +40,7 @@ Search::Call::Call(Search& search, ldap::Result result, const std::vector<QStrin
     : m_search(search)
     , m_outer(search.m_caller.exchange(std::this_thread::get_id()))
 {
-    // A handler that stops its own search is called within its call.
+    // A handler that stops its own search gets the final call inside its current one.
     search.require(m_outer == std::thread::id() || m_outer == std::this_thread::get_id(),
         "is called by two threads at a time");
     if (result == ldap::Result::moreResults) {
@@ -136,7 +136,7 @@ void Search::forgetInCall(const Stop& stop)
         return;
     }
     stop(m_context);
-    // The handler lives until its call returns.
+    // The handler exists until its call returns.
     m_ledger.count(Event::searchForgotten);
     end(State::forgotten);
 }

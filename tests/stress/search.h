@@ -23,17 +23,17 @@ class SearchContext;
 
 namespace tavo::stress {
 
-/// One asynchronous search as its caller knows it: what its handler was called with, and whether that keeps
-/// what the library promises. Thread-safe.
+/// One asynchronous search from its caller's point of view: records the calls of its handler and checks them
+/// against the library's promises. Thread-safe.
 class Search
 {
 public:
-    /// \param complete how many entries there are; nothing when the search can't come to a good end
-    /// \param changed called when the search has come to its end, on the thread on which it does
+    /// \param complete the number of entries it must find; nothing when the search can't succeed
+    /// \param changed called when the search has ended, on the thread that ends it
     Search(Ledger& ledger, std::string name, std::optional<std::size_t> complete, Dice dice,
         std::function<void()> changed);
 
-    /// Lives in the handler, and tells when the handler is gone.
+    /// A member of the handler, which notices when the handler is destroyed.
     class HandlerLife
     {
     public:
@@ -50,7 +50,7 @@ public:
         std::shared_ptr<Search> m_search;
     };
 
-    /// Lives during a call of the handler.
+    /// Exists during a call of the handler.
     class Call
     {
     public:
@@ -66,34 +66,34 @@ public:
 
     using Stop = std::function<void(ldap::SearchContext*)>;
 
-    /// Names the search for `forget`; it may have ended by now.
+    /// Sets the pointer by which `forget` stops the search; the search may have ended by now.
     void started(ldap::SearchContext* context) { m_context = context; }
 
-    /// The start threw: no call may come.
+    /// The start threw: the handler must not be called.
     void refused();
 
-    /// The handler has thrown something that ends the search without a final call.
+    /// The handler has thrown an exception that ends the search without a final call.
     void brokenOff();
 
-    /// Forgets the search unless it has ended. Not for calls of handlers.
+    /// Forgets the search unless it has ended. Must not be called by a handler.
     void forget(const Stop& stop);
 
-    /// The same from a call of its own handler, where nothing may be waited for.
+    /// The same for its own handler, which must not wait.
     void forgetInCall(const Stop& stop);
 
-    /// Whether nothing more is to come from it while its session lives.
+    /// Whether no more calls of the handler can come while the session lives.
     bool isSettled() const;
 
-    /// Whether nothing is to come from it at all.
+    /// Whether no more calls of the handler can come at all.
     bool isOver() const;
 
     /// Whether it ended with a failure of the connection.
     bool hasLostConnection() const { return m_hasLostConnection; }
 
-    /// Reports it when something is still to come, though its session is gone.
+    /// Reports a violation if calls can still come; for when the session is gone.
     void checkIsOver() const;
 
-    /// For the handler alone, which is called by one thread at a time.
+    /// Only for the handler, which one thread calls at a time.
     Dice& dice() { return m_dice; }
 
     static std::size_t liveHandlers();
@@ -105,7 +105,7 @@ private:
         final,
         forgotten,
         refused,
-        /// It was to be forgotten, but its final call had been decided on: that may begin only now.
+        /// It was forgotten when its final call was already due: that call may begin only now.
         endsInSpiteOfForget
     };
 
@@ -122,7 +122,8 @@ private:
     Dice m_dice;
     const std::function<void()> m_changed;
 
-    /// Held while the search is being forgotten, and by a final call as it begins: so its name is good then.
+    /// Held while the search is being forgotten, and by a final call as it begins, so that its pointer stays
+    /// valid meanwhile.
     mutable std::mutex m_mutex;
     std::atomic<State> m_state{State::running};
     std::atomic<bool> m_isBrokenOff{false};

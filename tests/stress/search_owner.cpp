@@ -14,7 +14,7 @@ namespace {
 using namespace std::chrono_literals;
 using ldap::Result;
 
-/// A handler starts others only while fewer than these are under way.
+/// A handler starts another search only while fewer than these are under way.
 constexpr std::size_t kSearchesOfHandlers = 8;
 
 const QString kBase = QStringLiteral("dc=example,dc=test");
@@ -44,7 +44,7 @@ std::vector<QString> dnsOf(const std::vector<Record>& records)
     return dns;
 }
 
-/// What a search by a context of its own calls; it may outlive the session, so it leaves that alone.
+/// The handler of a search with a context of its own. It may outlive the session and doesn't use it.
 class ContextHandler
 {
 public:
@@ -100,7 +100,7 @@ std::string Directory::ldif()
     return text;
 }
 
-/// The handler of an owner's searches. Does something odd now and then, within what a handler may do.
+/// The handler of an owner's searches. Now and then does something unusual that a handler may do.
 template <class Record>
 class SearchOwner::Handler
 {

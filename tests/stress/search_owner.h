@@ -20,15 +20,15 @@
 
 namespace tavo::stress {
 
-/// How long anything may take that needs no more than a server's answer or the end of a stall.
+/// The longest time that anything may take which waits only for a server's answer or the end of a stall.
 inline constexpr std::chrono::seconds kPatience{test::sanitized ? 240 : 60};
 
-/// What the server holds, and who may ask.
+/// The server's content and its administrator's credentials.
 struct Directory
 {
     static constexpr int people = 120;
     static constexpr int groups = 40;
-    /// For those who don't bind.
+    /// The size limit for anonymous clients.
     static constexpr int sizeLimit = 60;
 
     std::string rootDn;
@@ -37,7 +37,7 @@ struct Directory
     static std::string ldif();
 };
 
-/// Who uses something now; one at a time, and nobody waits for it.
+/// An exclusive claim on something; false when another holds it, for nobody waits.
 class Claim
 {
 public:
@@ -62,8 +62,8 @@ private:
 
 /// A manager or a session, shared by all threads, with its searches.
 ///
-/// Who has claimed it may use and destroy it. Handlers of its searches may start others on it at any time,
-/// and any thread may forget searches.
+/// The holder of its claim may use and destroy it. The handlers of its searches may start more searches at
+/// any time, and any thread may forget searches.
 class SearchOwner : public std::enable_shared_from_this<SearchOwner>
 {
 public:
@@ -73,24 +73,24 @@ public:
     std::atomic<bool>& claim() { return m_isClaimed; }
     bool hasEnded() const { return m_hasEnded; }
 
-    /// Starts a search whose handler does something odd now and then.
+    /// Starts a search whose handler does something unusual now and then.
     void start(Dice& dice);
 
-    /// A blocking operation of a session, or a search by a context of its own.
+    /// Runs a blocking operation of a session, or a search with a context of its own.
     void operate(Dice& dice);
 
-    /// Forgets one of the searches, for any thread but in no call of a handler.
+    /// Forgets one of the searches. For any thread, but not for a handler.
     void forgetOne(Dice& dice);
 
-    /// Destroys the manager or session, and sees to it that every search has come to its end with that.
+    /// Destroys the manager or session, and checks that this has ended every search.
     void end();
 
     std::size_t unsettled() const;
 
-    /// Whether a search has met with the end of the connection, of late.
+    /// Whether one of the recent searches has lost the connection.
     bool isBroken() const;
 
-    /// Waits until no more than `count` searches are under way; says whether that happened in time.
+    /// Waits until at most `count` searches are under way; returns whether that happened in time.
     bool waitForSettled(std::size_t count, std::chrono::milliseconds time) const;
 
 private:
@@ -126,11 +126,12 @@ private:
     Ledger& m_ledger;
     bool m_isAnonymous = false;
 
-    /// Held by those who forget searches, exclusively by the one who destroys: the object's life.
+    /// Keeps the manager or session alive: shared by threads that forget searches, exclusive for the one that
+    /// destroys it.
     std::shared_mutex m_life;
     std::unique_ptr<ldap::Manager> m_ownManager;
     std::unique_ptr<ldap::Session> m_ownSession;
-    /// The same for handlers, which need no lock because they are waited for.
+    /// The same objects for handlers, which need no lock because the destruction waits for them.
     ldap::Manager* m_manager = nullptr;
     ldap::Session* m_session = nullptr;
 

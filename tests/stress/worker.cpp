@@ -8,7 +8,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// Searches of one owner under way at a time, but for those that handlers start.
+/// The most searches of one owner at a time, not counting those that handlers start.
 constexpr std::size_t kSearches = 6;
 
 } // namespace

@@ -37,7 +37,7 @@ struct World
     std::deque<Slot> slots;
 };
 
-/// What one thread does, at random: to its own slot mostly, and to those of all the others.
+/// The random work of one thread: mostly on its own slot, sometimes on those of the others.
 class Worker
 {
 public:

@@ -8,8 +8,8 @@
 
 namespace tavo::test {
 
-/// Takes every failed assertion while it lives. Make it before the threads that may assert and let it go
-/// after them. Thread-safe.
+/// Collects every failed assertion during its lifetime, which must enclose that of the threads that may
+/// assert. Thread-safe.
 class AssertionCapture
 {
 public:

@@ -5,13 +5,12 @@
 
 namespace tavo::test {
 
-/// A port of 127.0.0.1 that neither accepts nor refuses a connection: an address whose packets get lost, as
-/// behind a firewall that drops them. (Its queue of connections is full, so the kernel drops requests for
-/// more.)
+/// A port of 127.0.0.1 that neither accepts nor refuses a connection, like an address behind a firewall that
+/// drops packets. (Its queue of connections is full, so the kernel drops further requests.)
 class BlackHole
 {
 public:
-    /// Throws std::system_error when it can't be had.
+    /// Throws std::system_error when the port can't be set up.
     BlackHole();
     ~BlackHole();
     BlackHole(const BlackHole&) = delete;

@@ -7,17 +7,17 @@
 
 namespace tavo::test {
 
-/// A call on a thread of its own that should wait for something. Waits for it when it goes.
+/// Runs a call that should block, on a thread of its own. The destructor waits for the call to return.
 class BlockedCall
 {
 public:
     explicit BlockedCall(std::function<void()> call);
 
-    /// Whether it waits: looks until its thread sleeps, which is true, or has returned. There is no event for
-    /// the former.
+    /// Polls until the call's thread sleeps, and returns true, or until the call has returned, and returns
+    /// false. No event tells that a thread sleeps.
     bool isWaiting() const;
 
-    /// Waits for the end of the call, and throws what it has thrown.
+    /// Waits for the call to return, and rethrows its exception.
     void get() { m_returned.get(); }
 
 private:

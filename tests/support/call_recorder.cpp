@@ -82,7 +82,7 @@ using Value = RecordedCall::Value;
 
 constexpr const char* kAttributeIterator = "the iterator of ldap_first_attribute";
 
-/// Has LeakSanitizer say nothing of an attribute iterator, on which the recorder keeps the books.
+/// Hides an attribute iterator from LeakSanitizer: the recorder tracks it itself.
 void leaveToRecorder([[maybe_unused]] const BerElement* iterator)
 {
 #ifdef __SANITIZE_ADDRESS__
@@ -241,7 +241,7 @@ const Kind& argumentAs(const RecordedCall& call, const std::string& name)
     return *value;
 }
 
-/// The books on what libldap has handed out.
+/// Tracks what libldap has allocated and the caller has to free.
 class Ledger
 {
 public:
@@ -260,7 +260,7 @@ public:
         m_resources[address] = std::move(resource);
     }
 
-    /// Null when it is not, or no longer, in the books.
+    /// Null when it is not, or no longer, tracked.
     const Resource* find(const void* address) const
     {
         const auto found = m_resources.find(address);

@@ -23,7 +23,7 @@ namespace tavo::test {
 /// One call of the client library, with a deep copy of its arguments.
 struct RecordedCall
 {
-    /// Stands for a connection handle: 1 is the first one that was seen.
+    /// Stands for a connection handle: they are numbered from 1 as they are seen.
     struct HandleNumber
     {
         int number = 0;
@@ -35,7 +35,7 @@ struct RecordedCall
         std::int64_t fraction = 0; ///< microseconds; nanoseconds for nanosleep
         bool operator==(const Time&) const = default;
     };
-    /// Something that is not looked into: a message, an iterator.
+    /// An opaque pointer: a message, an iterator.
     struct Opaque
     {
         const void* address = nullptr;
@@ -47,37 +47,37 @@ struct RecordedCall
 
     std::string function;
     std::thread::id thread;
-    /// By the names in libldap's manual pages; what a call gave back through a pointer is added when it
+    /// By the names in libldap's manual pages. What a call returns through a pointer is added when it has
     /// returned.
     std::map<std::string, Value> arguments;
     /// Empty until the call has returned. A pointer counts as 1, a null pointer as 0.
     std::optional<std::int64_t> result;
-    /// What the caller finds in `errno`.
+    /// `errno` as the caller finds it.
     int error = 0;
 
-    /// Each throws, naming the argument, when it doesn't exist or is of another kind.
+    /// Each throws, naming the argument, when there is no such argument or it is of another kind.
     bool isNull(const std::string& argument) const;
     std::int64_t number(const std::string& argument) const;
     Bytes text(const std::string& argument) const;
     std::vector<Bytes> texts(const std::string& argument) const;
     std::vector<Control> controls(const std::string& argument) const;
     Time time(const std::string& argument) const;
-    /// The number of the connection handle that the call was about.
+    /// The number of the connection handle that the call was given.
     int handle() const;
 };
 
 std::string describe(const RecordedCall& call);
 
-/// Which calls of a function an instruction is for, and what they leave in `errno`.
+/// The calls of a function to which an instruction applies, and what they leave in `errno`.
 struct Occasion
 {
-    /// The n-th call since the recorder's beginning, 1 being the first; 0 means every one.
+    /// The n-th call since the recorder was made, counted from 1; 0 means every call.
     int nth = 0;
     std::optional<int> error = std::nullopt;
 };
 
 /// Records what a program linked with `tavo_wrap_libldap(target)` calls of libldap, liblber and OpenSSL's
-/// error queue, changes how those calls end, and keeps the books on everything that libldap hands out.
+/// error queue, changes the outcome of those calls, and tracks everything that libldap allocates for them.
 ///
 ///     CallRecorder recorder;
 ///     recorder.fail(ldap_search_ext, LDAP_SERVER_DOWN, {.nth = 2, .error = ECONNRESET});
@@ -86,23 +86,23 @@ struct Occasion
 ///     EXPECT_THAT(recorder.names(), ElementsAre("ERR_clear_error", "ldap_initialize", ...));
 ///     EXPECT_EQ(recorder.only("ldap_search_ext").text("base"), "dc=x");
 ///
-/// Without other instructions a call goes through to the real function, and without a recorder in the process
-/// it does so unseen. There is one recorder at a time. It may be used from any thread; calls that begin while
-/// it lives must end before it goes.
+/// Without instructions a call goes through to the real function; without a recorder it isn't recorded
+/// either. There is one recorder at a time. It may be used from any thread; calls that begin during its
+/// lifetime must return before it is destroyed.
 ///
-/// Everything handed out while the recorder lives has to be freed once, with the function meant for it,
-/// before the recorder goes; what isn't so fails the test. A second free is reported and not carried out.
+/// Everything allocated during the recorder's lifetime has to be freed once, by the function meant for it,
+/// before the recorder is destroyed; otherwise the test fails. A second free is reported, not carried out.
 class CallRecorder
 {
 public:
     CallRecorder();
-    /// Reports the problems that nobody took as failures of the running test.
+    /// Reports, as failures of the running test, the problems that the test has not taken.
     ~CallRecorder();
     CallRecorder(const CallRecorder&) = delete;
     CallRecorder& operator=(const CallRecorder&) = delete;
 
-    /// The call is not carried out and returns `result`; what it should give back through pointers stays as
-    /// it is. A function that frees something frees it all the same, as the real one does when it fails.
+    /// The call is not carried out and returns `result`; its output arguments are left alone. A function that
+    /// frees something still frees it, as the real one does when it fails.
     template <class R, class... A>
     void fail(R (*function)(A...), std::type_identity_t<R> result, Occasion occasion = {})
     {
@@ -110,7 +110,7 @@ public:
         plan(function).outcomes.push_back({occasion, [result](A...) { return result; }});
     }
 
-    /// The call is carried out, and `errno` is `error` afterwards, whatever came of it.
+    /// The call is carried out, and leaves `error` in `errno` whatever its outcome.
     template <class R, class... A>
     void leaveErrno(R (*function)(A...), int error, int nth = 0)
     {
@@ -118,8 +118,8 @@ public:
         plan(function).outcomes.push_back({{.nth = nth, .error = error}, {}});
     }
 
-    /// Every function that frees something leaves this value in `errno`: whoever reads `errno` too late is
-    /// found out.
+    /// Every function that frees something leaves this value in `errno`, which exposes code that reads
+    /// `errno` too late.
     void leaveErrnoWhenFreeing(int error);
 
     /// Calls `replacement` in place of the function; it may call `real(function)`.
@@ -130,7 +130,7 @@ public:
         plan(function).replacement = std::move(replacement);
     }
 
-    /// The function as the library has it.
+    /// The library's own function.
     template <class R, class... A>
     static auto real(R (*function)(A...)) -> R (*)(A...)
     {
@@ -145,16 +145,15 @@ public:
     std::size_t count(const std::string& function) const { return calls(function).size(); }
     std::vector<std::string> names() const;
 
-    /// Blocks until so many calls of this function have begun; throws when `kDeadline` passes.
+    /// Blocks until `count` calls of this function have begun; throws when `kDeadline` passes.
     void waitForCalls(const std::string& function, std::size_t count) const;
-    /// Blocks until so many have returned.
+    /// The same, until they have returned.
     void waitForReturns(const std::string& function, std::size_t count) const;
 
-    /// The iterator of ldap_first_attribute, which is no leak to whoever keeps it on purpose, may stay
-    /// unfreed.
+    /// The iterators of ldap_first_attribute may stay unfreed, for code that keeps them on purpose.
     void mayKeepAttributeIterators();
 
-    /// Takes what was done wrong so far, with what is handed out and not freed yet.
+    /// Takes the problems so far, including everything that is allocated and not freed yet.
     std::vector<std::string> takeProblems();
 
     struct State;

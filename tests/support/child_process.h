@@ -11,14 +11,14 @@
 
 namespace tavo::test {
 
-/// What to run, and in which surroundings.
+/// The program to run and its environment.
 struct Command
 {
     /// The program and its arguments.
     std::vector<std::string> words;
-    /// The file to run, where that is not the one that the first of `words` names (by path, or in $PATH).
+    /// The file to run, when it differs from the one that the first of `words` names (by path or in $PATH).
     std::filesystem::path program = {};
-    /// Where standard output and error go; /dev/null when empty. Appended to.
+    /// The file to which standard output and error are appended; /dev/null when empty.
     std::filesystem::path log = {};
     /// Changes to the environment: a value, or nothing to remove the variable.
     std::map<std::string, std::optional<std::string>> environment = {};
@@ -43,7 +43,7 @@ public:
     /// A descriptor that becomes readable when the child has ended: for poll(). Owned by this object.
     int descriptor() const { return m_pidfd; }
 
-    /// Whether the child has ended within that time; waits on the kernel's own notice.
+    /// Whether the child ends within that time; woken by the kernel rather than polling.
     bool waitForExit(std::chrono::milliseconds timeout);
 
     /// The exit status once waitForExit() has returned true, or 128 plus the number of the signal that ended
@@ -53,15 +53,14 @@ public:
     /// Sends a signal; does nothing when the child has been seen to end.
     void signal(int number) const;
 
-    /// Suspends the child (SIGSTOP) and returns when all its threads stand still; signal(SIGCONT) lets it go
-    /// on.
+    /// Suspends the child (SIGSTOP) and returns when all its threads have stopped; signal(SIGCONT) resumes
+    /// it.
     void suspend() const;
 
-    /// Asks the child to end (SIGTERM), makes it end after ten seconds (SIGKILL), and returns its exit
-    /// status.
+    /// Terminates the child (SIGTERM), kills it after ten seconds (SIGKILL), and returns its exit status.
     int stop();
 
-    /// Makes the child end at once (SIGKILL) and waits for that.
+    /// Kills the child (SIGKILL) and waits for its end.
     void kill();
 
 private:
@@ -73,8 +72,8 @@ private:
 /// Runs a command to its end and returns its exit status. Throws as ChildProcess does.
 int run(const Command& command);
 
-/// The first of these that is there: absolute paths are looked at, bare names are looked up in $PATH. Empty
-/// when none is.
+/// The first of these that exists: an absolute path is taken as it is, a bare name is looked up in $PATH.
+/// Empty when none exists.
 std::filesystem::path findProgram(const std::vector<std::string>& candidates);
 
 } // namespace tavo::test

@@ -11,8 +11,8 @@
 
 namespace tavo::test {
 
-/// Gives every test a deadline. When it passes, the stacks of all threads go to standard error and the
-/// process aborts: a test that hangs says where.
+/// Gives every test a deadline. When it passes, the stacks of all threads are written to standard error and
+/// the process aborts: a test that hangs shows where.
 class Deadline : public ::testing::EmptyTestEventListener
 {
 public:

@@ -9,9 +9,9 @@
 
 namespace tavo::test {
 
-/// A real 389 Directory Server of one's own: on 127.0.0.1, in a temporary directory, gone with this object.
-/// It answers as soon as the constructor has returned, and lets everybody read. When the test has failed by
-/// the time this object goes, the server's log goes to standard error.
+/// A private 389 Directory Server on 127.0.0.1, in a temporary directory; it lives as long as this object. It
+/// is ready when the constructor returns, and lets everybody read. If the test has failed by the time of
+/// destruction, the server's log is written to standard error.
 ///
 /// Not thread-safe; the thread that starts the server must outlive it (see ChildProcess).
 class Ds389
@@ -30,7 +30,7 @@ public:
     static constexpr const char* rootDn = "cn=admin,dc=example,dc=test";
     static constexpr const char* rootPassword = "secret";
 
-    /// What the server has said so far.
+    /// The server's log so far.
     std::string log() const;
 
 private:

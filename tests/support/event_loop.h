@@ -11,7 +11,7 @@
 
 namespace tavo::test {
 
-/// Owner of a file descriptor.
+/// Owns a file descriptor.
 class FileDescriptor
 {
 public:
@@ -49,18 +49,18 @@ std::uint16_t localPort(const FileDescriptor& socket);
 /// Accepts one connection, non-blocking and without Nagle's delay; empty when none is waiting.
 FileDescriptor acceptConnection(const FileDescriptor& listener);
 
-/// Makes the next close of the socket send a reset instead of an orderly end.
+/// Makes the close of the socket send a reset.
 void resetOnClose(const FileDescriptor& socket);
 
-/// One thread that waits on file descriptors with epoll and runs what is posted to it.
+/// A thread that waits on file descriptors with epoll and runs posted functions.
 ///
-/// `watch`, `change` and `unwatch` are for the loop's own thread: from a callback or a posted function. An
-/// owner whose callbacks capture it declares its loop as its last member, so that the thread is gone before
-/// anything that it uses.
+/// `watch`, `change` and `unwatch` are for the loop's own thread: call them from a callback or a posted
+/// function. An owner whose callbacks capture it declares its loop as its last member, so that the thread
+/// ends before anything that it uses is destroyed.
 class EventLoop
 {
 public:
-    /// Where other threads post; it may outlive the loop, and then drops what it is given.
+    /// Through this, other threads post. It may outlive the loop, and then drops what is posted.
     class Mailbox;
     using Callback = std::function<void(std::uint32_t events)>;
     using Watch = std::uint64_t;
@@ -79,7 +79,7 @@ public:
     void change(Watch watch, std::uint32_t events);
     void unwatch(Watch watch);
 
-    /// Ends the thread and joins it; what was posted and has not run is dropped. Idempotent.
+    /// Stops and joins the thread; posted functions that have not run are dropped. Idempotent.
     void stop();
 
 private:

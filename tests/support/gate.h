@@ -7,13 +7,13 @@
 
 namespace tavo::test {
 
-/// How long anything in the test kit waits before it gives up: long enough for a sanitised build on a busy
-/// machine, and never reached by a test that passes.
+/// How long the test support waits for anything before it gives up: long enough for a sanitized build on a
+/// busy machine, and never reached by a test that passes.
 inline constexpr std::chrono::seconds kDeadline{30};
 
-/// A door that is opened once: the way in which a test and a scripted peer tell each other to go on.
+/// A one-time event, by which a test and a scripted peer tell each other to continue.
 ///
-/// Copies are the same gate. Any thread may open it or wait for it; a gate that is open stays open.
+/// Copies share one gate. Any thread may open it or wait for it; an open gate stays open.
 class Gate
 {
 public:
@@ -24,11 +24,10 @@ public:
 
     bool isOpen() const;
 
-    /// Blocks until the gate is open. Throws `std::runtime_error` naming `what` when the deadline passes
-    /// first.
+    /// Blocks until the gate is open. Throws `std::runtime_error` naming `what` if the deadline passes first.
     void wait(const std::string& what = "a gate", std::chrono::milliseconds deadline = kDeadline) const;
 
-    /// Runs `function` once, when the gate opens, or at once when it is open already.
+    /// Runs `function` once: when the gate opens, or immediately if it is already open.
     void whenOpen(std::function<void()> function) const;
 
 private:

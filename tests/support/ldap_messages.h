@@ -17,7 +17,7 @@ inline constexpr const char* kStartTlsOid = "1.3.6.1.4.1.1466.20037";
 inline constexpr const char* kWhoAmIOid = "1.3.6.1.4.1.4203.1.11.3";
 inline constexpr const char* kNoticeOfDisconnectionOid = "1.3.6.1.4.1.1466.20036";
 
-/// The tags of the protocol operations that a server answers with.
+/// The tags of a server's protocol operations.
 enum class Answer : unsigned
 {
     bindResponse = 0x61,
@@ -28,15 +28,15 @@ enum class Answer : unsigned
     intermediateResponse = 0x79
 };
 
-/// One element of BER: its tag, and its contents.
+/// One BER element: its tag and its contents.
 struct Tlv
 {
     unsigned tag = 0;
     Bytes content;
 };
 
-// Written out here rather than with liblber: what is tested must not be what tests it, and the call recorder
-// sees the library's calls alone.
+// Hand-written rather than taken from liblber: the code under test uses liblber, which must not vouch for
+// itself, and the call recorder should see only the library's own calls.
 
 /// Encodes one element; the tag is one byte.
 Bytes tlv(unsigned tag, std::string_view content);
@@ -44,18 +44,17 @@ Bytes tlv(unsigned tag, std::string_view content);
 /// Encodes a number under the tag of INTEGER (0x02) or another one.
 Bytes berNumber(std::int64_t value, unsigned tag = 0x02);
 
-/// The elements in `content`, one after the other. Throws `std::runtime_error` when that is not what it
-/// holds.
+/// The elements of which `content` is the concatenation. Throws `std::runtime_error` when it isn't one.
 std::vector<Tlv> elements(std::string_view content);
 
 /// The number in the contents of an INTEGER.
 std::int64_t numberIn(std::string_view content);
 
-/// Length of the first whole element in `buffer`; 0 when some of it is still to come.
-/// Throws `std::runtime_error` when no element can begin like this.
+/// The length of the first element in `buffer`; 0 when it is still incomplete. Throws `std::runtime_error`
+/// when no element can begin like this.
 std::size_t firstElementLength(std::string_view buffer);
 
-/// The value of a control, or none at all, which is not the same as an empty one.
+/// The value of a control, or nothing when it has none, which differs from an empty value.
 struct Control
 {
     Bytes oid;
@@ -117,13 +116,13 @@ struct Request
     using Operation = std::variant<BindRequest, SearchRequest, ExtendedRequest, AbandonRequest, UnbindRequest,
         OtherRequest>;
 
-    /// Which of the server's connections it came on: 0 is the first one that was accepted.
+    /// The connection on which it came, counted from 0 in the order of acceptance.
     std::size_t connection = 0;
     std::int64_t messageId = 0;
     Operation operation = UnbindRequest();
     std::vector<Control> controls;
 
-    /// The operation as `Kind`; throws `std::bad_variant_access` when it is another one.
+    /// The operation as `Kind`; throws `std::bad_variant_access` when it is of another kind.
     template <class Kind>
     const Kind& as() const
     {
@@ -155,7 +154,7 @@ Request decodeRequest(std::string_view message);
 /// Encodes a message around an encoded protocol operation.
 Bytes encodeMessage(std::int64_t messageId, std::string_view operation, const std::vector<Control>& controls);
 
-/// Readable on one line; what isn't printable ASCII is escaped, what is long is cut.
+/// A description on one line; other than printable ASCII is escaped, long values are cut.
 std::string printable(std::string_view bytes);
 std::string describe(const Control& control);
 std::string describe(const Request& request);

@@ -11,9 +11,9 @@
 
 namespace tavo::test {
 
-/// Takes everything that is logged while it lives, up to a level, and keeps it from the default sink. Texts
-/// are UTF-8, for plain comparison with literals. Thread-safe; at its end no thread is left inside its sink.
-/// When several are nested, the innermost gets the messages.
+/// Collects everything that is logged during its lifetime, up to a level, in place of the default sink. Texts
+/// are UTF-8, for plain comparison with literals. Thread-safe; when its destructor returns, no thread is in
+/// its sink any more. Of nested captures, the innermost gets the messages.
 class LogCapture
 {
 public:
@@ -32,15 +32,15 @@ public:
 
     /// All messages so far, in the order in which they were written.
     [[nodiscard]] std::vector<Message> messages() const;
-    /// Their texts alone, of every level or of one.
+    /// Only their texts, of every level or of one.
     [[nodiscard]] std::vector<std::string> texts() const;
     [[nodiscard]] std::vector<std::string> texts(log::Level level) const;
     /// Whether some message's text contains @p part.
     [[nodiscard]] bool contains(std::string_view part) const;
-    /// Waits until one does; says whether one did in time.
+    /// Waits for such a message; returns whether one came in time.
     [[nodiscard]] bool waitFor(
         std::string_view part, std::chrono::milliseconds timeout = std::chrono::seconds(30)) const;
-    /// Forgets the messages so far.
+    /// Drops the messages so far.
     void clear();
 
 private:

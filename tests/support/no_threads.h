@@ -7,7 +7,7 @@
 
 namespace tavo::test {
 
-/// No thread can be started while this lives: there is no such stack.
+/// No thread can be started during its lifetime: the default stack size is one that no machine has.
 class NoThreads
 {
 public:

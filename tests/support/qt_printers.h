@@ -7,7 +7,7 @@
 
 namespace tavo::test {
 
-/// Qt's text as a literal of a test writes it.
+/// A QString literal for tests.
 inline QString operator""_s(const char* text, std::size_t length)
 {
     return QString::fromUtf8(text, static_cast<qsizetype>(length));

@@ -5,14 +5,13 @@
 
 namespace tavo::test {
 
-/// A TCP port of 127.0.0.1 that belongs to this object for as long as it lives. A server that sets
-/// SO_REUSEADDR (as practically all do) can listen on it; nobody else is given it by the kernel, so there is
-/// no moment in which another test could take it, and while no server listens there, connections are refused
-/// for certain.
+/// Reserves a TCP port of 127.0.0.1 for its lifetime. A server that sets SO_REUSEADDR (as practically all do)
+/// can listen on it; the kernel assigns it to no other socket, so no other test can take it in between, and
+/// connections are certainly refused while no server listens there.
 class ReservedPort
 {
 public:
-    /// Throws std::system_error when there is no port to be had.
+    /// Throws std::system_error when no port is available.
     ReservedPort();
     ~ReservedPort();
     ReservedPort(const ReservedPort&) = delete;

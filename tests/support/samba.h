@@ -21,11 +21,11 @@ struct SambaOptions
     std::vector<std::string> lines = {};
 };
 
-/// A real Active Directory domain of one's own, served by Samba: on a loopback address of its own (for the
-/// ports are Active Directory's, 389 and 636), in a temporary directory, gone with this object. It offers
-/// LDAP alone, with a certificate of its own authority that is good for a relay on 127.0.0.1, too, and takes
-/// simple binds only over TLS, as its default is. It answers as soon as the constructor has returned. When
-/// the test has failed by the time this object goes, the server's log goes to standard error.
+/// A private Active Directory domain, served by Samba in a temporary directory; it lives as long as this
+/// object. It has a loopback address of its own, because its ports are fixed: 389 and 636. It offers only
+/// LDAP, with a certificate of its own authority that is also valid for a relay on 127.0.0.1, and accepts
+/// simple binds only over TLS, as is its default. It is ready when the constructor returns. If the test has
+/// failed by the time of destruction, the server's log is written to standard error.
 ///
 /// Not thread-safe; the thread that starts the server must outlive it (see ChildProcess).
 class Samba
@@ -41,7 +41,7 @@ public:
     std::string url() const { return "ldap://" + m_address; }
     std::string ldapsUrl() const { return "ldaps://" + m_address; }
 
-    /// Where it listens.
+    /// The address on which it listens.
     const std::string& address() const { return m_address; }
     static constexpr std::uint16_t port = 389;
     static constexpr std::uint16_t ldapsPort = 636;
@@ -55,10 +55,10 @@ public:
     static constexpr const char* administrator = "Administrator@ad.test";
     static constexpr const char* password = "Passw0rd!";
 
-    /// What the server has said so far.
+    /// The server's log so far.
     std::string log() const;
 
-    /// Starts the server again after kill(); what it held is still there.
+    /// Starts the server again after kill(), with the same content.
     void start();
     /// Ends the server at once, as a crash would.
     void kill();
@@ -68,7 +68,7 @@ private:
 
     SambaOptions m_options;
     TemporaryDirectory m_directory;
-    // Nobody else has this port, so nobody else's server has the address that is made of it.
+    // No other process has this port, so no other server has the address derived from it.
     ReservedPort m_number;
     std::string m_address;
     TestCa m_ca;

@@ -80,7 +80,7 @@ private:
     std::vector<Step> m_steps;
 };
 
-/// The parts that every message of a server has: by itself it answers the request's message id, with no
+/// The parts common to all messages of a server. By default a message has the request's message id and no
 /// controls.
 template <class Derived>
 class MessageTo
@@ -93,7 +93,7 @@ public:
         return self();
     }
 
-    /// Answers another message id than the request's.
+    /// Uses another message id than the request's.
     Derived& messageId(std::int64_t id)
     {
         m_messageId = id;
@@ -215,7 +215,7 @@ private:
     std::optional<Bytes> m_responseValue;
 };
 
-/// A message whose protocol operation has any tag and any contents, for what a proper server never sends.
+/// A message with any tag and contents as its protocol operation, for what no proper server sends.
 class RawOperation : public MessageTo<RawOperation>
 {
 public:
@@ -251,31 +251,31 @@ Steps raw(Bytes bytes);
 /// All of these in one write: `together({entry("cn=a"), done()})`. This and the next three take messages and
 /// raw bytes only.
 Steps together(const Steps& steps);
-/// All of these cut into `count` writes of about the same length.
+/// All of these, split into `count` writes of about the same length.
 Steps inSegments(std::size_t count, const Steps& steps);
 /// All of these, the byte at `offset` and those after it only when `gate` is open.
 Steps splitAt(std::size_t offset, Gate gate, const Steps& steps);
 /// The first `length` bytes of these.
 Steps truncated(std::size_t length, const Steps& steps);
-/// What follows in this answer is done when the test opens the gate.
+/// The following steps of this answer wait until the test opens the gate.
 Steps waitFor(Gate gate);
-/// Opens the gate when everything before it in this answer is in the hands of the kernel.
+/// Opens the gate when everything before it in this answer has been passed to the kernel.
 Steps opens(Gate gate);
 /// Ends the connection when everything before it is sent. Requests that have not been read turn it into a
 /// reset.
 Steps closeConnection();
-/// Ends only the server's direction.
+/// Closes only the server's sending direction.
 Steps halfClose();
 Steps resetConnection();
-/// From here on what the client sends is no LDAP (a TLS handshake): counts it, and goes on when so much has
-/// come.
+/// From here on the client's bytes are not LDAP (a TLS handshake): counts them, and continues when that many
+/// have come.
 Steps awaitRawInput(std::size_t bytes = 1);
 /// Reads nothing more from this connection.
 Steps stopReading();
 
 /// What the script expects of one request, and what it answers; see `ScriptedServer`.
 ///
-/// It counts from the end of the statement in which it is written. Without `answer` the server stays silent.
+/// It takes effect at the end of the statement that writes it. Without `answer` the server stays silent.
 class Expectation
 {
 public:
@@ -302,7 +302,7 @@ public:
     /// The only control is a paged-results one with this content.
     Expectation& paged(std::int64_t size, Bytes cookie, bool critical = true);
 
-    /// Any other demand: `what` names it in the message when `holds` returns false.
+    /// Any other condition: `what` names it in the message when `holds` returns false.
     Expectation& matching(std::string what, std::function<bool(const Request&)> holds);
 
     /// Answers with these steps, one after the other.
@@ -314,7 +314,7 @@ public:
         answerWith([steps](const Request&) { return steps; });
     }
 
-    /// Answers with what `script` makes of the request, on the server's thread.
+    /// Answers with the steps that `script` returns for the request; it is called on the server's thread.
     void answerWith(Script script);
 
 private:
@@ -328,8 +328,8 @@ private:
     std::unique_ptr<Data> m_data;
 };
 
-/// An LDAP server on 127.0.0.1 that does what the test says, byte for byte when it wants to, on a thread of
-/// its own.
+/// An LDAP server on 127.0.0.1 that follows the test's script, byte by byte if need be, on a thread of its
+/// own.
 ///
 ///     ScriptedServer server;
 ///     server.expectBind("cn=admin", "secret").answer(success());
@@ -337,19 +337,19 @@ private:
 ///         entry("cn=a,dc=x").attr("cn", "a"), entry("cn=b,dc=x").attr("cn", "b"), done().page("cookie"));
 ///     server.expectSearch().paged(2, "cookie").answer(done().page(""));
 ///
-/// Requests must come in the order of the expectations; of those pinned to a connection, in the order among
-/// the expectations for that connection. When none is left, the handler given to `otherwise` answers. An
-/// abandon or an unbind that nothing expects is let pass. Any other request is a problem, is answered with 53
-/// (unwillingToPerform) and makes the test fail, as does an expectation that nothing met, when the server
-/// goes.
+/// Requests must come in the order of the expectations; those pinned to a connection, in the order of the
+/// expectations for that connection. When none is left, the handler given to `otherwise` answers. An
+/// unexpected abandon or unbind is ignored. Any other unexpected request is a problem: it is answered with 53
+/// (unwillingToPerform) and fails the test when the server is destroyed, as does an unmet expectation.
 ///
-/// Every member may be called from any thread. The waits throw `std::runtime_error`, saying what has come so
+/// Every member may be called from any thread. The waits throw `std::runtime_error`, listing what has come so
 /// far, when `kDeadline` passes.
 class ScriptedServer
 {
 public:
     ScriptedServer();
-    /// Closes every connection and reports the problems that nobody took as failures of the running test.
+    /// Closes every connection and reports, as failures of the running test, the problems that the test has
+    /// not taken.
     ~ScriptedServer();
     ScriptedServer(const ScriptedServer&) = delete;
     ScriptedServer& operator=(const ScriptedServer&) = delete;
@@ -371,15 +371,15 @@ public:
     /// Answers every request for which no expectation is left, on the server's thread.
     void otherwise(Expectation::Script script);
 
-    /// What every connection accepted from now on gets before it has sent anything.
+    /// Sent on every connection accepted from now on, before the client has sent anything.
     void greet(const Steps& steps);
 
     /// Refuses further connections, those in the listener's queue included.
     void stopListening();
 
-    /// Blocks until so many connections have been accepted since the start.
+    /// Blocks until `count` connections have been accepted since the start.
     void waitForConnections(std::size_t count) const;
-    /// Blocks until so many requests have come since the start; returns all of them.
+    /// Blocks until `count` requests have come since the start; returns all of them.
     std::vector<Request> waitForRequests(std::size_t count) const;
     /// Blocks until the client has closed or reset this connection.
     void waitForClose(std::size_t connection) const;
@@ -387,11 +387,11 @@ public:
     void waitUntilMet() const;
 
     std::size_t connections() const;
-    /// How many connections neither side has ended.
+    /// The number of connections that neither side has ended.
     std::size_t openConnections() const;
     std::vector<Request> requests() const;
 
-    /// Takes what went wrong so far, with expectations that are still unmet, so that the test may look at it.
+    /// Takes the problems so far, including expectations that are still unmet, for the test to examine.
     std::vector<std::string> takeProblems();
 
 private:

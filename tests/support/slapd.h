@@ -18,24 +18,24 @@ struct SlapdTls
     std::filesystem::path key;
 };
 
-/// How a throw-away slapd is to be set up. Every default gives a server that works.
+/// The set-up of a throw-away slapd. The defaults make a working server.
 struct SlapdOptions
 {
     /// The root of the directory. Its entry is made unless `ldif` has it. Must start with dc=, o= or ou=.
     std::string suffix = "dc=example,dc=test";
-    /// May do anything, and no limit applies to it: `cn=admin` below the suffix when empty.
+    /// The identity without access control and limits: `cn=admin` below the suffix when empty.
     std::string rootDn = {};
     std::string rootPassword = "secret";
     /// Entries to start with, as LDIF, parents first.
     std::string ldif = {};
-    /// Loads `ldif` without checking it against the schema, so that an entry may lack what its class demands.
+    /// When false, `ldif` is loaded unchecked, so that entries may violate the schema.
     bool checksSchema = true;
     /// Entries that go into the root DSE, as LDIF.
     std::string rootDse = {};
     /// Definitions after those of core, cosine, nis and inetOrgPerson, as `attributetype` and `objectclass`
     /// lines.
     std::string schema = {};
-    /// What else to load, such as "retcode".
+    /// Further modules to load, such as "retcode".
     std::vector<std::string> modules = {};
     /// Lines of slapd.conf before the database: `disallow bind_anon`, `sizelimit 20`, `referral ldap://...`.
     std::vector<std::string> globalLines = {};
@@ -44,15 +44,15 @@ struct SlapdOptions
     std::optional<SlapdTls> tls = std::nullopt;
 };
 
-/// Options for a slapd that passes for an Active Directory: its root DSE has a `forestFunctionality`, it
-/// knows the classes `user` and `group`, and `userAccountControl`, `sAMAccountName` and `objectCategory`
-/// (plain text here: the category `User` matches entries with exactly that text) can be searched with the
-/// filters meant for the real one.
+/// Options for a slapd that imitates Active Directory: its root DSE has a `forestFunctionality`, it has the
+/// classes `user` and `group`, and `userAccountControl`, `sAMAccountName` and `objectCategory` (plain text
+/// here: the category `User` matches entries with exactly that text) can be searched with the filters meant
+/// for the real one.
 SlapdOptions likeActiveDirectory();
 
-/// A real OpenLDAP server of one's own: on 127.0.0.1, in a temporary directory, gone with this object. It
-/// answers as soon as the constructor or start() has returned. When the test has failed by the time this
-/// object goes, the server's log goes to standard error.
+/// A private OpenLDAP server on 127.0.0.1, in a temporary directory; it lives as long as this object. It is
+/// ready when the constructor or start() returns. If the test has failed by the time of destruction, the
+/// server's log is written to standard error.
 ///
 ///     Slapd slapd({.ldif = "dn: ou=people,dc=example,dc=test\nobjectClass: organizationalUnit\n"});
 ///     connect(slapd.url(), slapd.rootDn(), slapd.rootPassword());
@@ -78,13 +78,13 @@ public:
     const std::string& rootDn() const { return m_options.rootDn; }
     const std::string& rootPassword() const { return m_options.rootPassword; }
 
-    /// What the server has said so far: a line for each operation received, and one for each finished. The
-    /// latter is written after the answer is sent: for the whole story, stop() first.
+    /// The server's log so far: a line for each operation received, and one for each finished. The latter is
+    /// written after the answer is sent: call stop() first for the complete log.
     std::string log() const;
 
-    /// Starts the server again after stop() or kill(); what it held is still there.
+    /// Starts the server again after stop() or kill(), with the same content.
     void start();
-    /// Ends the server in good order; does nothing when it isn't running.
+    /// Shuts the server down; does nothing when it isn't running.
     void stop();
     /// Ends the server at once, as a crash would.
     void kill();

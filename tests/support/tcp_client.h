@@ -7,7 +7,8 @@
 
 namespace tavo::test {
 
-/// A TCP client of 127.0.0.1 that knows nothing of LDAP. Its calls block, and give up after `kDeadline`.
+/// A TCP client of 127.0.0.1 that sends and receives plain bytes. Its calls block, and give up after
+/// `kDeadline`.
 class TcpClient
 {
 public:
@@ -16,18 +17,18 @@ public:
     /// The `errno` of the attempt to connect; 0 when connected.
     int connectError() const { return m_connectError; }
 
-    /// Throws `std::system_error` when not all of it can be sent.
+    /// Sends all bytes. Throws `std::system_error` when it can't.
     void send(const Bytes& bytes) const;
 
-    /// One read: what has come, "" at the end, "(reset)" after a reset.
+    /// One read: the bytes that have arrived, "" at the end of the stream, "(reset)" after a reset.
     Bytes receive() const;
 
-    /// So many bytes, or what there is until the end.
+    /// Reads `count` bytes, or fewer when the stream ends before.
     Bytes receive(std::size_t count) const;
 
     bool nothingToRead() const;
 
-    /// Ends this client's direction.
+    /// Closes the sending direction.
     void shutDown() const;
 
 private:

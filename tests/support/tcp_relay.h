@@ -10,7 +10,7 @@
 
 namespace tavo::test {
 
-/// A relay on 127.0.0.1 in front of a real server, that holds, stalls and cuts what passes through it.
+/// A relay on 127.0.0.1 in front of a real server, which delays, stalls and cuts connections.
 ///
 ///     TcpRelay relay(slapd.port());
 ///     const Gate goOn;
@@ -19,8 +19,8 @@ namespace tavo::test {
 ///     reached.wait("the first 100 bytes");
 ///     goOn.open();
 ///
-/// What is asked for counts for the connections accepted from then on. Every member may be called from any
-/// thread. The waits throw `std::runtime_error` when `kDeadline` passes.
+/// A hold or a cut applies to the connections accepted after it was asked for. Every member may be called
+/// from any thread. The waits throw `std::runtime_error` when `kDeadline` passes.
 class TcpRelay
 {
 public:
@@ -30,8 +30,8 @@ public:
         toClient
     };
 
-    /// `close` and `reset` end both connections at once. `halfClose` ends the one direction for whom it would
-    /// have reached: what comes after it that way is dropped, the other way stays open.
+    /// `close` and `reset` end both connections at once. `halfClose` ends one direction, as its receiver sees
+    /// it: what follows in that direction is dropped, the other direction stays open.
     enum class Ending
     {
         close,
@@ -39,16 +39,16 @@ public:
         reset
     };
 
-    /// A place in what one connection carries one way.
+    /// A position in the stream of one direction of a connection.
     struct Point
     {
         std::size_t count = 0;
         bool inMessages = false;
     };
 
-    /// After so many bytes.
+    /// After `count` bytes.
     static Point bytes(std::size_t count) { return {count, false}; }
-    /// After so many whole LDAP messages; for traffic without TLS.
+    /// After `count` whole LDAP messages; for traffic without TLS.
     static Point messages(std::size_t count) { return {count, true}; }
 
     /// Relays to a TCP port of a loopback address.
@@ -62,26 +62,26 @@ public:
     std::uint16_t port() const;
     std::string url(const std::string& scheme = "ldap") const;
 
-    /// Keeps back what comes after `point` until `gate` opens; a gate that nobody opens stalls the
-    /// connection. The gate returned opens when a connection comes to that point. `connection` counts from 0;
-    /// without it, every connection is meant.
+    /// Holds back everything after `point` until `gate` opens; a gate that is never opened stalls the
+    /// connection. The returned gate opens when a connection reaches that point. `connection` counts from 0;
+    /// without it, the hold applies to every connection.
     Gate hold(Direction direction, Point point, const Gate& gate,
         std::optional<std::size_t> connection = std::nullopt);
 
-    /// Ends the connection at `point`; the gate returned opens when that has happened.
+    /// Ends the connection at `point`; the returned gate opens when that has happened.
     Gate cut(Direction direction, Point point, Ending ending,
         std::optional<std::size_t> connection = std::nullopt);
 
-    /// Later connections pass untouched.
+    /// Removes all holds and cuts for later connections.
     void passEverything();
 
-    /// Connections since the start; those that are still open; bytes forwarded that way on all of them.
+    /// The connections since the start, those still open, and the bytes forwarded in one direction on all.
     std::size_t connections() const;
     std::size_t openConnections() const;
     std::size_t forwarded(Direction direction) const;
 
     void waitForConnections(std::size_t count) const;
-    /// Blocks until so many bytes were forwarded that way, on all connections together.
+    /// Blocks until `count` bytes have been forwarded in that direction, on all connections together.
     void waitForBytes(Direction direction, std::size_t count) const;
     /// Blocks until no connection is open.
     void waitUntilIdle() const;

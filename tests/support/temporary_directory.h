@@ -5,7 +5,7 @@
 
 namespace tavo::test {
 
-/// A new, empty directory that nobody else can read; removed with all its contents by the destructor.
+/// A new, empty directory that no other user can read; the destructor removes it with its contents.
 class TemporaryDirectory
 {
 public:

@@ -16,21 +16,21 @@ struct ServerCertificate
     std::filesystem::path key;
 };
 
-/// What a server's certificate says. The defaults make one that is good for a server on 127.0.0.1.
+/// The contents of a server's certificate. The defaults make one that is valid for a server on 127.0.0.1.
 struct CertificateOptions
 {
     std::string commonName = "test server";
     /// In OpenSSL's notation: "IP:127.0.0.1", "DNS:ldap.example.test". `localhost` is of no use: libldap
     /// looks for the machine's full name instead.
     std::vector<std::string> subjectAltNames = {"IP:127.0.0.1"};
-    /// When it begins and ceases to be valid, counted from now.
+    /// The start and the end of its validity, counted from now.
     std::chrono::seconds notBefore = -std::chrono::hours(24);
     std::chrono::seconds notAfter = std::chrono::hours(24);
     /// Signed with its own key instead of the authority's.
     bool isSelfSigned = false;
 };
 
-/// A certificate authority of one's own. Its files live as long as this object. Every failure of the crypto
+/// A private certificate authority. Its files live as long as this object. Every failure of the crypto
 /// library throws std::runtime_error.
 class TestCa
 {

@@ -2,9 +2,8 @@
 
 namespace tavo::test {
 
-/// Whether the running test has failed so far. Fixtures ask it before they take their server's log away with
-/// them. The test programs' main() points it at GoogleTest; in any other program it says that nothing has
-/// failed.
+/// Whether the running test has failed so far. Fixtures ask this before they delete their server's log. The
+/// main() of the test programs points it at GoogleTest; in any other program it always returns false.
 inline bool (*testHasFailed)() = [] { return false; };
 
 } // namespace tavo::test

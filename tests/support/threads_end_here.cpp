@@ -18,7 +18,7 @@ std::size_t countIn(const char* directory)
 
 namespace {
 
-/// How many there are when they are no more than that, or when `kDeadline` has passed.
+/// Waits until there are no more than `wanted`, or `kDeadline` has passed; returns how many there are.
 std::size_t countAtMost(const char* directory, std::size_t wanted)
 {
     const auto expiry = std::chrono::steady_clock::now() + kDeadline;

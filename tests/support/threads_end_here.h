@@ -4,11 +4,11 @@
 
 namespace tavo::test {
 
-/// How many entries a directory of the system has: threads, descriptors.
+/// The number of entries in a directory of /proc: of threads or of descriptors.
 std::size_t countIn(const char* directory);
 
-/// No more threads and descriptors are there when this goes than when it came, or the test fails: they are
-/// waited for as `ThreadsEndHere` does.
+/// Fails the test when it is destroyed while the process has more threads or descriptors than when it was
+/// constructed. Waits for them first, as `ThreadsEndHere` does.
 class NothingIsLeft
 {
 public:
@@ -22,9 +22,9 @@ private:
     const std::size_t m_descriptors = countIn("/proc/self/fd");
 };
 
-/// Waits, when it goes, for all threads that have been started since it came: a search that outlives its
-/// session ends with its server. There is no event for that. Gives up after `kDeadline`; what is left is then
-/// the business of the test, or of the sanitizer.
+/// Waits in its destructor for all threads started since its construction: a search that outlives its
+/// session ends with its server, and no event tells when. Gives up after `kDeadline`; a thread that is left
+/// is then for the test, or the sanitizer, to report.
 class ThreadsEndHere
 {
 public:
