@@ -62,7 +62,8 @@ class Mutation:
         return "\n" + self.old
 
     def occurrences(self, text):
-        return ("\n" + text).count(self.spot)
+        """Those that share a line with one another, too."""
+        return len(re.findall(f"(?={re.escape(self.spot)})", "\n" + text))
 
     def applied_to(self, text):
         return ("\n" + text).replace(self.spot, "\n" + self.new)[1:]
