@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Many threads at random over connections that stall and break: tests/stress.
+# Many threads at random over connections that meet with accidents: tests/stress.
 
 # Without the caches in which each thread keeps what it has freed: the heap would count that as in use.
 readonly stress_heap=glibc.malloc.tcache_count=0
