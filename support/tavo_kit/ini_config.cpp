@@ -1,13 +1,16 @@
-#include <QtCore/QByteArray>
-#include <QtCore/QDir>
-#include <QtCore/QFile>
-#include <QtCore/QFileInfo>
-#include <QtCore/QStringList>
+#include "ini_config.h"
+
+#include <tavo_utils/log.h>
+
+#include <QByteArray>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QStringList>
+
 #include <algorithm>
 #include <functional>
 #include <optional>
-#include <tavo_kit/ini_config.h>
-#include <tavo_utils/log.h>
 #include <utility>
 
 namespace tavo::kit {

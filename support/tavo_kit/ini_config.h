@@ -1,8 +1,10 @@
 #pragma once
 
-#include <QtCore/QString>
-#include <memory>
 #include <tavo_kit/export.h>
+
+#include <QString>
+
+#include <memory>
 #include <vector>
 
 namespace tavo::kit {

@@ -1,6 +1,7 @@
+#include "json.h"
+
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
-#include <tavo_reflect/json.h>
 
 namespace tavo::reflect::json {
 

@@ -1,7 +1,12 @@
 #pragma once
 
-#include <QtCore/QByteArray>
-#include <QtCore/QString>
+#include <tavo_reflect/export.h>
+#include <tavo_reflect/reflect.h>
+#include <tavo_utils/url.h>
+
+#include <QByteArray>
+#include <QString>
+
 #include <chrono>
 #include <concepts>
 #include <cstdint>
@@ -9,9 +14,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <tavo_reflect/export.h>
-#include <tavo_reflect/reflect.h>
-#include <tavo_utils/url.h>
 #include <vector>
 
 namespace tavo::reflect::json {

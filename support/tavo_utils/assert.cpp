@@ -1,8 +1,10 @@
-#include <memory>
-#include <mutex>
-#include <tavo_utils/assert.h>
+#include "assert.h"
+
 #include <tavo_utils/log.h>
 #include <tavo_utils/system_error.h>
+
+#include <memory>
+#include <mutex>
 #include <utility>
 
 namespace tavo {

@@ -1,9 +1,11 @@
 #pragma once
 
-#include <QtCore/QString>
-#include <functional>
 #include <tavo_utils/export.h>
 #include <tavo_utils/source_position.h>
+
+#include <QString>
+
+#include <functional>
 
 namespace tavo {
 

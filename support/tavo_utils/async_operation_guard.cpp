@@ -1,6 +1,7 @@
+#include "async_operation_guard.h"
+
 #include <condition_variable>
 #include <mutex>
-#include <tavo_utils/async_operation_guard.h>
 #include <utility>
 
 namespace tavo::utils {

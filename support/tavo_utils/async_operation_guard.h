@@ -1,7 +1,8 @@
 #pragma once
 
-#include <memory>
 #include <tavo_utils/export.h>
+
+#include <memory>
 #include <thread>
 
 namespace tavo::utils {

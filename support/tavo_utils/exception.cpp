@@ -1,5 +1,6 @@
+#include "exception.h"
+
 #include <memory>
-#include <tavo_utils/exception.h>
 
 namespace tavo::utils {
 

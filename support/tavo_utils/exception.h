@@ -1,10 +1,12 @@
 #pragma once
 
-#include <QtCore/QString>
+#include <tavo_utils/export.h>
+
+#include <QString>
+
 #include <atomic>
 #include <exception>
 #include <string>
-#include <tavo_utils/export.h>
 
 namespace tavo::utils {
 

@@ -1,5 +1,6 @@
+#include "formatter.h"
+
 #include <cstddef>
-#include <tavo_utils/formatter.h>
 
 namespace tavo::utils {
 

@@ -1,13 +1,15 @@
 #pragma once
 
-#include <QtCore/QByteArray>
-#include <QtCore/QString>
-#include <QtCore/QStringView>
+#include <tavo_utils/export.h>
+#include <tavo_utils/url.h>
+
+#include <QByteArray>
+#include <QString>
+#include <QStringView>
+
 #include <concepts>
 #include <string>
 #include <string_view>
-#include <tavo_utils/export.h>
-#include <tavo_utils/url.h>
 #include <type_traits>
 #include <utility>
 #include <vector>

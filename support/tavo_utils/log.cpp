@@ -1,13 +1,17 @@
-#include <QtCore/qlogging.h>
+#include "log.h"
+
+#include <tavo_utils/async_operation_guard.h>
+#include <tavo_utils/scope_guard.h>
+
+#include <QMessageLogContext>
+
+#include <cxxabi.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
-#include <cxxabi.h>
 #include <map>
 #include <string_view>
-#include <tavo_utils/async_operation_guard.h>
-#include <tavo_utils/log.h>
-#include <tavo_utils/scope_guard.h>
 
 namespace tavo::log {
 

@@ -9,16 +9,18 @@
 /// otherwise. No log call changes errno or throws. Everything here is thread-safe, and works until the very
 /// end of the process: threads may log while static objects are being destroyed.
 
-#include <QtCore/QString>
+#include <tavo_utils/export.h>
+#include <tavo_utils/formatter.h>
+#include <tavo_utils/monotonic_time.h>
+#include <tavo_utils/system_error.h>
+
+#include <QString>
+
 #include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <tavo_utils/export.h>
-#include <tavo_utils/formatter.h>
-#include <tavo_utils/monotonic_time.h>
-#include <tavo_utils/system_error.h>
 #include <type_traits>
 #include <typeinfo>
 #include <utility>

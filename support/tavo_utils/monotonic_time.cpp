@@ -1,5 +1,6 @@
+#include "monotonic_time.h"
+
 #include <atomic>
-#include <tavo_utils/monotonic_time.h>
 
 namespace tavo::utils {
 

@@ -1,7 +1,8 @@
 #pragma once
 
-#include <chrono>
 #include <tavo_utils/export.h>
+
+#include <chrono>
 
 namespace tavo::utils {
 

@@ -1,6 +1,7 @@
+#include "mutex.h"
+
 #include <cerrno>
 #include <system_error>
-#include <tavo_utils/mutex.h>
 
 namespace tavo {
 

@@ -1,9 +1,11 @@
 #pragma once
 
-#include <atomic>
-#include <pthread.h>
 #include <tavo_utils/export.h>
 #include <tavo_utils/source_position.h>
+
+#include <pthread.h>
+
+#include <atomic>
 #include <utility>
 
 namespace tavo {

@@ -1,6 +1,7 @@
+#include "system_error.h"
+
 #include <array>
 #include <cstring>
-#include <tavo_utils/system_error.h>
 
 namespace tavo::utils {
 

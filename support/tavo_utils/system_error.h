@@ -1,8 +1,10 @@
 #pragma once
 
-#include <QtCore/QString>
-#include <cerrno>
 #include <tavo_utils/export.h>
+
+#include <QString>
+
+#include <cerrno>
 
 namespace tavo::utils {
 

@@ -1,4 +1,4 @@
-#include <tavo_utils/url.h>
+#include "url.h"
 
 namespace tavo::utils {
 

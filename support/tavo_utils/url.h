@@ -1,9 +1,11 @@
 #pragma once
 
-#include <QtCore/QString>
-#include <QtCore/QUrl>
-#include <string>
 #include <tavo_utils/export.h>
+
+#include <QString>
+#include <QUrl>
+
+#include <string>
 
 namespace tavo::utils {
 

@@ -2,7 +2,6 @@
 
 #include "listing.h"
 #include "output.h"
-
 #include <tavo_reflect/json.h>
 
 #include <memory>

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "options.h"
-
 #include <ldap/session.h>
 #include <ldap/utils.h>
 

@@ -2,7 +2,6 @@
 
 #include "commands.h"
 #include "output.h"
-
 #include <ldap/manager.h>
 
 #include <exception>
