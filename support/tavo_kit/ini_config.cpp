@@ -1,4 +1,4 @@
-#include "ini_config.h"
+#include "tavo_kit/ini_config.h"
 
 #include <tavo_utils/log.h>
 
@@ -21,11 +21,13 @@ std::optional<bool> parseBool(const QString& text)
 {
     const QString lower = text.toLower();
     if (QStringList{QStringLiteral("true"), QStringLiteral("yes"), QStringLiteral("on"), QStringLiteral("1")}
-            .contains(lower))
+            .contains(lower)) {
         return true;
+    }
     if (QStringList{QStringLiteral("false"), QStringLiteral("no"), QStringLiteral("off"), QStringLiteral("0")}
-            .contains(lower))
+            .contains(lower)) {
         return false;
+    }
     return std::nullopt;
 }
 
@@ -41,8 +43,9 @@ QString withoutComment(const QString& line)
 {
     for (qsizetype i = 0; i < line.size(); ++i) {
         const bool isMark = line[i] == u';' || line[i] == u'#';
-        if (isMark && (i == 0 || line[i - 1].isSpace()))
+        if (isMark && (i == 0 || line[i - 1].isSpace())) {
             return line.left(i).trimmed();
+        }
     }
     return line.trimmed();
 }
@@ -72,18 +75,21 @@ public:
 
     void reload()
     {
-        for (const Parameter& parameter : m_parameters)
+        for (const Parameter& parameter : m_parameters) {
             parameter.reset();
+        }
         m_filePath = find();
-        if (!m_filePath.isEmpty())
+        if (!m_filePath.isEmpty()) {
             read();
+        }
     }
 
     std::vector<Description> descriptions() const
     {
         std::vector<Description> all;
-        for (const Parameter& parameter : m_parameters)
+        for (const Parameter& parameter : m_parameters) {
             all.push_back(parameter.description);
+        }
         return all;
     }
 
@@ -102,8 +108,9 @@ private:
     {
         for (const QString& folder : folders()) {
             QString path = QDir(folder).filePath(m_fileName);
-            if (QFileInfo::exists(path))
+            if (QFileInfo::exists(path)) {
                 return path;
+            }
         }
         return {};
     }
@@ -111,12 +118,14 @@ private:
     QStringList folders() const
     {
         QStringList all;
-        if (const QString own = folderFrom("TAVO_CONFIG_DIR"); !own.isEmpty())
+        if (const QString own = folderFrom("TAVO_CONFIG_DIR"); !own.isEmpty()) {
             all << own;
-        if (const QString user = folderFrom("XDG_CONFIG_HOME"); !user.isEmpty())
+        }
+        if (const QString user = folderFrom("XDG_CONFIG_HOME"); !user.isEmpty()) {
             all << QDir(user).filePath(QStringLiteral("tavo"));
-        else if (const QString home = folderFrom("HOME"); !home.isEmpty())
+        } else if (const QString home = folderFrom("HOME"); !home.isEmpty()) {
             all << QDir(home).filePath(QStringLiteral(".config/tavo"));
+        }
         return all << QStringLiteral("/etc/tavo");
     }
 
@@ -124,12 +133,14 @@ private:
     QString folderFrom(const char* variable) const
     {
         QString value = QFile::decodeName(qgetenv(variable));
-        if (QDir::isAbsolutePath(value))
+        if (QDir::isAbsolutePath(value)) {
             return value;
-        if (qEnvironmentVariableIsSet(variable))
+        }
+        if (qEnvironmentVariableIsSet(variable)) {
             TAVO_LOG_WARNING(log::tag(*this),
                 u"Ignoring %1 while looking for %2: [%3] is not an absolute path", variable, m_fileName,
                 value);
+        }
         return {};
     }
 
@@ -140,19 +151,22 @@ private:
             TAVO_LOG_WARNING(log::tag(*this), u"Cannot read %1: %2", m_filePath, file.errorString());
             return;
         }
-        for (int number = 1; !file.atEnd(); ++number)
+        for (int number = 1; !file.atEnd(); ++number) {
             readLine(number, withoutComment(QString::fromUtf8(file.readLine())));
+        }
     }
 
     void readLine(int number, const QString& line)
     {
         const bool isSection = line.startsWith(u'[') && line.endsWith(u']');
-        if (line.isEmpty() || isSection)
+        if (line.isEmpty() || isSection) {
             return;
+        }
         const qsizetype equals = line.indexOf(u'=');
         const QString key = line.left(equals).trimmed();
-        if (equals < 0 || key.isEmpty())
+        if (equals < 0 || key.isEmpty()) {
             return report(number, utils::format(u"expected \"key = value\", found [%1]", line));
+        }
         assign(number, key, line.mid(equals + 1).trimmed());
     }
 
@@ -160,11 +174,13 @@ private:
     {
         const auto parameter = std::find_if(m_parameters.begin(), m_parameters.end(),
             [&](const Parameter& candidate) { return candidate.description.key == key; });
-        if (parameter == m_parameters.end())
+        if (parameter == m_parameters.end()) {
             return report(number, utils::format(u"unknown key [%1]", key));
-        if (!parameter->assign(value))
+        }
+        if (!parameter->assign(value)) {
             report(number,
                 utils::format(u"the value of [%1] must be %2, found [%3]", key, parameter->kind, value));
+        }
     }
 
     void report(int number, const QString& mistake) const

@@ -1,4 +1,4 @@
-#include "json.h"
+#include "tavo_reflect/json.h"
 
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
@@ -11,11 +11,13 @@ namespace {
 // QString::fromUcs4(), which takes a U+FEFF at the beginning for a byte order mark.
 QByteArray toValidUtf8(const QString& text)
 {
-    if (text.isValidUtf16())
+    if (text.isValidUtf16()) {
         return text.toUtf8();
+    }
     QString valid;
-    for (const char32_t character : text.toUcs4())
+    for (const char32_t character : text.toUcs4()) {
         valid += QChar::fromUcs4(character);
+    }
     return valid.toUtf8();
 }
 

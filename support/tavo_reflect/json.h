@@ -105,8 +105,9 @@ void writeMember(Writer& writer, const char* name, const T& value)
 template <class T>
 void writeMember(Writer& writer, const char* name, const std::optional<T>& value)
 {
-    if (value)
+    if (value) {
         writeMember(writer, name, *value);
+    }
 }
 
 } // namespace detail
@@ -115,8 +116,9 @@ template <class T>
 void write(Writer& writer, const std::vector<T>& values)
 {
     writer.beginArray();
-    for (const T& value : values)
+    for (const T& value : values) {
         write(writer, value);
+    }
     writer.endArray();
 }
 

@@ -1,4 +1,4 @@
-#include "assert.h"
+#include "tavo_utils/assert.h"
 
 #include <tavo_utils/log.h>
 #include <tavo_utils/system_error.h>
@@ -52,10 +52,11 @@ void assertFailure(SourcePosition position, const char* condition, const QString
     const utils::SystemErrorKeeper keeper;
     try {
         const auto handler = handlerInForce();
-        if (*handler)
+        if (*handler) {
             (*handler)(position, condition, message);
-        else
+        } else {
             logFailure(position, condition, message);
+        }
     } catch (...) { // the caller's work goes on whatever becomes of the report
     }
 }

@@ -1,4 +1,4 @@
-#include "formatter.h"
+#include "tavo_utils/formatter.h"
 
 #include <cstddef>
 
@@ -18,11 +18,13 @@ bool isDigit(QChar c) { return c >= u'0' && c <= u'9'; }
 Placeholder placeholderAt(QStringView text)
 {
     Placeholder found;
-    if (text.front() != u'%')
+    if (text.front() != u'%') {
         return found;
+    }
     for (const QChar c : text.mid(1, 2)) {
-        if (!isDigit(c) || (found.number == 0 && c == u'0'))
+        if (!isDigit(c) || (found.number == 0 && c == u'0')) {
             break;
+        }
         found.number = found.number * 10 + static_cast<std::size_t>(c.unicode() - u'0');
         ++found.length;
     }

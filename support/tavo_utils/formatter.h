@@ -42,10 +42,11 @@ requires(!std::same_as<T, bool> && !std::same_as<T, char> && !std::same_as<T, wc
          !std::same_as<T, char8_t> && !std::same_as<T, char16_t> && !std::same_as<T, char32_t>)
     [[nodiscard]] QString toText(T value)
 {
-    if constexpr (std::is_signed_v<T>)
+    if constexpr (std::is_signed_v<T>) {
         return QString::number(static_cast<qlonglong>(value));
-    else
+    } else {
         return QString::number(static_cast<qulonglong>(value));
+    }
 }
 
 /// The shortest form with up to six significant digits, with a full stop whatever the locale.
@@ -129,8 +130,9 @@ template <class Container, class ToText = DefaultToText>
         joined += toText(elementToText(element));
         first = false;
     }
-    if (first)
+    if (first) {
         return emptyText.toString();
+    }
     joined += suffix;
     return joined;
 }

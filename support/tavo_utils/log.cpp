@@ -1,4 +1,4 @@
-#include "log.h"
+#include "tavo_utils/log.h"
 
 #include <tavo_utils/async_operation_guard.h>
 #include <tavo_utils/scope_guard.h>
@@ -57,8 +57,9 @@ constinit std::atomic<bool> passwordsShown{false};
 void updateCeiling(const State& limits)
 {
     Level greatest = limits.maxLevel;
-    for (const auto& [name, level] : limits.tagLevels)
+    for (const auto& [name, level] : limits.tagLevels) {
         greatest = std::max(greatest, level);
+    }
     hasTagLevels.store(!limits.tagLevels.empty(), std::memory_order_relaxed);
     detail::ceiling.store(static_cast<int>(greatest), std::memory_order_relaxed);
 }
@@ -88,8 +89,9 @@ QString lastComponent(const QString& name)
         const QChar c = name[i];
         depth += c == u'>' || c == u')' ? 1 : 0;
         depth -= c == u'<' || c == u'(' ? 1 : 0;
-        if (depth == 0 && c == u':' && name[i - 1] == u':')
+        if (depth == 0 && c == u':' && name[i - 1] == u':') {
             return name.mid(i + 1);
+        }
     }
     return name;
 }
@@ -117,10 +119,12 @@ void writeToSink(Level level, const QString& tag, const QString& text)
     for (;;) {
         const auto current = currentSink();
         const auto lock = current->guard.sharedGuard().lock();
-        if (!lock)
+        if (!lock) {
             continue; // replaced this very moment: the next one is in place already
-        if (!current->sink)
+        }
+        if (!current->sink) {
             return writeToQt(level, tag, text);
+        }
         return current->sink(level, tag, text);
     }
 }
@@ -132,10 +136,11 @@ void deliver(Level level, const QString& tag, const QString& text)
 {
     const utils::ScopeGuard leave([] { --nesting; });
     ++nesting;
-    if (nesting == 1)
+    if (nesting == 1) {
         writeToSink(level, tag, text);
-    else
+    } else {
         writeToQt(level, tag, text); // which keeps its own handler from being called from within itself
+    }
 }
 
 } // namespace
@@ -175,8 +180,9 @@ QString Tag::name() const
 
 QString Tag::toString() const
 {
-    if (!m_address)
+    if (!m_address) {
         return name();
+    }
     const QString address = QString::number(reinterpret_cast<std::uintptr_t>(m_address), 16);
     const QString text = m_text.isEmpty() ? QString() : utils::format(u", %1", m_text);
     return utils::format(u"%1(0x%2%3)", name(), address, text);
@@ -235,14 +241,17 @@ int Reducer::count()
 
 Decision Reducer::decide(Level level, const Tag& tag)
 {
-    if (!admits(level, tag))
+    if (!admits(level, tag)) {
         return {};
+    }
     const int limit = reducerConfig().limit;
     const int position = count();
-    if (limit < 1 || position < limit)
+    if (limit < 1 || position < limit) {
         return {true, level, false};
-    if (position == limit)
+    }
+    if (position == limit) {
         return {true, level, true};
+    }
     return {admits(Level::debug, tag), Level::debug, false};
 }
 

@@ -1,4 +1,4 @@
-#include "monotonic_time.h"
+#include "tavo_utils/monotonic_time.h"
 
 #include <atomic>
 

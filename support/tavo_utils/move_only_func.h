@@ -78,8 +78,9 @@ public:
     R operator()(Args... args) const
     {
         const std::shared_ptr<Target> target = m_target; // outlives whatever the call does to this object
-        if (!target)
+        if (!target) {
             throw std::bad_function_call();
+        }
         return target->call(std::forward<Args>(args)...);
     }
 
@@ -106,10 +107,11 @@ private:
         {}
         R call(Args&&... args) override
         {
-            if constexpr (std::is_void_v<R>)
+            if constexpr (std::is_void_v<R>) {
                 std::invoke(callable, std::forward<Args>(args)...);
-            else
+            } else {
                 return std::invoke(callable, std::forward<Args>(args)...);
+            }
         }
         F callable;
     };
@@ -118,8 +120,9 @@ private:
     static std::shared_ptr<Target> makeTarget(F&& callable)
     {
         if constexpr (detail::maybeEmptyCallable<std::remove_cvref_t<F>>) {
-            if (callable == nullptr)
+            if (callable == nullptr) {
                 return nullptr;
+            }
         }
         return std::make_shared<TargetOf<std::decay_t<F>>>(std::forward<F>(callable));
     }

@@ -1,4 +1,4 @@
-#include "mutex.h"
+#include "tavo_utils/mutex.h"
 
 #include <cerrno>
 #include <system_error>
@@ -11,14 +11,16 @@ constinit std::atomic<LockObserver> lockObserver{nullptr};
 
 void notify(const Mutex& mutex, SourcePosition position, LockEvent event)
 {
-    if (const LockObserver observer = lockObserver.load(std::memory_order_acquire))
+    if (const LockObserver observer = lockObserver.load(std::memory_order_acquire)) {
         observer(mutex, position, event);
+    }
 }
 
 void throwOnError(int code, const char* what)
 {
-    if (code != 0)
+    if (code != 0) {
         throw std::system_error(code, std::generic_category(), what);
+    }
 }
 
 // Error checking costs a comparison and turns a thread's wait for itself into an exception.
@@ -50,8 +52,9 @@ void Mutex::lock(SourcePosition position)
 bool Mutex::tryLock(SourcePosition position)
 {
     const int code = pthread_mutex_trylock(&m_mutex);
-    if (code == EBUSY)
+    if (code == EBUSY) {
         return false;
+    }
     throwOnError(code, "tavo::Mutex::tryLock");
     taken(position);
     return true;

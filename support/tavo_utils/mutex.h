@@ -91,8 +91,9 @@ public:
     /// Unlocks before the end of the scope. Does nothing the second time.
     void unlock()
     {
-        if (Mutex* const mutex = std::exchange(m_mutex, nullptr))
+        if (Mutex* const mutex = std::exchange(m_mutex, nullptr)) {
             mutex->unlock();
+        }
     }
 
 private:
@@ -128,8 +129,9 @@ public:
         {}
         Accessor& operator=(Accessor&& other) noexcept
         {
-            if (this == &other)
+            if (this == &other) {
                 return *this;
+            }
             unlock();
             m_mutex = std::exchange(other.m_mutex, nullptr);
             m_value = std::exchange(other.m_value, nullptr);
@@ -144,8 +146,9 @@ public:
         void unlock()
         {
             m_value = nullptr;
-            if (Mutex* const mutex = std::exchange(m_mutex, nullptr))
+            if (Mutex* const mutex = std::exchange(m_mutex, nullptr)) {
                 mutex->unlock();
+            }
         }
 
     private:

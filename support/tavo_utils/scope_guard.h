@@ -18,8 +18,9 @@ public:
     {}
     ~ScopeGuard()
     {
-        if (m_armed)
+        if (m_armed) {
             m_cleanUp();
+        }
     }
     ScopeGuard(const ScopeGuard&) = delete;
     ScopeGuard& operator=(const ScopeGuard&) = delete;

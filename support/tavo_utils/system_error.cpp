@@ -1,4 +1,4 @@
-#include "system_error.h"
+#include "tavo_utils/system_error.h"
 
 #include <array>
 #include <cstring>

@@ -1,4 +1,4 @@
-#include "url.h"
+#include "tavo_utils/url.h"
 
 namespace tavo::utils {
 
