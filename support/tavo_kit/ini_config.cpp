@@ -38,7 +38,7 @@ std::optional<int> parseInt(const QString& text)
     return ok ? std::optional(value) : std::nullopt;
 }
 
-// A comment begins at a ';' or '#' that starts the line or follows white space.
+/// A comment begins at a `;` or `#` that starts the line or follows white space.
 QString withoutComment(const QString& line)
 {
     for (qsizetype i = 0; i < line.size(); ++i) {
@@ -129,7 +129,7 @@ private:
         return all << QStringLiteral("/etc/tavo");
     }
 
-    // A relative path would mean the working directory, where a stranger may have put a file.
+    /// Refuses a relative path: it would mean the working directory, where a stranger may have put a file.
     QString folderFrom(const char* variable) const
     {
         QString value = QFile::decodeName(qgetenv(variable));

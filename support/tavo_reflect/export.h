@@ -1,4 +1,4 @@
 #pragma once
 
-/// Marks what libtavo_reflect.so exports; everything else of it stays hidden.
+/// Marks what libtavo_reflect.so exports; everything else stays hidden.
 #define TAVO_REFLECT_EXPORT __attribute__((visibility("default")))

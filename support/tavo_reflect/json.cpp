@@ -7,8 +7,8 @@ namespace tavo::reflect::json {
 
 namespace {
 
-// QString::toUtf8() writes '?' for a lone surrogate; the way over UTF-32 gives U+FFFD. Not back by
-// QString::fromUcs4(), which takes a U+FEFF at the beginning for a byte order mark.
+/// `QString::toUtf8` writes "?" for a lone surrogate; the detour through UTF-32 gives U+FFFD. It doesn't end
+/// in `QString::fromUcs4`, which takes a leading U+FEFF for a byte order mark.
 QByteArray toValidUtf8(const QString& text)
 {
     if (text.isValidUtf16()) {

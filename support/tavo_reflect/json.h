@@ -18,9 +18,12 @@
 
 namespace tavo::reflect::json {
 
-/// Composes one JSON text, compact and in UTF-8. The caller keeps the order: every value in an object after
-/// its key, every begin with its end. Texts may hold anything: what is no Unicode (lone surrogates, invalid
-/// UTF-8) becomes U+FFFD. For one thread.
+/// Composes one JSON text, compact and in UTF-8.
+///
+/// The caller is responsible for the structure: in an object a key before every value, an end for every
+/// begin. Texts may hold anything: what isn't valid Unicode (lone surrogates, invalid UTF-8) becomes U+FFFD.
+///
+/// Threads: one thread uses a writer.
 class TAVO_REFLECT_EXPORT Writer
 {
 public:
@@ -41,18 +44,31 @@ public:
     void integer(std::int64_t value);
     void unsignedInteger(std::uint64_t value);
 
-    /// What has been composed so far.
-    [[nodiscard]] std::string toString() const;
+    /// The text composed so far.
+    std::string toString() const;
 
 private:
     struct Impl;
     std::unique_ptr<Impl> m_impl;
 };
 
-/// @name How a value is written
-/// Texts and URLs (fully encoded, password included) as strings, booleans, integers and durations (their
-/// count) as such, vectors as arrays, reflected records as objects.
-/// @{
+namespace detail {
+
+/// Character types are left out: only the caller knows whether they are numbers or text.
+template <class T>
+concept SignedNumber = std::signed_integral<T> && !std::same_as<T, char> && !std::same_as<T, wchar_t>;
+
+template <class T>
+concept UnsignedNumber = std::unsigned_integral<T> && !std::same_as<T, bool> && !std::same_as<T, char8_t> &&
+                         !std::same_as<T, char16_t> && !std::same_as<T, char32_t>;
+
+} // namespace detail
+
+/// \name How a value is written
+///
+/// Texts and URLs (fully encoded, password included) as strings; booleans and integers as such; durations as
+/// their count; vectors as arrays; reflected records as objects.
+/// \{
 inline void write(Writer& writer, const QString& value) { writer.text(value); }
 
 inline void write(Writer& writer, const QByteArray& utf8)
@@ -66,15 +82,14 @@ inline void write(Writer& writer, const utils::Url& url) { writer.text(std::stri
 
 inline void write(Writer& writer, std::same_as<bool> auto value) { writer.boolean(value); }
 
-template <std::signed_integral T>
-requires(!std::same_as<T, char> && !std::same_as<T, wchar_t>) void write(Writer& writer, T value)
+template <detail::SignedNumber T>
+void write(Writer& writer, T value)
 {
     writer.integer(value);
 }
 
-template <std::unsigned_integral T>
-requires(!std::same_as<T, bool> && !std::same_as<T, char8_t> && !std::same_as<T, char16_t> &&
-         !std::same_as<T, char32_t>) void write(Writer& writer, T value)
+template <detail::UnsignedNumber T>
+void write(Writer& writer, T value)
 {
     writer.unsignedInteger(value);
 }
@@ -90,7 +105,7 @@ void write(Writer& writer, const std::vector<T>& values);
 
 template <Reflected Record>
 void write(Writer& writer, const Record& record);
-/// @}
+/// \}
 
 namespace detail {
 
@@ -101,7 +116,7 @@ void writeMember(Writer& writer, const char* name, const T& value)
     write(writer, value);
 }
 
-// An absent value has no member at all, not a null.
+/// An absent value is left out: it has no member, rather than a null.
 template <class T>
 void writeMember(Writer& writer, const char* name, const std::optional<T>& value)
 {
@@ -131,10 +146,10 @@ void write(Writer& writer, const Record& record)
     writer.endObject();
 }
 
-/// The record as one JSON object: a member for every field, in the order of its declaration to Fields; a
-/// std::optional without a value has no member. Compact, valid UTF-8, '/' not escaped.
+/// The record as one JSON object: a member for every field, in the order of `Fields`. A `std::optional`
+/// without a value has no member. Compact, valid UTF-8; `/` is not escaped.
 template <Reflected Record>
-[[nodiscard]] std::string serialize(const Record& record)
+std::string serialize(const Record& record)
 {
     Writer writer;
     write(writer, record);

@@ -4,22 +4,24 @@
 
 namespace tavo::reflect {
 
-/// A field of a record: its name and where it is.
+/// A field of a record.
 template <class Record, class T>
 struct Field
 {
-    const char* name; ///< a literal
+    /// A string literal.
+    const char* name;
+
     T Record::*member;
 };
 
-/// Names a field for Fields<Record>.
+/// Makes a field for `Fields<Record>`.
 template <class Record, class T>
-[[nodiscard]] constexpr Field<Record, T> field(const char* name, T Record::*member)
+constexpr Field<Record, T> field(const char* name, T Record::*member)
 {
     return {name, member};
 }
 
-/// The fields of a record, to be specialised beside it:
+/// The fields of a record. Specialise it beside the record:
 ///
 ///     template <>
 ///     struct tavo::reflect::Fields<Point>
@@ -28,18 +30,18 @@ template <class Record, class T>
 ///             tavo::reflect::field("x", &Point::x), tavo::reflect::field("y", &Point::y));
 ///     };
 ///
-/// Their order is the order in which a serializer visits them. Field names are ASCII.
+/// A serializer visits them in this order. Field names are ASCII.
 template <class Record>
 struct Fields;
 
-/// Whether Fields is specialised for the type.
+/// Whether `Fields` is specialised for the type.
 template <class Record>
 concept Reflected = requires
 {
     Fields<Record>::value;
 };
 
-/// Calls @p visitor with the name and the value of every field of @p record, in the order of Fields.
+/// Calls `visitor` with the name and the value of every field of `record`, in the order of `Fields`.
 template <Reflected Record, class Visitor>
 constexpr void forEachField(const Record& record, Visitor&& visitor)
 {

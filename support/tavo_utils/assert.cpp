@@ -17,8 +17,8 @@ struct CurrentHandler
     std::shared_ptr<const AssertionHandler> handler = std::make_shared<AssertionHandler>();
 };
 
-// By design: never destroyed, since threads may assert while the process exits; the pointer keeps it
-// reachable.
+/// By design: never destroyed, since threads may assert while the process exits; the pointer keeps it
+/// reachable.
 CurrentHandler& current()
 {
     static auto* const instance = new CurrentHandler;
@@ -57,7 +57,7 @@ void assertFailure(SourcePosition position, const char* condition, const QString
         } else {
             logFailure(position, condition, message);
         }
-    } catch (...) { // the caller's work goes on whatever becomes of the report
+    } catch (...) { // the caller continues, whatever happens to the report
     }
 }
 

@@ -4,7 +4,7 @@
 
 namespace tavo::utils {
 
-// A copy composes its own text: it may be of a base type whose message() differs.
+// A copy composes its own text: its type may be a base class with another `message`.
 Exception::Exception(const Exception& other) noexcept
     : std::exception(other)
 {}

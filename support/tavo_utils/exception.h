@@ -10,11 +10,12 @@
 
 namespace tavo::utils {
 
-/// Base of the exceptions of these libraries: a derived class says in message() what went wrong, and what()
-/// gives the same text to code that knows std::exception only.
+/// The base of these libraries' exceptions. A derived class says in `message` what went wrong; `what` gives
+/// the same text to code that knows only `std::exception`.
 ///
-/// Copies have the text of their own type and fields. Thread-safe as std::exception is: several threads may
-/// call what() and message() of one object; assigning to it needs it alone.
+/// A copy composes its text from its own type and fields.
+///
+/// Threads: several may call `what` and `message` of one object; assignment needs exclusive access.
 class TAVO_UTILS_EXPORT Exception : public std::exception
 {
 public:
@@ -23,12 +24,12 @@ public:
     Exception& operator=(const Exception& other) noexcept;
     ~Exception() override;
 
-    /// message() as UTF-8, composed at the first call and owned by this object. When there is no memory for
-    /// it or message() throws, a fixed text.
+    /// `message` as UTF-8, composed by the first call and owned by this object; a fixed text when memory runs
+    /// out or `message` throws.
     const char* what() const noexcept override;
 
     /// What went wrong, for a person to read.
-    [[nodiscard]] virtual QString message() const = 0;
+    virtual QString message() const = 0;
 
 private:
     mutable std::atomic<const std::string*> m_what{nullptr};

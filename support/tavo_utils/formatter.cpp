@@ -8,13 +8,15 @@ namespace {
 
 struct Placeholder
 {
-    std::size_t number = 0; // 0: none here
+    /// 0: there is none.
+    std::size_t number = 0;
+
     qsizetype length = 0;
 };
 
 bool isDigit(QChar c) { return c >= u'0' && c <= u'9'; }
 
-// What stands at the start of `text`, which is not empty.
+/// The placeholder at the start of `text`, which is not empty.
 Placeholder placeholderAt(QStringView text)
 {
     Placeholder found;

@@ -16,31 +16,39 @@
 
 namespace tavo::utils {
 
-/// @name The text of a value as a Formatter puts it in
-/// Bytes are read as UTF-8, invalid ones become U+FFFD; a null `const char*` is the empty text. A URL loses
-/// its password: what is formatted is mostly logged.
-/// @{
-[[nodiscard]] inline QString toText(const QString& text) { return text; }
-[[nodiscard]] TAVO_UTILS_EXPORT QString toText(QStringView text);
-[[nodiscard]] TAVO_UTILS_EXPORT QString toText(const QByteArray& utf8);
-[[nodiscard]] TAVO_UTILS_EXPORT QString toText(std::string_view utf8);
-[[nodiscard]] TAVO_UTILS_EXPORT QString toText(const std::string& utf8);
-[[nodiscard]] TAVO_UTILS_EXPORT QString toText(const char* utf8);
-[[nodiscard]] TAVO_UTILS_EXPORT QString toText(const Url& url);
+namespace detail {
 
-/// "true" or "false".
+/// Character types are left out: only the caller knows whether they are numbers or text.
+template <class T>
+concept Integer =
+    std::integral<T> && !std::same_as<T, bool> && !std::same_as<T, char> && !std::same_as<T, wchar_t> &&
+    !std::same_as<T, char8_t> && !std::same_as<T, char16_t> && !std::same_as<T, char32_t>;
+
+} // namespace detail
+
+/// \name The text that a `Formatter` inserts for a value
+///
+/// Bytes are read as UTF-8, and invalid ones become U+FFFD; a null `const char*` is the empty text. A URL
+/// loses its password, because most formatted text is logged.
+/// \{
+inline QString toText(const QString& text) { return text; }
+TAVO_UTILS_EXPORT QString toText(QStringView text);
+TAVO_UTILS_EXPORT QString toText(const QByteArray& utf8);
+TAVO_UTILS_EXPORT QString toText(std::string_view utf8);
+TAVO_UTILS_EXPORT QString toText(const std::string& utf8);
+TAVO_UTILS_EXPORT QString toText(const char* utf8);
+TAVO_UTILS_EXPORT QString toText(const Url& url);
+
+/// `true` or `false`.
 template <std::same_as<bool> T>
-[[nodiscard]] QString toText(T value)
+QString toText(T value)
 {
     return value ? QStringLiteral("true") : QStringLiteral("false");
 }
 
-/// An integer in decimal digits. Character types are left out: whether they are numbers or text is the
-/// caller's to say.
-template <std::integral T>
-requires(!std::same_as<T, bool> && !std::same_as<T, char> && !std::same_as<T, wchar_t> &&
-         !std::same_as<T, char8_t> && !std::same_as<T, char16_t> && !std::same_as<T, char32_t>)
-    [[nodiscard]] QString toText(T value)
+/// Decimal digits.
+template <detail::Integer T>
+QString toText(T value)
 {
     if constexpr (std::is_signed_v<T>) {
         return QString::number(static_cast<qlonglong>(value));
@@ -49,21 +57,23 @@ requires(!std::same_as<T, bool> && !std::same_as<T, char> && !std::same_as<T, wc
     }
 }
 
-/// The shortest form with up to six significant digits, with a full stop whatever the locale.
+/// The shortest form with up to six significant digits; the decimal separator is a full stop in any locale.
 template <std::floating_point T>
-[[nodiscard]] QString toText(T value)
+QString toText(T value)
 {
     return QString::number(static_cast<double>(value));
 }
-/// @}
+/// \}
 
-/// Puts the texts of values into a template with the placeholders "%1" to "%99".
+/// Inserts the texts of values into a template with the placeholders `%1` to `%99`.
 ///
 ///     tavo::utils::Formatter(u"Found %1 entries on page %2").arg(entries.size()).arg(page).toString()
 ///
-/// The template is read once: what an argument holds is never taken for a placeholder. A placeholder may
-/// stand any number of times; one without an argument stays as it is. Of the digits after "%", up to two are
-/// taken. The template is not copied and has to outlive the formatter. For one thread.
+/// The template is read once: the text of an argument is never taken for a placeholder. A placeholder may
+/// occur any number of times; one without an argument is kept as it is. At most two digits after `%` belong
+/// to it. The template is not copied and must outlive the formatter.
+///
+/// Threads: one thread uses a formatter.
 class TAVO_UTILS_EXPORT Formatter
 {
 public:
@@ -71,13 +81,14 @@ public:
         : m_pattern(pattern)
     {}
 
-    /// The value of the next placeholder: of "%1" at the first call, of "%2" at the second, and so on.
+    /// Sets the value of the next placeholder: of `%1` in the first call, of `%2` in the second, and so on.
     template <class T>
     Formatter& arg(const T& value) &
     {
         m_args.push_back(toText(value));
         return *this;
     }
+
     template <class T>
     Formatter&& arg(const T& value) &&
     {
@@ -85,24 +96,24 @@ public:
         return std::move(*this);
     }
 
-    /// The template with the arguments in their places.
-    [[nodiscard]] QString toString() const;
+    /// The template with the arguments inserted.
+    QString toString() const;
 
 private:
     QStringView m_pattern;
     std::vector<QString> m_args;
 };
 
-/// Formatter in one call: @p args are the values of "%1", "%2" and so on.
+/// A `Formatter` in one call: `args` are the values of `%1`, `%2` and so on.
 template <class... Args>
-[[nodiscard]] QString format(QStringView pattern, const Args&... args)
+QString format(QStringView pattern, const Args&... args)
 {
     Formatter formatter(pattern);
     (formatter.arg(args), ...);
     return formatter.toString();
 }
 
-/// Converts with the toText() overload for the type.
+/// Converts with the `toText` overload for the type.
 struct DefaultToText
 {
     template <class T>
@@ -112,15 +123,14 @@ struct DefaultToText
     }
 };
 
-/// The elements of @p container as one text: @p emptyText when there is none, else @p prefix, the elements
-/// with
-/// @p separator between them, @p suffix.
+/// The elements of a container as one text: `prefix`, the elements with `separator` between them, `suffix`.
 ///
 ///     containerString(std::vector{1, 2}, u", ", u"{ ", u" }", u"none") // "{ 1, 2 }"
 ///
-/// @p elementToText turns an element into any type that toText() takes.
+/// \param emptyText the whole result for an empty container
+/// \param elementToText turns an element into any type that `toText` takes
 template <class Container, class ToText = DefaultToText>
-[[nodiscard]] QString containerString(const Container& container, QStringView separator, QStringView prefix,
+QString containerString(const Container& container, QStringView separator, QStringView prefix,
     QStringView suffix, QStringView emptyText, const ToText& elementToText = {})
 {
     QString joined;

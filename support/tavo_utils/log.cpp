@@ -23,14 +23,16 @@ constinit std::atomic<int> ceiling{static_cast<int>(Level::info)};
 
 namespace {
 
-// The guard tells setSink() when no other thread is inside the sink any more.
+/// The guard tells `setSink` when no other thread is inside the sink any more.
 struct GuardedSink
 {
     explicit GuardedSink(Sink function)
         : sink(std::move(function))
     {}
 
-    const Sink sink; // empty: the default one
+    /// Empty: the default sink.
+    const Sink sink;
+
     utils::AsyncOperationGuard guard;
 };
 
@@ -43,7 +45,7 @@ struct State
     std::shared_ptr<GuardedSink> sink = std::make_shared<GuardedSink>(Sink());
 };
 
-// By design: never destroyed, since threads may log while the process exits; the pointer keeps it reachable.
+/// By design: never destroyed, since threads may log while the process exits; the pointer keeps it reachable.
 State& state()
 {
     static auto* const instance = new State;
@@ -53,7 +55,7 @@ State& state()
 constinit std::atomic<bool> hasTagLevels{false};
 constinit std::atomic<bool> passwordsShown{false};
 
-// To be called with the state's mutex held, after every change of a limit.
+/// To be called with the state's mutex held, after every change of a limit.
 void updateCeiling(const State& limits)
 {
     Level greatest = limits.maxLevel;
@@ -81,7 +83,7 @@ QString demangled(const std::type_info& type)
     return QString::fromUtf8(name ? name.get() : type.name());
 }
 
-// The part after the last "::" that is not inside the arguments of a template or function.
+/// The part after the last `::` that is not inside the arguments of a template or function.
 QString lastComponent(const QString& name)
 {
     int depth = 0;
@@ -96,9 +98,9 @@ QString lastComponent(const QString& name)
     return name;
 }
 
-// By design: the logger is asked directly, without the category's own check, since our levels have decided.
-// And without QDebug, which passes the message on in its destructor: want of memory there would end the
-// process.
+/// By design: the logger is asked directly, without the category's own check, since our levels have decided.
+/// `QDebug` is avoided because it passes the message on in its destructor: running out of memory there would
+/// end the process.
 void writeToQt(Level level, const QString& tag, const QString& text)
 {
     const QtMsgType type = level == Level::warning ? QtWarningMsg
@@ -129,7 +131,7 @@ void writeToSink(Level level, const QString& tag, const QString& text)
     }
 }
 
-// How many messages deep this thread is: a sink may log, too.
+/// The number of nested messages on this thread: a sink may log, too.
 thread_local int nesting = 0;
 
 void deliver(Level level, const QString& tag, const QString& text)
@@ -139,7 +141,7 @@ void deliver(Level level, const QString& tag, const QString& text)
     if (nesting == 1) {
         writeToSink(level, tag, text);
     } else {
-        writeToQt(level, tag, text); // which keeps its own handler from being called from within itself
+        writeToQt(level, tag, text); // Qt keeps its handler from being called recursively
     }
 }
 

@@ -6,20 +6,22 @@
 
 namespace tavo::utils {
 
-/// Time that only goes forward, whatever happens to the machine's clock. Thread-safe.
+/// Time that only goes forward, whatever is done to the machine's clock. Thread-safe.
 class TAVO_UTILS_EXPORT MonotonicTime
 {
 public:
     MonotonicTime() = delete;
 
     using TimePoint = std::chrono::steady_clock::time_point;
-    /// Where the time comes from.
+
+    /// A function that gives the time.
     using Source = TimePoint (*)();
 
-    [[nodiscard]] static TimePoint now();
+    static TimePoint now();
 
-    /// Lets a test make time pass: now() asks @p source from then on; nullptr restores the steady clock.
-    /// Returns the previous source, nullptr for the steady clock.
+    /// Lets a test make time pass: `now` asks `source` from then on. A null pointer restores the steady
+    /// clock.
+    /// \return the previous source; null for the steady clock
     static Source setSource(Source source) noexcept;
 };
 

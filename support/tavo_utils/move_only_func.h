@@ -23,40 +23,40 @@ inline constexpr bool isStdFunction = false;
 template <class Signature>
 inline constexpr bool isStdFunction<std::function<Signature>> = true;
 
-// What can be called but may turn out to hold nothing to call.
+/// Whether a callable of this type may be empty.
 template <class T>
 inline constexpr bool maybeEmptyCallable =
     std::is_pointer_v<T> || std::is_member_pointer_v<T> || isStdFunction<T> || isMoveOnlyFunc<T>;
 
 } // namespace detail
 
-/// A callable of any type, also a move-only one, behind one signature. What asynchronous operations take as
-/// their handler.
+/// A callable of any type, also a move-only one, behind one signature: the handler of an asynchronous
+/// operation.
 ///
-///     tavo::utils::MoveOnlyFunc<void(int)> handler = [file = std::move(file)](int line) { file->print(line);
-///     }; handler(1);
+///     tavo::utils::MoveOnlyFunc<void(int)> handler =
+///         [file = std::move(file)](int line) { file->print(line); };
+///     handler(1);
 ///
-/// The target has an address of its own: moving the function never moves the target. And a running call keeps
-/// its target alive until it returns, even when the function is moved, reset, assigned or destroyed
-/// meanwhile: a handler may stop the very operation that is calling it.
+/// Moving the function never moves its target. A running call keeps the target alive until it returns, even
+/// when the function is moved, reset, assigned or destroyed meanwhile: a handler may stop the operation that
+/// is calling it.
 ///
-/// Not what it is for: sharing. It can't be copied, and calls from several threads, or a call and a change of
-/// the function from two threads, need a lock of the caller's. An empty one throws std::bad_function_call
-/// when it is called.
+/// Threads: one thread at a time uses a function; callers that share one need a lock of their own.
 template <class R, class... Args>
 class MoveOnlyFunc<R(Args...)>
 {
 public:
     MoveOnlyFunc() noexcept = default;
-    MoveOnlyFunc(std::nullptr_t) noexcept {} // NOLINT(google-explicit-constructor): like std::function
 
-    /// Takes @p callable over. A null pointer to a function or member, an empty std::function and an empty
-    /// MoveOnlyFunc of another signature give an empty function. Throws what moving the callable throws, and
-    /// std::bad_alloc.
+    /// Implicit, like that of `std::function`.
+    MoveOnlyFunc(std::nullptr_t) noexcept {}
+
+    /// Takes over a callable; implicit, like that of `std::function`. A null pointer to a function or member,
+    /// an empty `std::function` and an empty `MoveOnlyFunc` of another signature give an empty function.
+    /// \throws std::bad_alloc, and what moving the callable throws
     template <class F>
     requires(!std::is_same_v<std::remove_cvref_t<F>, MoveOnlyFunc>) &&
-        std::is_invocable_r_v<R, std::decay_t<F>&, Args...> MoveOnlyFunc(
-            F&& callable) // NOLINT(google-explicit-constructor, bugprone-forwarding-reference-overload)
+        std::is_invocable_r_v<R, std::decay_t<F>&, Args...> MoveOnlyFunc(F&& callable)
         : m_target(makeTarget(std::forward<F>(callable)))
     {}
 
@@ -66,15 +66,15 @@ public:
     MoveOnlyFunc& operator=(MoveOnlyFunc&&) noexcept = default;
     ~MoveOnlyFunc() = default;
 
-    /// Empties the function; the target goes at once unless it is running.
+    /// Empties the function. The target is destroyed at once unless it is running.
     MoveOnlyFunc& operator=(std::nullptr_t) noexcept
     {
         m_target.reset();
         return *this;
     }
 
-    /// Calls the target. Throws std::bad_function_call when there is none, and what the target throws. A
-    /// const function calls its target too, as std::function does.
+    /// Calls the target, also of a const function, as `std::function` does.
+    /// \throws std::bad_function_call when there is no target, and what the target throws
     R operator()(Args... args) const
     {
         const std::shared_ptr<Target> target = m_target; // outlives whatever the call does to this object
@@ -86,6 +86,7 @@ public:
 
     /// Whether there is a target.
     explicit operator bool() const noexcept { return m_target != nullptr; }
+
     friend bool operator==(const MoveOnlyFunc& func, std::nullptr_t) noexcept { return !func.m_target; }
 
 private:
@@ -105,6 +106,7 @@ private:
         explicit TargetOf(Source&& source)
             : callable(std::forward<Source>(source))
         {}
+
         R call(Args&&... args) override
         {
             if constexpr (std::is_void_v<R>) {
@@ -113,6 +115,7 @@ private:
                 return std::invoke(callable, std::forward<Args>(args)...);
             }
         }
+
         F callable;
     };
 

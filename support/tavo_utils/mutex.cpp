@@ -23,7 +23,7 @@ void throwOnError(int code, const char* what)
     }
 }
 
-// Error checking costs a comparison and turns a thread's wait for itself into an exception.
+/// Error checking costs a comparison and turns a deadlock of a thread with itself into an exception.
 int pthreadType(Mutex::RecursionMode mode)
 {
     return mode == Mutex::RecursionMode::recursive ? PTHREAD_MUTEX_RECURSIVE : PTHREAD_MUTEX_ERRORCHECK;
@@ -31,7 +31,7 @@ int pthreadType(Mutex::RecursionMode mode)
 
 } // namespace
 
-Mutex::Mutex(RecursionMode mode) // NOLINT(cppcoreguidelines-pro-type-member-init): pthread_mutex_init does it
+Mutex::Mutex(RecursionMode mode)
 {
     pthread_mutexattr_t attributes;
     pthread_mutexattr_init(&attributes);

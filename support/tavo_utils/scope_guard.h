@@ -4,28 +4,30 @@
 
 namespace tavo::utils {
 
-/// Runs a clean-up when the scope is left, on every path, unless it was dismissed.
+/// Runs a clean-up when the scope is left, on any path, unless it was dismissed.
 ///
 ///     const tavo::utils::ScopeGuard freeList([list] { freeTheList(list); });
 ///
-/// Stays where it was made: neither copied nor moved. The clean-up must not throw: the program would end.
+/// Can neither be copied nor moved. A clean-up that throws ends the program.
 template <class F>
-class [[nodiscard]] ScopeGuard
+class ScopeGuard
 {
 public:
     explicit ScopeGuard(F cleanUp)
         : m_cleanUp(std::move(cleanUp))
     {}
+
     ~ScopeGuard()
     {
         if (m_armed) {
             m_cleanUp();
         }
     }
+
     ScopeGuard(const ScopeGuard&) = delete;
     ScopeGuard& operator=(const ScopeGuard&) = delete;
 
-    /// Leaves the clean-up out: somebody else has taken the duty over.
+    /// Drops the clean-up, because somebody else is responsible for it now.
     void dismiss() noexcept { m_armed = false; }
 
 private:

@@ -2,11 +2,12 @@
 
 namespace tavo {
 
-/// A place in the sources, as diagnostics name it. The text is not owned: it is a literal or outlives its
-/// use. A default-made position means "unknown".
+/// A place in the sources, as diagnostics name it. The default means "unknown".
 struct SourcePosition
 {
+    /// Not owned: a string literal, or text that outlives the position.
     const char* file = "";
+
     int line = 0;
 };
 

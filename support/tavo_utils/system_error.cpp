@@ -7,8 +7,8 @@ namespace tavo::utils {
 
 namespace {
 
-// strerror_r comes in two forms: GNU's returns the text, POSIX's a code. Overloading takes whichever is
-// there.
+// strerror_r comes in two forms: GNU's returns the text, POSIX's a code. Overload resolution picks the right
+// one.
 [[maybe_unused]] const char* textOf(const char* text, const char* /*buffer*/) { return text; }
 
 [[maybe_unused]] const char* textOf(int /*code*/, const char* buffer) { return buffer; }

@@ -4,7 +4,7 @@ namespace tavo::utils {
 
 namespace {
 
-/// What may be shown of a text that could not be taken apart: nothing before its last "@".
+/// What may be shown of a text that could not be parsed: nothing before its last "@".
 QString withoutUserInfo(const QString& text) { return text.mid(text.lastIndexOf(u'@') + 1); }
 
 } // namespace

@@ -9,47 +9,51 @@
 
 namespace tavo::utils {
 
-/// A URL whose default text is the one that C libraries and other programs take: fully encoded ASCII. A value
-/// type, thread-safe as a QString is.
+/// A URL whose default text is the one that C libraries and other programs take: fully encoded ASCII. A plain
+/// value type, as thread-safe as a `QString`.
 class TAVO_UTILS_EXPORT Url
 {
 public:
-    /// An empty URL: isEmpty(), not isValid().
+    /// An empty URL, which is not valid.
     Url() = default;
-    Url(const QUrl& url); // NOLINT(google-explicit-constructor): the same thing in Qt's words
 
-    /// Parses @p text strictly: a text that is no URL as it stands isn't corrected but gives one that is not
-    /// isValid().
+    /// Implicit: a `QUrl` is the same value.
+    Url(const QUrl& url);
+
+    /// Parses strictly: a text that is no URL gives an invalid one; nothing is corrected.
     explicit Url(const QString& text);
 
-    /// The text of the URL, by default fully encoded (%-escapes, host name in ASCII) and complete, with the
-    /// password if it holds one. An invalid URL gives the text it was made from, as it stands, so that who
-    /// gets to use it can refuse it: an empty text would read as "the default".
-    [[nodiscard]] QString toString(QUrl::FormattingOptions options = QUrl::FullyEncoded) const;
+    /// The text of the URL; by default fully encoded (%-escapes, host name in ASCII) and complete, including
+    /// the password. An invalid URL gives the text that it was made from, so that its user can refuse it: an
+    /// empty text would mean "the default".
+    QString toString(QUrl::FormattingOptions options = QUrl::FullyEncoded) const;
 
-    /// The same as UTF-8.
-    [[nodiscard]] std::string toStdString(QUrl::FormattingOptions options = QUrl::FullyEncoded) const;
+    /// The same, as UTF-8.
+    std::string toStdString(QUrl::FormattingOptions options = QUrl::FullyEncoded) const;
 
-    [[nodiscard]] const QUrl& toQUrl() const noexcept { return m_url; }
+    const QUrl& toQUrl() const noexcept { return m_url; }
 
-    /// The scheme in lower case, "ldap" for instance; empty when there is none.
-    [[nodiscard]] QString scheme() const;
+    /// The scheme in lower case, such as `ldap`; empty when there is none.
+    QString scheme() const;
+
     /// The host name or address (an IPv6 address without brackets); empty when there is none.
-    [[nodiscard]] QString host() const;
-    /// The port, or @p defaultPort when the URL names none.
-    [[nodiscard]] int port(int defaultPort = -1) const;
+    QString host() const;
 
-    [[nodiscard]] bool isValid() const;
-    [[nodiscard]] bool isEmpty() const;
-    /// Why the URL is not valid; empty when it is.
-    [[nodiscard]] QString errorString() const;
+    /// The port, or `defaultPort` when the URL names none.
+    int port(int defaultPort = -1) const;
+
+    bool isValid() const;
+    bool isEmpty() const;
+
+    /// Why the URL is invalid; empty when it is valid.
+    QString errorString() const;
 
     bool operator==(const Url& other) const = default;
 
 private:
     QUrl m_url;
 
-    /// Set when it is no URL; Qt keeps nothing of it.
+    /// The text of an invalid URL, of which `QUrl` keeps nothing.
     QString m_invalidText;
 };
 
