@@ -1,4 +1,4 @@
-# OpenLDAP's client library: targets Ldap::ldap and Ldap::lber.
+# Finds OpenLDAP's client library: the targets Ldap::ldap and Ldap::lber.
 find_path(Ldap_INCLUDE_DIR ldap.h)
 find_library(Ldap_ldap_LIBRARY NAMES ldap)
 find_library(Ldap_lber_LIBRARY NAMES lber)

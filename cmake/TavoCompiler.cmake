@@ -1,4 +1,4 @@
-# The flags that every target of this tree is built with, and the one way to declare a library of it.
+# The flags of every target of this tree, and the function that declares a library.
 
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
@@ -7,7 +7,7 @@ set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
-# What is installed finds its libraries beside it, wherever it is moved to.
+# An installed tree finds its libraries by relative paths, so that it may be moved.
 set(CMAKE_INSTALL_RPATH "$ORIGIN" "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 if(PROJECT_IS_TOP_LEVEL AND NOT CMAKE_BUILD_TYPE)
     set(CMAKE_BUILD_TYPE Release)
@@ -15,7 +15,7 @@ endif()
 
 find_program(CCACHE_PROGRAM ccache)
 if(CCACHE_PROGRAM AND PROJECT_IS_TOP_LEVEL AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
-    # Precompiled headers are compared by what is in them, and a copy of this tree elsewhere is this tree.
+    # Compares precompiled headers by content, and shares results with copies of this tree in other places.
     set(CMAKE_CXX_COMPILER_LAUNCHER "${CMAKE_COMMAND}" -E env
         CCACHE_NOHASHDIR=1 CCACHE_SLOPPINESS=pch_defines,time_macros "${CCACHE_PROGRAM}")
 endif()
@@ -25,7 +25,7 @@ target_compile_options(tavo_flags INTERFACE -Wall -Wextra -Wpedantic -Wconversio
 if(TAVO_WERROR)
     target_compile_options(tavo_flags INTERFACE -Werror)
 endif()
-# Qt's implicit conversions between bytes and text hide encoding mistakes at the LDAP boundary.
+# Qt's implicit conversions between bytes and text would hide encoding mistakes where text meets LDAP.
 target_compile_definitions(tavo_flags INTERFACE QT_NO_CAST_FROM_ASCII QT_NO_CAST_TO_ASCII QT_NO_KEYWORDS)
 if(TAVO_SANITIZE)
     target_compile_options(tavo_flags INTERFACE -fsanitize=${TAVO_SANITIZE} -fno-omit-frame-pointer
@@ -37,9 +37,9 @@ if(TAVO_COVERAGE)
     target_link_options(tavo_flags INTERFACE --coverage)
 endif()
 
-# tavo_library(utils SOURCES ... HEADERS ... PUBLIC libs... PRIVATE libs...)
-# declares libtavo_<name>.so as target tavo_<name>, alias tavo::<name>; headers are paths relative to the
-# folder that is on the include path (`support` for the support libraries, the top for `ldap`).
+# tavo_library(utils INCLUDE_ROOT folder SOURCES ... HEADERS ... PUBLIC libs... PRIVATE libs...)
+# declares libtavo_<name>.so as the target tavo_<name> with the alias tavo::<name>. INCLUDE_ROOT is the folder on the
+# include path: `support` for the support libraries, the top folder for `ldap`.
 function(tavo_library name)
     cmake_parse_arguments(ARG "" "INCLUDE_ROOT" "SOURCES;HEADERS;PUBLIC;PRIVATE" ${ARGN})
     set(target tavo_${name})

@@ -1,4 +1,4 @@
-# Installation: libraries, headers under <prefix>/include/tavo, CMake package files, pkg-config files.
+# Installs the libraries, the headers under <prefix>/include/tavo, and the CMake package and pkg-config files.
 
 include(CMakePackageConfigHelpers)
 
@@ -15,7 +15,7 @@ configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/tavo_ldapConfig.cmake.in
     ${CMAKE_CURRENT_BINARY_DIR}/tavo_ldapConfig.cmake INSTALL_DESTINATION ${package_dir})
 write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/tavo_ldapConfigVersion.cmake
     COMPATIBILITY SameMinorVersion)
-# Relative, so that the tree may be moved.
+# Relative, so that an installed tree may be moved.
 file(RELATIVE_PATH prefix_of_pkgconfig /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(${CMAKE_CURRENT_LIST_DIR}/tavo_ldap.pc.in ${CMAKE_CURRENT_BINARY_DIR}/tavo_ldap.pc @ONLY)
 install(FILES

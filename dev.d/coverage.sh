@@ -1,11 +1,11 @@
 # shellcheck shell=bash
-# How much of the library the tests reach. The figures are of ldap/ and support/ alone.
+# How much of the library the tests cover. Only ldap/ and support/ are measured.
 
 readonly least_line_coverage=97 least_branch_coverage=90
 
-# A throw within an expression is a branch for the compiler, and so is the cleaning up behind one: neither is a
-# decision of ours. A line of the log comes to eight branches, most of them such cleaning up; its decisions are those
-# of the macro, whose tests are in tests/unit/support/log_test.cpp. The lines themselves count like all others.
+# To the compiler, a possible throw within an expression is a branch, and so is the clean-up after it; neither is a
+# decision of ours. A log statement has eight branches, most of them such clean-ups; its decisions are those of the
+# macro, which tests/unit/support/log_test.cpp covers. The lines themselves count like all others.
 report_coverage() {
     gcovr --root . --object-directory build/coverage build/coverage -j "$(nproc)" \
         --filter 'ldap/' --filter 'support/' --exclude-throw-branches --exclude-unreachable-branches \
@@ -18,7 +18,7 @@ forget_coverage() {
     find build/coverage -name '*.gcda' -delete
 }
 
-# The package layer compiles its own copies of the library, which is not what is measured here.
+# The package layer compiles its own copies of the library, which are not measured.
 cmd_coverage() {
     local status=0
     install_missing build test slapd samba ds389 coverage

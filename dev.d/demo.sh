@@ -1,13 +1,13 @@
 # shellcheck shell=bash
-# The demonstration: the tool against a throw-away server with a sample organisation.
+# The demonstration: the tool, run against a throw-away server with a sample organisation.
 
-# Shows a command as one would type it, and runs it.
+# Shows a command as a user would type it, and runs it.
 show() {
     printf '\n$ %s\n' "$*"
     "$@"
 }
 
-# Shows a listing: its first lines, and leaves the number of its records in `listed`.
+# Shows the first lines of a listing, and sets `listed` to the number of its records.
 show_listing() {
     local all
     printf '\n$ %s\n' "$*"
@@ -28,7 +28,7 @@ cmd_demo() {
     build demo || return
 
     local url dn people logins groups listed fetched_users
-    # The server ends with its standard input, that is with this shell, however that ends.
+    # The server stops when its standard input closes, so that it never outlives this shell.
     coproc SERVER { exec build/demo/tests/support/tavo_sample_server; }
     demo_server=$SERVER_PID
     trap stop_demo_server EXIT

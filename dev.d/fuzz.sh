@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# The fuzzers: each target for a while, two at a time. fuzz/README.md tells what they hold against the library.
+# The fuzzers: each target for a while, two at a time. fuzz/README.md says what they check.
 
 readonly fuzzing=$PWD/build/fuzz
 readonly fuzz_seconds=20 fuzz_at_a_time=2 fuzz_timeout=20 fuzz_memory_mb=2048
@@ -8,8 +8,8 @@ fuzz_targets() {
     sed -nE 's/^tavo_fuzz_target\((\w+).*/\1/p' fuzz/CMakeLists.txt
 }
 
-# Starts from the committed inputs; what it finds goes to build/fuzz/inputs, or, when it is a fault, to
-# build/fuzz/findings. Ends with what that cost in processor time.
+# Starts from the committed inputs. New inputs go to build/fuzz/inputs, those that show a fault to
+# build/fuzz/findings. Prints the processor time at the end.
 fuzz_target() {
     local target=$1 seconds=$2 inputs=$fuzzing/inputs/$1 TIMEFORMAT='processor seconds: %U'
     mkdir -p "$inputs" "$fuzzing/findings"
@@ -18,7 +18,7 @@ fuzz_target() {
         -artifact_prefix="$fuzzing/findings/$target-" -seed="${fuzz_seed:-0}" && echo "fuzzed to the end"
 }
 
-# One line of the table, out of a target's log.
+# One line of the table, from a target's log.
 fuzz_row() {
     awk -v target="$1" '
         /^Done [0-9]+ runs in/ { seconds = $5 }
@@ -43,7 +43,7 @@ fuzz_finding() {
     fi
 }
 
-# fuzz_all SECONDS TARGET...: all run, whatever is found.
+# fuzz_all SECONDS TARGET...: all targets run, even after a finding.
 fuzz_all() {
     local seconds=$1 target running=0 status=0
     shift
@@ -68,7 +68,7 @@ fuzz_all() {
     return "$status"
 }
 
-# A number is the seconds for each target, all else are targets.
+# A number is the seconds for each target; every other argument is a target.
 cmd_fuzz() {
     local argument seconds=$fuzz_seconds targets=() known
     known=$(fuzz_targets)

@@ -1,7 +1,7 @@
 # shellcheck shell=bash
-# The second TLS backend. Debian 12 builds libldap on GnuTLS, most others build it on OpenSSL, and what is known of a
-# failed handshake differs. So the tests with real servers run once more on the distribution's own source of the
-# version that is installed, built on OpenSSL: compiled code takes the one for the other.
+# The second TLS backend. Debian 12 builds libldap with GnuTLS, most other systems build it with OpenSSL, and the two
+# report a failed handshake differently. So the tests with real servers run a second time against the distribution's
+# source of the installed version, built with OpenSSL. Both builds have the same binary interface.
 
 readonly openssl_libldap=$PWD/build/openssl-libldap
 
@@ -9,14 +9,14 @@ system_libldap_is_on_openssl() {
     ldd "$(pkg-config --variable=libdir ldap)/libldap.so" | grep -q libssl
 }
 
-# Apt with folders of its own and the machine's repositories asked for sources: leaves apt's own state as it is.
+# Apt with folders of its own, which asks the machine's repositories for sources. Leaves apt's own state as it is.
 private_apt_get() {
     apt-get -o Dir::Etc::sourcelist=/dev/null -o Dir::Etc::sourceparts="$openssl_libldap/apt/sources" \
         -o Dir::State::lists="$openssl_libldap/apt/lists" -o Dir::Cache="$openssl_libldap/apt/cache" \
         -o APT::Sandbox::User="$(id -un)" -qq "$@"
 }
 
-# fetch_libldap_source VERSION: into the folder `source`.
+# fetch_libldap_source VERSION: fetches into the folder `source`.
 fetch_libldap_source() (
     rm -rf "$openssl_libldap" && mkdir -p "$openssl_libldap"/{source,apt/{sources,lists/partial,cache/archives/partial}} || exit
     for file in /etc/apt/sources.list /etc/apt/sources.list.d/*.list /etc/apt/sources.list.d/*.sources; do
@@ -24,12 +24,12 @@ fetch_libldap_source() (
             sed -E 's/^deb[[:space:]]/deb-src /; s/^Types:.*/Types: deb-src/' "$file" \
                 >"$openssl_libldap/apt/sources/${file##*/}" || exit
     done
-    # A repository without sources makes this fail; what matters is whether the one source is found.
+    # Fails if any repository has no sources; what matters is whether the one source is found.
     private_apt_get update
     cd "$openssl_libldap/source" && private_apt_get source "openldap=$1"
 )
 
-# Into the folder `prefix`; clients, server and manual pages are left out.
+# Installs into the folder `prefix`, without clients, server and manual pages.
 compile_libldap() (
     cd "$openssl_libldap"/source/openldap-*/ || exit
     CFLAGS="-O2 -g -w" ./configure --prefix="$openssl_libldap/prefix" --sysconfdir="$openssl_libldap/prefix/etc" \
@@ -43,7 +43,7 @@ compile_libldap() (
     done
 )
 
-# Once for each version of the installed one.
+# Builds once for each installed version.
 build_openssl_libldap() {
     local version
     version=$(dpkg-query -W -f '${source:Version}' libldap-dev) || return
@@ -52,8 +52,8 @@ build_openssl_libldap() {
         rm -rf "$openssl_libldap/source" "$openssl_libldap/apt" && echo "$version" >"$openssl_libldap/version"
 }
 
-# The test programs alone get the other library: the fixtures keep it from their servers. Each session reads the
-# system's authorities anew, which takes OpenSSL so long that tests with thousands of sessions need more time.
+# Only the test programs use the other library: the fixtures keep it from their servers. Each session loads the
+# system's certificate authorities again, so slowly in OpenSSL that tests with thousands of sessions need more time.
 check_openssl_libldap() {
     if system_libldap_is_on_openssl; then
         echo "ok   the system's own libldap is on OpenSSL: every other run tests that backend"

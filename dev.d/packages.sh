@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# What the commands need of the machine, by purpose, under Debian's names.
+# The packages that the commands need, by purpose, under Debian's names.
 
 declare -A packages=(
     [build]="g++ cmake ninja-build pkg-config qt6-base-dev libldap-dev libssl-dev rapidjson-dev libcli11-dev"
@@ -15,7 +15,7 @@ declare -A packages=(
     [lint]="clang clang-format clang-tidy shellcheck git"
 )
 
-# install_missing PURPOSE...: installs those packages of the purposes that are not there; touches nothing otherwise.
+# install_missing PURPOSE...: installs those packages of the purposes that are missing; otherwise touches nothing.
 install_missing() {
     local purpose wanted="" missing
     for purpose in "$@"; do
@@ -36,7 +36,7 @@ installed_packages() {
     dpkg-query -W -f '${Package} ${db:Status-Status}\n' "$@" 2>/dev/null | sed -n 's/ installed$//p'
 }
 
-# Says once per machine what is needed where we cannot install it; whether it is there shows when configuring.
+# Without apt nothing can be installed, so it says what is needed; configuring shows whether it is there.
 explain_packages() {
     local wanted
     wanted=$(echo "$1" | tr -s ' \n' ' ')
@@ -51,9 +51,8 @@ as_root() {
     fi
 }
 
-# Installs packages without touching the services of the machine: the test servers' packages come with services of
-# their own, which must not be started now (a policy that forbids it is in force while apt runs, unless the machine
-# has one) nor at the next boot.
+# Installs packages without touching the machine's services. The test servers' packages bring services of their own,
+# which must not be started now (a policy forbids it while apt runs, unless the machine has one) or at the next boot.
 apt_install() (
     policy=/usr/sbin/policy-rc.d
     services_before=$(ls /etc/init.d)

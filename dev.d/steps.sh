@@ -1,17 +1,17 @@
 # shellcheck shell=bash
-# Steps: commands that are silent when good and give the reason and the log when not.
+# Steps: commands that are silent when they succeed, and show the reason and the log when they fail.
 
 readonly logs=$PWD/build/logs
 
-# seconds_since NANOSECONDS: the time from then to now, with one decimal.
+# seconds_since NANOSECONDS: the seconds from then to now, with one decimal.
 seconds_since() {
     local tenths=$((($(date +%s%N) - $1) / 100000000))
     echo "$((tenths / 10)).$((tenths % 10))"
 }
 
-# step NAME COMMAND...: runs COMMAND with its output in the step's log and says in one line how it went.
-# COMMAND gets no standard input, so that nothing can wait for an answer. `set -e` doesn't reach into a
-# function called this way: one used as a step chains its commands with &&.
+# step NAME COMMAND...: runs COMMAND with its output in the step's log, and prints one line with the outcome.
+# COMMAND has no standard input, so that nothing can wait for an answer. `set -e` has no effect inside a function
+# called this way: a function used as a step chains its commands with &&.
 step() {
     local name=$1 log status=0 started
     shift
@@ -24,12 +24,12 @@ step() {
         return 0
     fi
     printf '%-4s %-28s %7s s   exit status %d, log: %s\n' FAIL "$name" "$(seconds_since "$started")" "$status" "$log"
-    # Of a test run, what did not go well.
+    # Of a test run, only what failed.
     grep -vE '^ *Start +[0-9]+: |Test +#[0-9]+: .* Passed ' "$log" | tail -n 60 | cut -c -200 | sed 's/^/     | /'
     return "$status"
 }
 
-# build PRESET [TARGET...]: configures the preset if that was never done or its definition has changed, and builds.
+# build PRESET [TARGET...]: configures the preset if it is new or the presets have changed, and builds.
 build() {
     local preset=$1 targets=()
     shift

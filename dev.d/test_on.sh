@@ -1,9 +1,9 @@
 # shellcheck shell=bash
-# The tests on a release of Debian, from bare: what is committed, in a root of its own that is made anew each time.
+# The tests on a bare Debian release: of the committed tree, in a root of its own that is made anew each time.
 
 declare -A debian_releases=([debian12]=bookworm [debian13]=trixie)
 
-# Where this machine's apt gets Debian from, unless told otherwise.
+# The mirror from which this machine's apt gets Debian, unless another is given.
 debian_mirror() {
     local mirror
     mirror=${TAVO_DEBIAN_MIRROR:-$(apt-get indextargets --format '$(SITE)' 'Created-By: Packages' |
@@ -12,12 +12,12 @@ debian_mirror() {
     echo "$mirror"
 }
 
-# How this machine's apt reaches its mirrors: proxies and the like, which hold in the root, too.
+# How this machine's apt reaches its mirrors, such as through a proxy; the root needs the same settings.
 apt_transport() {
     apt-config dump | grep -E '^Acquire::(http|https|ftp|Retries|Check-)'
 }
 
-# make_root RELEASE FOLDER: the release's bare minimum, and the committed tree in /src.
+# make_root RELEASE FOLDER: installs the release's minimal system, and the committed tree in /src.
 make_root() {
     local mirror proxy
     mirror=$(debian_mirror) && [ -n "$mirror" ] || return
@@ -29,12 +29,12 @@ make_root() {
         git archive HEAD | as_root tar -x -C "$2/src"
 }
 
-# in_root FOLDER COMMAND...: as root, and with mounts and processes of its own: the kernel undoes the mounts and ends
-# the processes with the command, and the command with this shell, however they end. The network is the machine's.
+# in_root FOLDER COMMAND...: runs as root, with mounts and processes of its own. The kernel removes both when the
+# command ends, and kills the command when this shell ends. The network is the machine's.
 in_root() {
     local root=$1
     shift
-    # shellcheck disable=SC2016 # for the inner shell
+    # shellcheck disable=SC2016 # expanded by the inner shell
     as_root setpriv --pdeathsig KILL unshare --mount --propagation private --pid --fork --kill-child bash -c '
         mount --rbind /dev "$0/dev" && mount -t proc proc "$0/proc" &&
             exec chroot "$0" /usr/bin/env --ignore-environment HOME=/root TERM="$TERM" \

@@ -1,21 +1,21 @@
 # shellcheck shell=bash
-# Running the tests of a build and counting them.
+# Runs the tests of a build and counts the results.
 
-# run_tests PRESET [CTEST ARGUMENT...]: runs tests of that build side by side, the output of failures in the log.
+# run_tests PRESET [CTEST ARGUMENT...]: runs tests of that build in parallel, with the output of failures in the log.
 run_tests() {
     local preset=$1
     shift
-    # Most of the time of a test is spent waiting for a server, so there may be more of them than processors.
+    # A test mostly waits for a server, so there may be more tests than processors.
     step "tests $preset" ctest --test-dir "build/$preset" --parallel $(($(nproc) * 2)) --no-tests=error \
         --output-on-failure --test-output-size-passed 1000000 --output-junit "$logs/tests-$preset.xml" "$@"
 }
 
-# junit_count PRESET ATTRIBUTE: a number out of the head of CTest's own report.
+# junit_count PRESET ATTRIBUTE: a number from the head of CTest's report.
 junit_count() {
     tr '\n\t' '  ' <"$logs/tests-$1.xml" | grep -o '<testsuite [^>]*>' | grep -o " $2=\"[0-9]*\"" | grep -o '[0-9]*'
 }
 
-# A test that was skipped or could not be run has proved nothing: it counts as failed.
+# A test that was skipped or could not run has proved nothing: it counts as failed.
 summarise_tests() {
     local preset=$1 all failed
     all=$(junit_count "$preset" tests)
