@@ -1,7 +1,8 @@
 # shellcheck shell=bash
-# What a change must pass besides ./dev test. Each line of the list is a command; all run, whatever fails.
+# What a change must pass besides ./dev test. Each line of the list is a command; all of them run, even after a failure.
 
 readonly check_steps=(
+    "check_release"
     "sanitize asan"
     "sanitize tsan"
     "check_stress asan"
@@ -13,20 +14,40 @@ readonly check_steps=(
     "cmd_lint"
 )
 
-# The package layer tests what is installed, which the sanitizers' builds are not meant for.
+# The command line that README.md gives to users.
+build_release() {
+    rm -rf build/release && cmake --preset release && cmake --build --preset release
+}
+
+# Compiler warnings are no errors there, so that a newer compiler doesn't stop a user; here they are. Built anew, so
+# that the compiler's cache repeats the warnings of files that have not changed.
+check_release() {
+    local prefix status=0
+    step "build release" build_release && step "release without warnings" no_warnings "$logs/build-release.log" || return
+    prefix=$(mktemp -d) || return
+    step "install release" cmake --install build/release --prefix "$prefix" || status=1
+    rm -rf "$prefix"
+    return "$status"
+}
+
+no_warnings() {
+    ! grep 'warning:' "$1"
+}
+
+# The package layer tests the installed library, which the sanitizers' builds are not meant for.
 sanitize() {
     local preset=$1
     build "$preset" && run_tests "$preset" -LE '^package$'
 }
 
-# ./dev test looks at some places of a conversation with Samba; here it breaks off at each of a small one.
+# ./dev test breaks off a conversation with Samba at some places; this does so at every byte of a small one.
 check_every_byte() {
     build dev directory_active_directory_faults &&
         TAVO_TEST_STRIDE=1 TAVO_TEST_DEADLINE=1200 step "every byte from Samba" \
             build/dev/tests/directory/directory_active_directory_faults --gtest_filter='*MayBreakOffAfterAnyByte'
 }
 
-# Takes the same course each time: what nobody has found yet is not to fail somebody's change by chance.
+# Runs with a fixed seed: a fault that nobody has found yet must not fail an unrelated change by chance.
 check_fuzz() {
     local fuzz_seed=1
     cmd_fuzz
