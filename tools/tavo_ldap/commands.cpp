@@ -2,15 +2,16 @@
 
 #include "listing.h"
 #include "output.h"
+#include "steps.h"
 #include <tavo_reflect/json.h>
 
-#include <memory>
-#include <utility>
-#include <vector>
+#include <exception>
+#include <string>
+#include <tuple>
 
 namespace tavo::tool {
 
-/// What the vendor command tells.
+/// The output of the vendor command.
 struct VendorReport
 {
     QString vendor;
@@ -55,8 +56,7 @@ int testConnection(const Options& options)
 int showVendor(const Options& options)
 {
     const auto session = connect(options.settings);
-    // Detection itself takes a server that can't be asked for OpenLDAP; an administrator wants to know
-    // better.
+    // Detection counts a server that can't be asked as OpenLDAP; an administrator wants to see the error.
     readRootDse(*session, options.settings, {});
     const ldap::VendorDefaults defaults = session->detectLdapVendor();
     const bool isActiveDirectory = defaults.loginAttribute == QLatin1String("sAMAccountName");
@@ -105,26 +105,6 @@ int run(const Options& options)
         note(std::string("tavo-ldap: ") + error.what());
         return 1;
     }
-}
-
-std::string quoted(const QString& text) { return "'" + text.toStdString() + "'"; }
-
-std::unique_ptr<ldap::Session> connect(const ldap::Settings& settings)
-{
-    return attempt("connect to " + settings.uri.toStdString(), [&] {
-        auto session = std::make_unique<ldap::Session>(
-            settings.uri, settings.startTls, settings.ignoreCertificateErrors);
-        session->setResponseTimeout(settings.responseTimeout);
-        return session;
-    });
-}
-
-std::vector<ldap::SearchEntry> readRootDse(
-    const ldap::Session& session, const ldap::Settings& settings, std::vector<QByteArray> attributes)
-{
-    return attempt("read the root DSE of " + settings.uri.toStdString(), [&] {
-        return session.simpleSearch({QString(), QString(), std::move(attributes), ldap::SearchScope::base});
-    });
 }
 
 } // namespace tavo::tool

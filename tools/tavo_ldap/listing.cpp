@@ -1,7 +1,7 @@
 #include "listing.h"
 
-#include "commands.h"
 #include "output.h"
+#include "steps.h"
 #include <ldap/manager.h>
 
 #include <exception>
@@ -61,7 +61,7 @@ struct Groups
     }
 };
 
-/// Prints the pages as they come, on the search's thread, and tells the waiting thread how it ended.
+/// Prints the pages as they arrive, on the search's thread, and gives the waiting thread the result.
 template <class Kind>
 class Printer
 {

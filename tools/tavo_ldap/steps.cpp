@@ -1,0 +1,27 @@
+#include "steps.h"
+
+#include <utility>
+
+namespace tavo::tool {
+
+std::string quoted(const QString& text) { return "'" + text.toStdString() + "'"; }
+
+std::unique_ptr<ldap::Session> connect(const ldap::Settings& settings)
+{
+    return attempt("connect to " + settings.uri.toStdString(), [&] {
+        auto session = std::make_unique<ldap::Session>(
+            settings.uri, settings.startTls, settings.ignoreCertificateErrors);
+        session->setResponseTimeout(settings.responseTimeout);
+        return session;
+    });
+}
+
+std::vector<ldap::SearchEntry> readRootDse(
+    const ldap::Session& session, const ldap::Settings& settings, std::vector<QByteArray> attributes)
+{
+    return attempt("read the root DSE of " + settings.uri.toStdString(), [&] {
+        return session.simpleSearch({QString(), QString(), std::move(attributes), ldap::SearchScope::base});
+    });
+}
+
+} // namespace tavo::tool
