@@ -1,10 +1,12 @@
 #include "steps.h"
 
+#include <tavo_utils/formatter.h>
+
 #include <utility>
 
 namespace tavo::tool {
 
-std::string quoted(const QString& text) { return "'" + text.toStdString() + "'"; }
+std::string quoted(const QString& text) { return utils::format(u"'%1'", text).toStdString(); }
 
 std::unique_ptr<ldap::Session> connect(const ldap::Settings& settings)
 {
