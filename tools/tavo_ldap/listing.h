@@ -4,10 +4,12 @@
 
 namespace tavo::tool {
 
-/// Fetch all users or groups and print them page by page.
+/// Fetches all users and prints them page by page.
 /// \return the exit code
 /// \throws CommandError when something fails, std::system_error when the output can't be written
 int listUsers(const Options& options);
+
+/// The same, for groups.
 int listGroups(const Options& options);
 
 } // namespace tavo::tool

@@ -6,7 +6,7 @@
 int main(int argc, char** argv)
 {
     using namespace tavo::tool;
-    // For the width of characters on the terminal.
+    // wcwidth needs it to know the width of characters.
     std::setlocale(LC_CTYPE, "C.UTF-8");
     try {
         return run(parseOptions(argc, argv));

@@ -61,8 +61,7 @@ void addConnectionOptions(CLI::App& app, Arguments& arguments)
            "--response-timeout", arguments.responseTimeout, "Seconds the server may take for a search")
         ->check(CLI::PositiveNumber)
         ->capture_default_str();
-    // Not bound to the number itself: some versions of the parser then set it back for each command not
-    // given.
+    // Not bound to the number itself: some versions of the parser would reset it for each command not given.
     app.add_flag_function(
         "-v,--verbose", [&arguments](std::int64_t count) { arguments.verbosity = static_cast<int>(count); },
         "Log to standard error; -vv logs everything");
@@ -194,7 +193,7 @@ Options parseOptions(int argc, char** argv)
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        // Help and version come as "errors" of code 0.
+        // Help and version arrive as "errors" with code 0.
         throw NothingToDo{app.exit(error) == 0 ? 0 : 2};
     }
     setLogLevel(arguments.verbosity);

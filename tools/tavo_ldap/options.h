@@ -31,18 +31,19 @@ struct Options
 
     /// Empty: the server is asked for its naming context.
     QString base;
+
     QString filter;
     Format format = Format::table;
 };
 
-/// The command line can't be carried out; the text says why.
+/// The command line is invalid; the text says why.
 class UsageError : public std::runtime_error
 {
 public:
     using std::runtime_error::runtime_error;
 };
 
-/// Thrown when there is nothing left to do: help was asked for, or the usage was wrong and that was said.
+/// Thrown when nothing is left to do: help was requested, or a usage error has been reported.
 struct NothingToDo
 {
     int exitCode;

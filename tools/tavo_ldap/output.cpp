@@ -54,7 +54,7 @@ void printLine(const std::string& line)
 
 void flushOutput()
 {
-    // Writing a note flushes standard output, too; what failed then shows only in the stream's state.
+    // Writing a note flushes standard output, too; a failure of that shows only in the stream's state.
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
         throwOutputError();
     }
