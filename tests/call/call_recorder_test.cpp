@@ -177,7 +177,7 @@ TEST_F(CallRecorderWithServer, CopiesEveryArgumentOfASearchAndTellsNullFromEmpty
     EXPECT_TRUE(bare.isNull("timeout"));
 }
 
-TEST_F(CallRecorderWithServer, IsContentWhenEverythingIsFreedRightly)
+TEST_F(CallRecorderWithServer, ReportsNothingWhenEverythingIsFreed)
 {
     LDAPMessage* chain = searchAll(ld);
     LDAPMessage* found = ldap_first_entry(ld, chain);

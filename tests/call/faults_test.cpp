@@ -305,7 +305,7 @@ protected:
     Settings settings;
 };
 
-TEST_P(EveryCall, mayFailAndTheFetchEndsOnceLeavingNothingBehind)
+TEST_P(EveryCall, MayFailAndTheFetchEndsOnceLeavingNothingBehind)
 {
     const auto calls = callsWithoutFault();
     ASSERT_GT(calls, 0U);

@@ -47,7 +47,7 @@ std::vector<std::string> steps(const CallRecorder& recorder)
     return steps;
 }
 
-TEST(ManagerCreation, SetsTheDebugLevelConnectsAsksForTheVendorAndBindsInThisOrderEveryTime)
+TEST(ManagerCreation, SetsDebugLevelThenConnectsThenDetectsVendorThenBinds)
 {
     const int level = ldap::ini().openldapDebugLevel;
     const utils::ScopeGuard restore([&] { ldap::ini().openldapDebugLevel = level; });
@@ -87,7 +87,7 @@ TEST(ManagerCreation, UsesTheSettingsForItsSession)
     EXPECT_EQ(recorder.only("ldap_sasl_bind_s").text("cred"), "secret");
 }
 
-TEST(ManagerCreation, ConnectsToNobodyWhenTheDebugLevelCannotBeSet)
+TEST(ManagerCreation, DoesNotConnectWhenTheDebugLevelCannotBeSet)
 {
     CallRecorder recorder;
     recorder.fail(ldap_set_option, LDAP_OPT_ERROR, {.error = EXDEV});
@@ -150,7 +150,7 @@ TEST(ConnectionTestCalls, DestroysItsHandleWhenTheBindFails)
     }
 }
 
-TEST(ConnectionTestCalls, PassesOnWhatIsNoLdapErrorAndDestroysItsHandle)
+TEST(ConnectionTestCalls, PassesOnOtherExceptionsAndDestroysItsHandle)
 {
     CallRecorder recorder;
     recorder.replace(ldap_sasl_bind_s,
@@ -163,7 +163,7 @@ TEST(ConnectionTestCalls, PassesOnWhatIsNoLdapErrorAndDestroysItsHandle)
     EXPECT_EQ(recorder.count("ldap_destroy"), 1U);
 }
 
-TEST(AsyncConnectionTestCalls, KeepWhatIsNoLdapErrorAndCallNobody)
+TEST(AsyncConnectionTestCalls, KeepOtherExceptionsAndCallNoHandler)
 {
     CallRecorder recorder;
     recorder.replace(ldap_sasl_bind_s,

@@ -85,7 +85,7 @@ private:
 
 constexpr RecordedCall::Time kPollInterval{0, 100'000'000};
 
-TEST_F(PagedSearchCalls, AreWaitedForByTheEndOfTheirSessionAlsoWhenTheirFinalCallThrows)
+TEST_F(PagedSearchCalls, AreAwaitedByTheSessionsEndEvenIfTheFinalCallThrows)
 {
     const Gate ending;
     const Gate mayEnd;
@@ -346,7 +346,7 @@ TEST_F(PagedSearchCalls, FreeTheReferralsThatComeWithTheServersCode)
     EXPECT_EQ(recorder.count("ber_memvfree"), 1U);
 }
 
-TEST_F(PagedSearchCalls, EndWithTheParsersCodeAndFreeThePageOnceWhenItsResultCannotBeParsed)
+TEST_F(PagedSearchCalls, EndWithTheParsersCodeAndFreeAnUnparsablePageOnce)
 {
     server.expectSearch().answer(entries(1, 2), done().page("more"));
     recorder.fail(ldap_parse_result, LDAP_FILTER_ERROR, {.nth = 1});
@@ -443,7 +443,7 @@ TEST_F(PagedSearchCalls, LogEachStepOfEachPage)
         ElementsAre("Created for [dc=x] with [(cn=*)] filter (attributes: { cn, mail })"));
 }
 
-TEST_F(PagedSearchCalls, AskNothingOfTheClientLibraryUnderTheirLocks)
+TEST_F(PagedSearchCalls, NeverCallTheClientLibraryUnderTheirLocks)
 {
     serveThreePages();
     const LockWatch locks;
@@ -476,7 +476,7 @@ TEST_F(PagedSearchCalls, AskNothingOfTheClientLibraryUnderTheirLocks)
     EXPECT_EQ(underLock, 0);
 }
 
-TEST_F(PagedSearchCalls, HoldTheirLocksDuringIntermediateCallsAndNoneDuringTheFinalOne)
+TEST_F(PagedSearchCalls, HoldLocksDuringIntermediateCallsButNotDuringTheFinalOne)
 {
     const Gate never;
     server.expectSearch().answer(entries(1, 2), done().page("one"));
@@ -558,7 +558,7 @@ TEST_F(PagedSearchCalls, MakeTheErrorOfAnIntermediateCallTheirFinalResult)
     EXPECT_EQ(recorder.count("ldap_search_ext"), 1U);
 }
 
-TEST_F(PagedSearchCalls, EndWithoutAFinalCallWhenAnIntermediateOneThrowsSomethingElse)
+TEST_F(PagedSearchCalls, EndWithoutAFinalCallWhenAHandlerThrowsAnotherException)
 {
     server.expectSearch().answer(entries(1, 2), done().page("one"));
     HandlerCalls calls;
@@ -606,7 +606,7 @@ TEST_F(PagedSearchCalls, SurviveABrokenPipe)
     EXPECT_THAT(resultsOf(fetch()), ElementsAre(Result::ok));
 }
 
-TEST_F(PagedSearchCalls, EndAWaitingSearchThatHasNoMemoryForItsEntries)
+TEST_F(PagedSearchCalls, EndABlockingSearchThatRunsOutOfMemory)
 {
     // The room for entries is doubled while they are read, so only their collecting asks for room for so
     // many.

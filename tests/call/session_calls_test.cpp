@@ -136,7 +136,7 @@ TEST(SessionCreation, SetsFourOptionsOnItsOwnHandleAndNoOther)
             setOption(0x11, "3"), setOption(0x08, "null"), setOption(0x6006, "1"), setOption(0x600f, "0")));
 }
 
-TEST(SessionCreation, DemandsNoCertificateOnlyWhenAskedToAndBeforeTheNewTlsContext)
+TEST(SessionCreation, WaivesTheCertificateOnlyOnRequestAndBeforeTheTlsContext)
 {
     for (const auto& url : {plainUrl(), secureUrl()}) {
         CallRecorder recorder;
@@ -224,7 +224,7 @@ TEST(SessionCreation, GivesAnUpgradeTheHostsAuthoritiesInATlsContextOfTheirOwn)
     EXPECT_EQ(recorder.calls("ldap_set_option").at(5).number("option"), LDAP_OPT_X_TLS_NEWCTX);
 }
 
-TEST(SessionCreation, NeverUpgradesWhatIsTlsFromTheFirstByte)
+TEST(SessionCreation, NeverUpgradesAnLdapsConnection)
 {
     CallRecorder recorder;
     {
@@ -325,7 +325,7 @@ void makeFirstSession()
     std::_Exit(isHeld && recorder.count("ldap_set_option") == 4 ? 0 : 1);
 }
 
-TEST(SessionCreationDeathTest, SetsTheTlsLayerUpUnderTheProcessWideLockTheFirstTime)
+TEST(SessionCreationDeathTest, InitializesTlsOnceUnderTheProcessWideLock)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
 
@@ -348,7 +348,7 @@ TEST(StartTls, ReportsASecondUpgradeAndCallsAllTheSame)
     EXPECT_EQ(recorder.count("ldap_start_tls_s"), 2U);
 }
 
-TEST(StartTls, IsReportedOnAConnectionThatIsTlsFromTheFirstByte)
+TEST(StartTls, IsReportedOnAnLdapsConnection)
 {
     CallRecorder recorder;
     recorder.fail(ldap_start_tls_s, LDAP_SUCCESS);
@@ -458,7 +458,7 @@ TEST(Bind, SendsAnEmptyDnAndPasswordAsEmptyTextsAndNotAsNull)
     EXPECT_EQ(recorder.only("ldap_sasl_bind_s").text("cred"), "");
 }
 
-TEST(Bind, SendsAPasswordWithANulWhole)
+TEST(Bind, SendsAPasswordWithANulInFull)
 {
     CallRecorder recorder;
     recorder.fail(ldap_sasl_bind_s, LDAP_SUCCESS);
@@ -574,7 +574,7 @@ void identify(CallRecorder& recorder, const Bytes* identity, int code = LDAP_SUC
     });
 }
 
-TEST(WhoAmI, IsTheServersOwnFormUpToItsFirstNul)
+TEST(WhoAmI, ReturnsTheServersFormUpToItsFirstNul)
 {
     for (const auto& [identity, expected] :
         std::vector<std::pair<Bytes, QString>>{{"dn:cn=Jörg", "dn:cn=Jörg"_s},
@@ -703,7 +703,7 @@ TEST(VendorDetection, AsksForTheRootEntryWithoutFilterAndAttributes)
         "scope=0, serverctrls=null, sizelimit=0, timeout=30 s + 0) = -1");
 }
 
-TEST(VendorDetection, TakesAServerThatCannotBeAskedForOpenLdapAndSaysSoInOneLine)
+TEST(VendorDetection, AssumesOpenLdapAndLogsOneLineWhenTheServerCannotBeAsked)
 {
     CallRecorder recorder;
     recorder.fail(ldap_search_ext_s, LDAP_SERVER_DOWN, {.error = ECONNREFUSED});
@@ -720,7 +720,7 @@ TEST(VendorDetection, TakesAServerThatCannotBeAskedForOpenLdapAndSaysSoInOneLine
         "Detect LDAP vendor error: ldap_search_ext_s: Can't contact LDAP server (Connection refused).");
 }
 
-TEST(VendorDetection, PassesOnWhatIsNoLdapError)
+TEST(VendorDetection, PassesOnOtherExceptions)
 {
     CallRecorder recorder;
     recorder.replace(ldap_search_ext_s,
@@ -731,7 +731,7 @@ TEST(VendorDetection, PassesOnWhatIsNoLdapError)
     EXPECT_THROW(session.detectLdapVendor(), std::bad_alloc);
 }
 
-TEST(GetLdapError, ReportsAHandleThatDoesNotTell)
+TEST(GetLdapError, ReportsAHandleWhoseCodeCannotBeRead)
 {
     CallRecorder recorder;
     recorder.fail(ldap_get_option, LDAP_OPT_ERROR);

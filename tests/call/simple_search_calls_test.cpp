@@ -76,7 +76,7 @@ TEST_F(SimpleSearchCalls, ThrowTheCodeWithErrnoWhenNothingCameBack)
 }
 
 // As libldap returns when another thread has seen the connection end.
-TEST_F(SimpleSearchCalls, TakeASuccessWithoutAResultForALostConnection)
+TEST_F(SimpleSearchCalls, TreatASuccessWithoutAResultAsALostConnection)
 {
     recorder.fail(ldap_search_ext_s, LDAP_SUCCESS, {.error = ECONNRESET});
 
@@ -84,7 +84,7 @@ TEST_F(SimpleSearchCalls, TakeASuccessWithoutAResultForALostConnection)
         "ldap_search_ext_s"_s, ECONNRESET);
 }
 
-TEST_F(SimpleSearchCalls, TellALostConnectionFromAnAnonymousIdentity)
+TEST_F(SimpleSearchCalls, DistinguishALostConnectionFromAnAnonymousIdentity)
 {
     server.expectSearch().answer(done());
     server.expectSearch().answer(closeConnection());
@@ -106,7 +106,7 @@ TEST_F(SimpleSearchCalls, TakeAnIdentityThatTheServerSentBeforeItClosedForGood)
     EXPECT_EQ(session->whoAmI(), "anonymous"_s);
 }
 
-TEST_F(SimpleSearchCalls, ThrowTheCodeOfTheMessageRatherThanTheReturnedOneAndFreeTheMessage)
+TEST_F(SimpleSearchCalls, PreferTheMessagesCodeToTheReturnedOneAndFreeTheMessage)
 {
     server.expectSearch().answer(entries(1, 2), done(4).matched("dc=x").diagnostic("enough"));
     returnInsteadOfTheServersCode(LDAP_OTHER);
@@ -224,7 +224,7 @@ TEST_F(SimpleSearchCalls, LeaveOutAnAttributeWhoseReadingFailsAndSaySo)
     EXPECT_THAT(line->tag, ::testing::StartsWith("tavo::ldap::LdapSearchEntryAccessor(0x"));
 }
 
-TEST_F(SimpleSearchCalls, PassOnWhatIsNoLdapErrorOfAnAttribute)
+TEST_F(SimpleSearchCalls, PassOnOtherExceptionsFromReadingAnAttribute)
 {
     server.expectSearch().answer(entry("cn=1").attr("cn", "1"), done());
     recorder.replace(
@@ -250,7 +250,7 @@ TEST_F(SimpleSearchCalls, KeepTheAttributesReadBeforeTheIterationFails)
                                             "ldap_next_attribute error: Out of memory", "Found 1 entries"));
 }
 
-TEST_F(SimpleSearchCalls, TakeADecodingErrorForTheEndOfTheAttributes)
+TEST_F(SimpleSearchCalls, TreatADecodingErrorAsTheEndOfTheAttributes)
 {
     server.expectSearch().answer(entry("cn=1").attr("cn", "1"), done());
     recorder.mayKeepAttributeIterators();

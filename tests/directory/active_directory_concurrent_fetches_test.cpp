@@ -81,9 +81,9 @@ protected:
     static inline std::unique_ptr<Samba> samba;
 };
 
-TEST_F(ActiveDirectoryConcurrentFetchesTest, areCompleteWhenThereAreTwo) { fetchAtOnce<1>(); }
+TEST_F(ActiveDirectoryConcurrentFetchesTest, AreCompleteWhenThereAreTwo) { fetchAtOnce<1>(); }
 
-TEST_F(ActiveDirectoryConcurrentFetchesTest, areCompleteWhenThereAreFour) { fetchAtOnce<2>(); }
+TEST_F(ActiveDirectoryConcurrentFetchesTest, AreCompleteWhenThereAreFour) { fetchAtOnce<2>(); }
 
 } // namespace
 } // namespace tavo::ldap

@@ -88,7 +88,7 @@ protected:
     static inline std::unique_ptr<Samba> samba;
 };
 
-TEST_F(ActiveDirectoryFaultsTest, conversationsMayBreakOffBetweenAnyTwoMessages)
+TEST_F(ActiveDirectoryFaultsTest, ConversationsMayBreakOffBetweenAnyTwoMessages)
 {
     FaultyNetwork network(conversation(), Samba::port, samba->address());
     for (const auto direction : FaultyNetwork::directions) {
@@ -98,10 +98,10 @@ TEST_F(ActiveDirectoryFaultsTest, conversationsMayBreakOffBetweenAnyTwoMessages)
     }
 }
 
-TEST_F(ActiveDirectoryFaultsTest, conversationsMayBreakOffWithinAMessage) { breakOffAtBytes(conversation()); }
+TEST_F(ActiveDirectoryFaultsTest, ConversationsMayBreakOffWithinAMessage) { breakOffAtBytes(conversation()); }
 
 /// The one that `./dev check` breaks off after each byte.
-TEST_F(ActiveDirectoryFaultsTest, aSmallConversationMayBreakOffAfterAnyByte)
+TEST_F(ActiveDirectoryFaultsTest, ASmallConversationMayBreakOffAfterAnyByte)
 {
     test::Conversation small = conversation();
     small.settings.searchPageSize = 2;
@@ -116,17 +116,17 @@ TEST_F(ActiveDirectoryFaultsTest, aSmallConversationMayBreakOffAfterAnyByte)
     }
 }
 
-TEST_F(ActiveDirectoryFaultsTest, conversationsAfterStartTlsMayBreakOffAnywhere)
+TEST_F(ActiveDirectoryFaultsTest, ConversationsAfterStartTlsMayBreakOffAnywhere)
 {
     breakOffAtBytes(startTlsConversation());
 }
 
-TEST_F(ActiveDirectoryFaultsTest, conversationsOverLdapsMayBreakOffAnywhere)
+TEST_F(ActiveDirectoryFaultsTest, ConversationsOverLdapsMayBreakOffAnywhere)
 {
     breakOffAtBytes(ldapsConversation(), Samba::ldapsPort);
 }
 
-TEST_F(ActiveDirectoryFaultsTest, conversationsMayStallBetweenAnyTwoMessagesAndNothingIsLost)
+TEST_F(ActiveDirectoryFaultsTest, ConversationsMayStallBetweenAnyTwoMessagesAndNothingIsLost)
 {
     FaultyNetwork network(conversation(), Samba::port, samba->address());
     for (const auto direction : FaultyNetwork::directions) {
@@ -134,7 +134,7 @@ TEST_F(ActiveDirectoryFaultsTest, conversationsMayStallBetweenAnyTwoMessagesAndN
     }
 }
 
-TEST_F(ActiveDirectoryFaultsTest, conversationsMayBreakOffAfterAStallBetweenAnyTwoMessages)
+TEST_F(ActiveDirectoryFaultsTest, ConversationsMayBreakOffAfterAStallBetweenAnyTwoMessages)
 {
     FaultyNetwork network(conversation(), Samba::port, samba->address());
     for (const auto direction : FaultyNetwork::directions) {
@@ -142,7 +142,7 @@ TEST_F(ActiveDirectoryFaultsTest, conversationsMayBreakOffAfterAStallBetweenAnyT
     }
 }
 
-TEST_F(ActiveDirectoryFaultsTest, aManagerMayGoWhileAFetchStallsAtAnyMessage)
+TEST_F(ActiveDirectoryFaultsTest, ManagerMayBeDestroyedWhileAFetchStallsAtAnyMessage)
 {
     FaultyNetwork network(conversation(), Samba::port, samba->address());
     for (const auto direction : FaultyNetwork::directions) {
@@ -151,7 +151,7 @@ TEST_F(ActiveDirectoryFaultsTest, aManagerMayGoWhileAFetchStallsAtAnyMessage)
 }
 
 /// The question has a time limit, and no answer means OpenLDAP, whose users have another login.
-TEST_F(ActiveDirectoryFaultsTest, aDomainThatIsTooSlowToTellWhatItIsHasNoUsers)
+TEST_F(ActiveDirectoryFaultsTest, DomainThatAnswersTooLateForDetectionHasNoUsers)
 {
     test::Conversation hasty = conversation();
     // Samba counts in whole seconds of the clock: a limit of one may pass at once.
@@ -170,7 +170,7 @@ TEST_F(ActiveDirectoryFaultsTest, aDomainThatIsTooSlowToTellWhatItIsHasNoUsers)
 }
 
 /// The first one was the question, and what isn't answered is the same as above.
-TEST_F(ActiveDirectoryFaultsTest, aDomainThatIsReachedAtTheSecondAttemptHasNoUsers)
+TEST_F(ActiveDirectoryFaultsTest, DomainReachedOnlyAfterDetectionFailedHasNoUsers)
 {
     TcpRelay relay(Samba::ldapsPort, samba->address());
     relay.cut(TcpRelay::Direction::toClient, TcpRelay::bytes(0), TcpRelay::Ending::close, 0);
@@ -178,7 +178,7 @@ TEST_F(ActiveDirectoryFaultsTest, aDomainThatIsReachedAtTheSecondAttemptHasNoUse
     EXPECT_EQ(relay.connections(), 2U);
 }
 
-TEST_F(ActiveDirectoryFaultsTest, aServerMayDieAndComeBackBetweenTwoFetches)
+TEST_F(ActiveDirectoryFaultsTest, AServerMayDieAndComeBackBetweenTwoFetches)
 {
     expectNewManagersAloneToSurvive(
         conversation(), samba->url(), [] { samba->kill(); }, [] { samba->start(); });

@@ -205,7 +205,7 @@ protected:
     static inline std::unique_ptr<Samba> samba;
 };
 
-TEST_F(ActiveDirectoryTest, isRecognisedBeforeAnybodyBinds)
+TEST_F(ActiveDirectoryTest, IsRecognisedBeforeAnybodyBinds)
 {
     for (const std::string& url : {samba->url(), samba->ldapsUrl()}) {
         const VendorDefaults defaults = Session(urlOf(url), false, false).detectLdapVendor();
@@ -217,7 +217,7 @@ TEST_F(ActiveDirectoryTest, isRecognisedBeforeAnybodyBinds)
     }
 }
 
-TEST_F(ActiveDirectoryTest, answersNoSearchWithoutABind)
+TEST_F(ActiveDirectoryTest, AnswersNoSearchWithoutABind)
 {
     const auto session = secureSession();
     try {
@@ -228,7 +228,7 @@ TEST_F(ActiveDirectoryTest, answersNoSearchWithoutABind)
     }
 }
 
-TEST_F(ActiveDirectoryTest, fetchesExactlyTheEnabledUsersPageByPage)
+TEST_F(ActiveDirectoryTest, FetchesExactlyTheEnabledUsersPageByPage)
 {
     const test::LogCapture log;
     const auto manager = createManagerOrThrow(settings());
@@ -242,7 +242,7 @@ TEST_F(ActiveDirectoryTest, fetchesExactlyTheEnabledUsersPageByPage)
     EXPECT_EQ(log.texts(log::Level::warning), std::vector<std::string>());
 }
 
-TEST_F(ActiveDirectoryTest, fetchesAUsersNameAndAddress)
+TEST_F(ActiveDirectoryTest, FetchesAUsersNameAndAddress)
 {
     const auto manager = createManagerOrThrow(settings());
     Deliveries<User> users;
@@ -253,13 +253,13 @@ TEST_F(ActiveDirectoryTest, fetchesAUsersNameAndAddress)
             Field(&User::fullName, "Zoë Müller"_s), Field(&User::email, "user02@ad.test"_s))));
 }
 
-TEST_F(ActiveDirectoryTest, leavesDisabledUsersOutAlsoWhenAskedForByName)
+TEST_F(ActiveDirectoryTest, LeavesDisabledUsersOutAlsoWhenAskedForByName)
 {
     EXPECT_THAT(fetchLogins(qt("(sAMAccountName=" + loginOf(kEnabled) + ")")), IsEmpty());
     EXPECT_THAT(fetchLogins("(sAMAccountName=Guest)"_s), IsEmpty());
 }
 
-TEST_F(ActiveDirectoryTest, takesComputersForNoUsers)
+TEST_F(ActiveDirectoryTest, DoesNotCountComputersAsUsers)
 {
     EXPECT_THAT(fetchLogins("(objectClass=computer)"_s), IsEmpty());
     // They are users by class, so that it takes the category to tell.
@@ -268,7 +268,7 @@ TEST_F(ActiveDirectoryTest, takesComputersForNoUsers)
     EXPECT_THAT(found, ElementsAre(Field(&SearchEntry::dn, qt(staffDn("PC1")))));
 }
 
-TEST_F(ActiveDirectoryTest, bindsByDnByPrincipalNameAndByDomainName)
+TEST_F(ActiveDirectoryTest, BindsByDnByPrincipalNameAndByDomainName)
 {
     for (const std::string& name :
         {staffDn("user00"), std::string("user00@ad.test"), std::string("ADTEST\\user00")}) {
@@ -277,7 +277,7 @@ TEST_F(ActiveDirectoryTest, bindsByDnByPrincipalNameAndByDomainName)
     }
 }
 
-TEST_F(ActiveDirectoryTest, servesAnOrdinaryAccount)
+TEST_F(ActiveDirectoryTest, ServesAnOrdinaryAccount)
 {
     Settings settings = ActiveDirectoryTest::settings();
     settings.adminDn = "user00@ad.test"_s;
@@ -292,12 +292,12 @@ TEST_F(ActiveDirectoryTest, servesAnOrdinaryAccount)
     EXPECT_THAT(groups.records(), ElementsAre(Field(&Group::members, ::testing::SizeIs(2))));
 }
 
-TEST_F(ActiveDirectoryTest, refusesABareLogin)
+TEST_F(ActiveDirectoryTest, RefusesABareLogin)
 {
     EXPECT_THROW(secureSession()->bind("user00"_s, kPassword), InvalidCredentialsError);
 }
 
-TEST_F(ActiveDirectoryTest, refusesDisabledAndUnknownAccountsLikeAWrongPassword)
+TEST_F(ActiveDirectoryTest, RefusesDisabledAndUnknownAccountsLikeAWrongPassword)
 {
     for (const std::string& name : {loginOf(kEnabled) + "@ad.test", std::string("nobody@ad.test")}) {
         try {
@@ -309,7 +309,7 @@ TEST_F(ActiveDirectoryTest, refusesDisabledAndUnknownAccountsLikeAWrongPassword)
     }
 }
 
-TEST_F(ActiveDirectoryTest, takesASimpleBindOnlyOverTls)
+TEST_F(ActiveDirectoryTest, TakesASimpleBindOnlyOverTls)
 {
     try {
         Session(urlOf(samba->url()), false, false).bind(kAdministrator, kPassword);
@@ -327,7 +327,7 @@ TEST_F(ActiveDirectoryTest, takesASimpleBindOnlyOverTls)
 }
 
 /// Samba 4.17 doesn't know the question, Samba 4.22 does.
-TEST_F(ActiveDirectoryTest, tellsWhoOneIsOrThatItCannot)
+TEST_F(ActiveDirectoryTest, AnswersWhoAmIOrReportsThatItCannot)
 {
     const auto session = boundSession();
     try {
@@ -340,7 +340,7 @@ TEST_F(ActiveDirectoryTest, tellsWhoOneIsOrThatItCannot)
         << "the connection is still good";
 }
 
-TEST_F(ActiveDirectoryTest, logsTheReferralsOfASearchInPages)
+TEST_F(ActiveDirectoryTest, LogsTheReferralsOfASearchInPages)
 {
     const test::LogCapture log;
     EXPECT_THAT(fetchLogins("(sAMAccountName=user00)"_s), ElementsAre("user00"_s));
@@ -351,7 +351,7 @@ TEST_F(ActiveDirectoryTest, logsTheReferralsOfASearchInPages)
     EXPECT_FALSE(withoutPages.contains("Not chasing"));
 }
 
-TEST_F(ActiveDirectoryTest, sendsReferralsThatNobodyChases)
+TEST_F(ActiveDirectoryTest, SendsReferralsThatAreNotFollowed)
 {
     test::ScriptedServer elsewhere;
     elsewhere.greet(test::closeConnection());
@@ -369,14 +369,14 @@ TEST_F(ActiveDirectoryTest, sendsReferralsThatNobodyChases)
     EXPECT_EQ(elsewhere.connections(), 1U) << "whoever chases them arrives here";
 }
 
-TEST_F(ActiveDirectoryTest, reportsABaseOfAnotherDomainAsOneThatDoesNotExist)
+TEST_F(ActiveDirectoryTest, ReportsABaseOfAnotherDomainAsOneThatDoesNotExist)
 {
     const auto found = boundSession()->search(
         {"DC=other,DC=test"_s, "(objectClass=user)"_s, {"cn"}, SearchScope::subtree}, 10);
     EXPECT_EQ(std::get<Result>(found), Result::noSuchObject);
 }
 
-TEST_F(ActiveDirectoryTest, fetchesGroupsWithTheMembersThatTheServerLists)
+TEST_F(ActiveDirectoryTest, FetchesGroupsWithTheMembersThatTheServerLists)
 {
     std::vector<QString> everybody;
     for (int number = 0; number < kEnabled; ++number) {
@@ -386,12 +386,12 @@ TEST_F(ActiveDirectoryTest, fetchesGroupsWithTheMembersThatTheServerLists)
     EXPECT_THAT(membersOf("Nobody"), IsEmpty());
 }
 
-TEST_F(ActiveDirectoryTest, listsANestedGroupAsAMemberAndNotItsMembers)
+TEST_F(ActiveDirectoryTest, ListsANestedGroupAsAMemberAndNotItsMembers)
 {
     EXPECT_THAT(membersOf("Nested"), UnorderedElementsAre(qt(staffDn("Everybody")), qt(staffDn("user03"))));
 }
 
-TEST_F(ActiveDirectoryTest, findsTheMembersOfNestedGroupsWhenAskedWithTheChainRule)
+TEST_F(ActiveDirectoryTest, FindsTheMembersOfNestedGroupsWhenAskedWithTheChainRule)
 {
     auto expected = enabledLogins();
     expected.erase(expected.begin(), expected.begin() + 2);
@@ -399,7 +399,7 @@ TEST_F(ActiveDirectoryTest, findsTheMembersOfNestedGroupsWhenAskedWithTheChainRu
         UnorderedElementsAreArray(expected));
 }
 
-TEST_F(ActiveDirectoryTest, listsNobodyInThePrimaryGroupOfAll)
+TEST_F(ActiveDirectoryTest, ListsNobodyInThePrimaryGroupOfAll)
 {
     const auto session = boundSession();
     const auto users = session->simpleSearch(
@@ -409,7 +409,7 @@ TEST_F(ActiveDirectoryTest, listsNobodyInThePrimaryGroupOfAll)
     EXPECT_THAT(membersOf("Domain Users"), IsEmpty());
 }
 
-TEST_F(ActiveDirectoryTest, servesTwoFetchesOfOneManagerAtTheSameTime)
+TEST_F(ActiveDirectoryTest, ServesTwoFetchesOfOneManagerAtTheSameTime)
 {
     const auto manager = createManagerOrThrow(settings());
     Deliveries<User> users;
@@ -434,14 +434,14 @@ TEST_F(ActiveDirectoryTest, servesTwoFetchesOfOneManagerAtTheSameTime)
     EXPECT_THAT(groups.records(), Contains(Field(&Group::name, "Nested"_s)));
 }
 
-TEST_F(ActiveDirectoryTest, servesTenFetchesOfOneManagerAtTheSameTime)
+TEST_F(ActiveDirectoryTest, ServesTenFetchesOfOneManagerAtTheSameTime)
 {
     EXPECT_THAT(fetchAtOnce(10), Each(std::pair(Result::ok, enabledLogins().size())));
 }
 
 /// Samba keeps ten searches of a connection, and forgets the one that was used least recently for an
 /// eleventh.
-TEST_F(ActiveDirectoryTest, failsTheOldestOfElevenFetchesOfOneManager)
+TEST_F(ActiveDirectoryTest, FailsTheOldestOfElevenFetchesOfOneManager)
 {
     auto outcomes = fetchAtOnce(11);
     EXPECT_EQ(outcomes.front().first, Result::connectError);
@@ -451,7 +451,7 @@ TEST_F(ActiveDirectoryTest, failsTheOldestOfElevenFetchesOfOneManager)
 }
 
 /// What Active Directory sends of a group that has more members than it gives at once, which Samba does not.
-TEST(LargeActiveDirectoryGroupTest, comesWithoutMembers)
+TEST(LargeActiveDirectoryGroupTest, ComesWithoutMembers)
 {
     test::ScriptedServer server;
     server.otherwise([](const test::Request& request) -> test::Steps {

@@ -50,9 +50,9 @@ protected:
     std::unique_ptr<Manager> m_manager;
 };
 
-TEST_F(ConcurrentFetchesTest, areCompleteWhenThereAreTwo) { fetchAtOnce<1>(); }
+TEST_F(ConcurrentFetchesTest, AreCompleteWhenThereAreTwo) { fetchAtOnce<1>(); }
 
-TEST_F(ConcurrentFetchesTest, areCompleteWhenThereAreFour) { fetchAtOnce<2>(); }
+TEST_F(ConcurrentFetchesTest, AreCompleteWhenThereAreFour) { fetchAtOnce<2>(); }
 
 } // namespace
 } // namespace tavo::ldap

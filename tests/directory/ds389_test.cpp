@@ -69,7 +69,7 @@ protected:
     static inline std::unique_ptr<Ds389> server;
 };
 
-TEST_F(Ds389Test, isTakenForOpenLdap)
+TEST_F(Ds389Test, IsDetectedAsOpenLdap)
 {
     const VendorDefaults defaults = Session(urlOf(server->url()), false, false).detectLdapVendor();
     EXPECT_EQ(defaults.loginAttribute, "uid"_s);
@@ -78,7 +78,7 @@ TEST_F(Ds389Test, isTakenForOpenLdap)
     EXPECT_TRUE(defaults.userFilter.isEmpty());
 }
 
-TEST_F(Ds389Test, isReadPageByPage)
+TEST_F(Ds389Test, IsReadPageByPage)
 {
     EXPECT_TRUE(testLdapConnection(settings()));
     const auto manager = createManagerOrThrow(settings());
@@ -95,7 +95,7 @@ TEST_F(Ds389Test, isReadPageByPage)
     EXPECT_THAT(groups.results(), ElementsAre(Result::moreResults, Result::ok));
 }
 
-TEST_F(Ds389Test, refusesAWrongPassword)
+TEST_F(Ds389Test, RefusesAWrongPassword)
 {
     EXPECT_THROW(Session(urlOf(server->url()), false, false).bind(qt(Ds389::rootDn), "wrong"_s),
         InvalidCredentialsError);

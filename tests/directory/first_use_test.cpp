@@ -17,7 +17,7 @@ using test::Slapd;
 using test::urlOf;
 using ::testing::Each;
 
-TEST(FirstUseTest, mayBeMadeByThirtyTwoThreadsAtOncePlainAndWithTls)
+TEST(FirstUseTest, MayBeMadeByThirtyTwoThreadsAtOncePlainAndWithTls)
 {
     test::TestCa ca;
     const auto server = ca.issue();

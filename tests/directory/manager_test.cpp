@@ -38,7 +38,7 @@ Settings settingsFor(const Slapd& slapd)
     return settings;
 }
 
-TEST(ConnectionTest, succeedsWithTheRightPasswordAndOnlyWithIt)
+TEST(ConnectionTest, SucceedsWithTheRightPasswordAndOnlyWithIt)
 {
     const Slapd slapd;
     Settings settings = settingsFor(slapd);
@@ -50,14 +50,14 @@ TEST(ConnectionTest, succeedsWithTheRightPasswordAndOnlyWithIt)
     EXPECT_TRUE(testLdapConnection(settings));
 }
 
-TEST(ConnectionTest, failsWhenNobodyListens)
+TEST(ConnectionTest, FailsWhenNobodyListens)
 {
     Slapd slapd;
     slapd.stop();
     EXPECT_FALSE(testLdapConnection(settingsFor(slapd)));
 }
 
-TEST(ConnectionTest, failsWhenStartTlsIsRefused)
+TEST(ConnectionTest, FailsWhenStartTlsIsRefused)
 {
     const Slapd slapd;
     Settings settings = settingsFor(slapd);
@@ -65,7 +65,7 @@ TEST(ConnectionTest, failsWhenStartTlsIsRefused)
     EXPECT_FALSE(testLdapConnection(settings));
 }
 
-TEST(AsyncConnectionTest, callsNothingWhenItSucceeds)
+TEST(AsyncConnectionTest, CallsNothingWhenItSucceeds)
 {
     const Slapd slapd;
     int failures = 0;
@@ -73,7 +73,7 @@ TEST(AsyncConnectionTest, callsNothingWhenItSucceeds)
     EXPECT_EQ(failures, 0);
 }
 
-TEST(AsyncConnectionTest, callsItsHandlerOnceOnItsOwnThreadWhenItFails)
+TEST(AsyncConnectionTest, CallsItsHandlerOnceOnItsOwnThreadWhenItFails)
 {
     const Slapd slapd;
     Settings settings = settingsFor(slapd);
@@ -88,7 +88,7 @@ TEST(AsyncConnectionTest, callsItsHandlerOnceOnItsOwnThreadWhenItFails)
     EXPECT_NE(thread, std::this_thread::get_id());
 }
 
-TEST(AsyncConnectionTest, isWaitedForWhenItsFutureIsDropped)
+TEST(AsyncConnectionTest, IsWaitedForWhenItsFutureIsDropped)
 {
     test::ScriptedServer server;
     const test::Gate answer;
@@ -107,7 +107,7 @@ TEST(AsyncConnectionTest, isWaitedForWhenItsFutureIsDropped)
     EXPECT_TRUE(failed);
 }
 
-TEST(AsyncConnectionTest, keepsWhatItsHandlerThrows)
+TEST(AsyncConnectionTest, KeepsWhatItsHandlerThrows)
 {
     Slapd slapd;
     slapd.stop();
@@ -116,7 +116,7 @@ TEST(AsyncConnectionTest, keepsWhatItsHandlerThrows)
         std::runtime_error);
 }
 
-TEST(ManagerCreationTest, saysThatItBindsAnonymously)
+TEST(ManagerCreationTest, SaysThatItBindsAnonymously)
 {
     const Slapd slapd;
     Settings settings = settingsFor(slapd);
@@ -127,7 +127,7 @@ TEST(ManagerCreationTest, saysThatItBindsAnonymously)
     EXPECT_THAT(log.texts(log::Level::info), ElementsAre("Admin DN not specified, using anonymous session"));
 }
 
-TEST(ManagerCreationTest, throwsWhereAnonymousBindsAreRefused)
+TEST(ManagerCreationTest, ThrowsWhereAnonymousBindsAreRefused)
 {
     const Slapd slapd({.globalLines = {"disallow bind_anon"}});
     Settings settings = settingsFor(slapd);
@@ -136,7 +136,7 @@ TEST(ManagerCreationTest, throwsWhereAnonymousBindsAreRefused)
     EXPECT_THROW(createManagerOrThrow(settings), BaseError);
 }
 
-TEST(ManagerCreationTest, refusesAWrongPasswordAfterAskingForTheVendor)
+TEST(ManagerCreationTest, RefusesAWrongPasswordAfterAskingForTheVendor)
 {
     const Slapd slapd;
     Settings settings = settingsFor(slapd);
@@ -146,7 +146,7 @@ TEST(ManagerCreationTest, refusesAWrongPasswordAfterAskingForTheVendor)
     EXPECT_TRUE(log.contains("Performing non-paged search"));
 }
 
-TEST(ManagerCreationTest, logsTheSettingsWithoutThePassword)
+TEST(ManagerCreationTest, LogsTheSettingsWithoutThePassword)
 {
     const Slapd slapd;
     const test::LogCapture log;
@@ -157,7 +157,7 @@ TEST(ManagerCreationTest, logsTheSettingsWithoutThePassword)
     EXPECT_FALSE(log.contains(slapd.rootPassword() + "\""));
 }
 
-TEST(ManagerCreationTest, masksAnEmptyPasswordLikeAnyOther)
+TEST(ManagerCreationTest, MasksAnEmptyPasswordLikeAnyOther)
 {
     const Slapd slapd;
     Settings settings = settingsFor(slapd);
@@ -168,7 +168,7 @@ TEST(ManagerCreationTest, masksAnEmptyPasswordLikeAnyOther)
     EXPECT_TRUE(log.contains(R"("adminPassword":"******")"));
 }
 
-TEST(ManagerCreationTest, showsThePasswordOnlyWhenThatIsAllowed)
+TEST(ManagerCreationTest, ShowsThePasswordOnlyWhenThatIsAllowed)
 {
     const Slapd slapd;
     const test::LogCapture log;
@@ -204,7 +204,7 @@ protected:
     SearchFilter m_everything;
 };
 
-TEST_F(FetchTest, fetchesEveryUserWithALogin)
+TEST_F(FetchTest, FetchesEveryUserWithALogin)
 {
     Deliveries<User> users;
     const test::LogCapture log;
@@ -227,7 +227,7 @@ TEST_F(FetchTest, fetchesEveryUserWithALogin)
     EXPECT_EQ(found, static_cast<std::size_t>(m_sample.peopleWithLogin));
 }
 
-TEST_F(FetchTest, narrowsTheUsersByTheCallersFilter)
+TEST_F(FetchTest, NarrowsTheUsersByTheCallersFilter)
 {
     Deliveries<User> users;
     const test::LogCapture log;
@@ -238,7 +238,7 @@ TEST_F(FetchTest, narrowsTheUsersByTheCallersFilter)
     EXPECT_TRUE(log.contains("with [(mail=*)] filter"));
 }
 
-TEST_F(FetchTest, fetchesEveryGroupAlsoTheEmptyOne)
+TEST_F(FetchTest, FetchesEveryGroupAlsoTheEmptyOne)
 {
     const auto groups = fetchGroups();
     ASSERT_THAT(groups, SizeIs(static_cast<std::size_t>(m_sample.groups)));
@@ -252,14 +252,14 @@ TEST_F(FetchTest, fetchesEveryGroupAlsoTheEmptyOne)
     EXPECT_GT(membersOf("Sales\\2C EMEA"_s), 0);
 }
 
-TEST_F(FetchTest, putsTheCallersGroupFilterFirst)
+TEST_F(FetchTest, PutsTheCallersGroupFilterFirst)
 {
     const test::LogCapture log;
     EXPECT_THAT(fetchGroups(" cn=Newcomers "_s), SizeIs(1));
     EXPECT_TRUE(log.contains("with [(&(cn=Newcomers)(objectClass=groupOfNames))] filter"));
 }
 
-TEST_F(FetchTest, runsUsersAndGroupsAtTheSameTimeToTheirEnds)
+TEST_F(FetchTest, FetchesUsersAndGroupsConcurrently)
 {
     Deliveries<User> users;
     Deliveries<Group> groups;
@@ -271,7 +271,7 @@ TEST_F(FetchTest, runsUsersAndGroupsAtTheSameTimeToTheirEnds)
     EXPECT_THAT(groups.records(), SizeIs(static_cast<std::size_t>(m_sample.groups)));
 }
 
-TEST_F(FetchTest, passesAFailureOnWithoutRecordsAndWarns)
+TEST_F(FetchTest, PassesAFailureOnWithoutRecordsAndWarns)
 {
     const test::LogCapture log;
     Deliveries<User> users;
@@ -285,7 +285,7 @@ TEST_F(FetchTest, passesAFailureOnWithoutRecordsAndWarns)
                                                     "Groups fetching error: No target object found."));
 }
 
-TEST_F(FetchTest, neverCallsTheHandlerOfAnAbandonedFetch)
+TEST_F(FetchTest, NeverCallsTheHandlerOfAnAbandonedFetch)
 {
     m_slapd.suspend();
     Deliveries<User> users;
@@ -295,7 +295,7 @@ TEST_F(FetchTest, neverCallsTheHandlerOfAnAbandonedFetch)
     EXPECT_THAT(users.all(), IsEmpty());
 }
 
-TEST_F(FetchTest, cancelsARunningFetchWhenTheManagerGoes)
+TEST_F(FetchTest, CancelsARunningFetchWhenTheManagerGoes)
 {
     const test::LogCapture log;
     m_slapd.suspend();
@@ -307,7 +307,7 @@ TEST_F(FetchTest, cancelsARunningFetchWhenTheManagerGoes)
     m_slapd.resume();
 }
 
-TEST_F(FetchTest, letsAHandlerAbandonItsOwnFetch)
+TEST_F(FetchTest, LetsAHandlerAbandonItsOwnFetch)
 {
     std::promise<SearchContext*> started;
     auto context = started.get_future().share();
@@ -322,7 +322,7 @@ TEST_F(FetchTest, letsAHandlerAbandonItsOwnFetch)
     EXPECT_THAT(fetchGroups(), Not(IsEmpty()));
 }
 
-TEST_F(FetchTest, letsAHandlerDestroyTheManagerInItsFinalCall)
+TEST_F(FetchTest, LetsAHandlerDestroyTheManagerInItsFinalCall)
 {
     std::promise<void> destroyed;
     m_manager->fetchUsersAsync(
@@ -338,7 +338,7 @@ TEST_F(FetchTest, letsAHandlerDestroyTheManagerInItsFinalCall)
 }
 
 /// A slapd that passes for an Active Directory.
-class ActiveDirectoryLookTest : public ::testing::Test
+class ActiveDirectoryLookalikeTest : public ::testing::Test
 {
 protected:
     static test::SlapdOptions options()
@@ -355,7 +355,7 @@ protected:
     }
 };
 
-TEST_F(ActiveDirectoryLookTest, fetchesTheEnabledUsersAndTheGroups)
+TEST_F(ActiveDirectoryLookalikeTest, FetchesTheEnabledUsersAndTheGroups)
 {
     const Slapd slapd(options());
     const auto manager = createManagerOrThrow(settingsFor(slapd));
@@ -377,7 +377,7 @@ TEST_F(ActiveDirectoryLookTest, fetchesTheEnabledUsersAndTheGroups)
     EXPECT_TRUE(log.contains("with [objectClass=group] filter (attributes: { member })"));
 }
 
-TEST(MappingTest, usesTheCallersNamesEvenEmptyOnes)
+TEST(MappingTest, UsesTheCallersNamesEvenEmptyOnes)
 {
     const Slapd slapd;
     Settings settings = settingsFor(slapd);

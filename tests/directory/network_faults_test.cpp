@@ -68,30 +68,30 @@ protected:
     Slapd m_slapd{{.ldif = test::people(kUsers)}};
 };
 
-TEST_F(NetworkFaultsTest, answersMayBreakOffAtEveryByte) { breakOff(Direction::toClient, Ending::close); }
+TEST_F(NetworkFaultsTest, AnswersMayBreakOffAtEveryByte) { breakOff(Direction::toClient, Ending::close); }
 
-TEST_F(NetworkFaultsTest, requestsMayBreakOffAtEveryByte) { breakOff(Direction::toServer, Ending::close); }
+TEST_F(NetworkFaultsTest, RequestsMayBreakOffAtEveryByte) { breakOff(Direction::toServer, Ending::close); }
 
-TEST_F(NetworkFaultsTest, answersMayEndInAResetAtEveryByte) { breakOff(Direction::toClient, Ending::reset); }
+TEST_F(NetworkFaultsTest, AnswersMayEndInAResetAtEveryByte) { breakOff(Direction::toClient, Ending::reset); }
 
-TEST_F(NetworkFaultsTest, requestsMayEndInAResetAtEveryByte) { breakOff(Direction::toServer, Ending::reset); }
+TEST_F(NetworkFaultsTest, RequestsMayEndInAResetAtEveryByte) { breakOff(Direction::toServer, Ending::reset); }
 
-TEST_F(NetworkFaultsTest, answersMayBeHalfClosedAtEveryByte)
+TEST_F(NetworkFaultsTest, AnswersMayBeHalfClosedAtEveryByte)
 {
     breakOff(Direction::toClient, Ending::halfClose);
 }
 
-TEST_F(NetworkFaultsTest, requestsMayBeHalfClosedAtEveryByte)
+TEST_F(NetworkFaultsTest, RequestsMayBeHalfClosedAtEveryByte)
 {
     breakOff(Direction::toServer, Ending::halfClose);
 }
 
-TEST_F(NetworkFaultsTest, answersMayStallBetweenAnyTwoMessagesAndNothingIsLost)
+TEST_F(NetworkFaultsTest, AnswersMayStallBetweenAnyTwoMessagesAndNothingIsLost)
 {
     FaultyNetwork(conversation(), m_slapd.port()).stallBetweenMessages(Direction::toClient);
 }
 
-TEST_F(NetworkFaultsTest, aServerMayDieAndComeBackBetweenTwoFetches)
+TEST_F(NetworkFaultsTest, AServerMayDieAndComeBackBetweenTwoFetches)
 {
     const auto comeBack = [&] { m_slapd.start(); };
     expectNewManagersAloneToSurvive(
@@ -162,7 +162,7 @@ private:
     std::unique_ptr<Manager> m_manager;
 };
 
-TEST_F(NetworkFaultsTest, aHandlerThatIsBusyWhenItsConnectionBreaksHasOneFinalCall)
+TEST_F(NetworkFaultsTest, BusyHandlerGetsOneFinalCallWhenTheConnectionBreaks)
 {
     for (const auto ending : FaultyNetwork::endings) {
         SCOPED_TRACE(static_cast<int>(ending));
@@ -173,7 +173,7 @@ TEST_F(NetworkFaultsTest, aHandlerThatIsBusyWhenItsConnectionBreaksHasOneFinalCa
     }
 }
 
-TEST_F(NetworkFaultsTest, aHandlerThatIsBusyWhenItsManagerGoesHasOneFinalCall)
+TEST_F(NetworkFaultsTest, BusyHandlerGetsOneFinalCallWhenTheManagerIsDestroyed)
 {
     SlowFetch fetch(conversation(), m_slapd.port(), std::nullopt);
     test::BlockedCall destroying([&] { fetch.destroyManager(); });
@@ -185,7 +185,7 @@ TEST_F(NetworkFaultsTest, aHandlerThatIsBusyWhenItsManagerGoesHasOneFinalCall)
 }
 
 /// Whichever is first.
-TEST_F(NetworkFaultsTest, aHandlerThatIsBusyWhenItsConnectionBreaksAndItsManagerGoesHasOneFinalCall)
+TEST_F(NetworkFaultsTest, BusyHandlerGetsOneFinalCallWhenConnectionAndManagerGo)
 {
     for (int i = 0; i < 20; ++i) {
         SlowFetch fetch(conversation(), m_slapd.port(), Ending::reset);
@@ -253,12 +253,12 @@ void runOutOfDescriptors(const test::Conversation& conversation, const std::stri
     EXPECT_EQ(outcome.users, kUsers);
 }
 
-TEST_F(NetworkFaultsTest, aProcessOutOfDescriptorsGetsAnErrorAndRecovers)
+TEST_F(NetworkFaultsTest, AProcessOutOfDescriptorsGetsAnErrorAndRecovers)
 {
     runOutOfDescriptors(conversation(), m_slapd.url());
 }
 
-TEST_F(NetworkFaultsTest, aProcessOutOfDescriptorsGetsAnErrorFromStartTlsAndRecovers)
+TEST_F(NetworkFaultsTest, AProcessOutOfDescriptorsGetsAnErrorFromStartTlsAndRecovers)
 {
     const test::ServerCertificate certificate = trustedCa().issue();
     const Slapd slapd({.ldif = test::people(kUsers),

@@ -114,7 +114,7 @@ void PrintTo(const Limits& limits, std::ostream* out) { *out << limits.line; }
 class LimitsTest : public ::testing::TestWithParam<Limits>
 {};
 
-TEST_P(LimitsTest, decideHowFarASearchComes)
+TEST_P(LimitsTest, DecideHowManyEntriesASearchReturns)
 {
     const Limits& limits = GetParam();
     const Slapd slapd({.ldif = test::people(kPeople), .databaseLines = {limits.line}});
@@ -130,7 +130,7 @@ TEST_P(LimitsTest, decideHowFarASearchComes)
 }
 
 /// A search that was cut says so to a caller who waits, too, and gives nothing.
-TEST_P(LimitsTest, giveAWaitingCallerAllOrNothing)
+TEST_P(LimitsTest, GiveABlockingSearchAllEntriesOrNone)
 {
     const Limits& limits = GetParam();
     const Slapd slapd({.ldif = test::people(kPeople), .databaseLines = {limits.line}});
@@ -164,7 +164,7 @@ INSTANTIATE_TEST_SUITE_P(OpenLdap, LimitsTest,
             {{10, 89, Result::ok, 10}, {100, 8, Result::ok, 100}, {1000, 0, Result::ok, kPeople}}}),
     [](const ::testing::TestParamInfo<Limits>& limits) { return limits.param.name; });
 
-TEST(OpenLdapTest, sparesTheAdministratorEveryLimit)
+TEST(OpenLdapTest, ExemptsTheAdministratorFromAllLimits)
 {
     const Slapd slapd({.ldif = test::people(kPeople), .databaseLines = {"limits * size=20"}});
     const auto session = anonymousSession(slapd);
@@ -189,7 +189,7 @@ protected:
     Slapd m_slapd;
 };
 
-TEST_F(ReferralTest, besideTheResultsIsNotFollowed)
+TEST_F(ReferralTest, AmongTheResultsIsNotFollowed)
 {
     auto params = peopleSearch();
     params.scope = SearchScope::subtree;
@@ -199,7 +199,7 @@ TEST_F(ReferralTest, besideTheResultsIsNotFollowed)
     EXPECT_EQ(m_other.connections(), 0U);
 }
 
-TEST_F(ReferralTest, isLoggedByASearchInPages)
+TEST_F(ReferralTest, IsLoggedByASearchInPages)
 {
     const test::LogCapture log;
     auto params = peopleSearch();
@@ -209,7 +209,7 @@ TEST_F(ReferralTest, isLoggedByASearchInPages)
                              "/ou=there,dc=example,dc=test??sub"));
 }
 
-TEST_F(ReferralTest, insteadOfAResultIsAFailure)
+TEST_F(ReferralTest, InsteadOfAResultIsAFailure)
 {
     const auto session = anonymousSession(m_slapd);
     for (const char* const base : {"ou=elsewhere,ou=people,dc=example,dc=test", "dc=other,dc=test"}) {
@@ -220,7 +220,7 @@ TEST_F(ReferralTest, insteadOfAResultIsAFailure)
     EXPECT_EQ(m_other.connections(), 0U);
 }
 
-TEST(OpenLdapTest, failsWithTheCodeOfAServerInTrouble)
+TEST(OpenLdapTest, FailsWithTheCodeOfAServerInTrouble)
 {
     const Slapd slapd({.ldif = test::people(1),
         .modules = {"retcode"},
@@ -238,7 +238,7 @@ TEST(OpenLdapTest, failsWithTheCodeOfAServerInTrouble)
     EXPECT_THAT(session->simpleSearch(peopleSearch()), SizeIs(1)) << "the connection is still good";
 }
 
-TEST(OpenLdapTest, showsOnlyWhatTheReaderMaySee)
+TEST(OpenLdapTest, ShowsOnlyWhatTheReaderMaySee)
 {
     const Slapd slapd(
         {.ldif = test::people(2) + "dn: ou=board,dc=example,dc=test\nobjectClass: organizationalUnit\n\n"
@@ -270,7 +270,7 @@ TEST(OpenLdapTest, showsOnlyWhatTheReaderMaySee)
     EXPECT_EQ(hidden.waitForEnd(), Result::noSuchObject);
 }
 
-TEST(OpenLdapTest, refusesAnAnonymousBindWhereThatIsForbidden)
+TEST(OpenLdapTest, RefusesAnAnonymousBindWhereThatIsForbidden)
 {
     const Slapd slapd({.globalLines = {"disallow bind_anon"}});
     try {
@@ -281,7 +281,7 @@ TEST(OpenLdapTest, refusesAnAnonymousBindWhereThatIsForbidden)
     }
 }
 
-TEST(OpenLdapTest, servesItsUsersWhereNothingCanBeReadWithoutABind)
+TEST(OpenLdapTest, ServesItsUsersWhereNothingCanBeReadWithoutABind)
 {
     const Slapd slapd({.ldif = test::people(2), .globalLines = {"require authc"}});
     Settings settings;
@@ -297,7 +297,7 @@ TEST(OpenLdapTest, servesItsUsersWhereNothingCanBeReadWithoutABind)
     EXPECT_THAT(users.records(), SizeIs(2));
 }
 
-TEST(OpenLdapTest, takesNoBindInTheFormsOfActiveDirectory)
+TEST(OpenLdapTest, RefusesActiveDirectoryFormsOfBindNames)
 {
     const Slapd slapd({.ldif = test::people(1)});
     for (const char* const name : {"u0", "u0@example.test", "EXAMPLE\\u0"}) {
@@ -310,7 +310,7 @@ TEST(OpenLdapTest, takesNoBindInTheFormsOfActiveDirectory)
     }
 }
 
-TEST(OpenLdapTest, refusesALockedAccountLikeAWrongPasswordAndKeepsOneThatMustChangeItFromReading)
+TEST(OpenLdapTest, RefusesLockedAccountsAndBlocksReadsUntilAPasswordChange)
 {
     const Slapd slapd({.ldif = test::people(1) +
                                "dn: cn=policy,dc=example,dc=test\nobjectClass: device\n"
@@ -329,7 +329,7 @@ TEST(OpenLdapTest, refusesALockedAccountLikeAWrongPasswordAndKeepsOneThatMustCha
     EXPECT_EQ(std::get<Result>(session->search(peopleSearch(), 10)), Result::connectError);
 }
 
-TEST(OpenLdapTest, deliversALargeOrganisationPageByPageAndALargeGroupWhole)
+TEST(OpenLdapTest, DeliversALargeOrganisationPageByPageAndALargeGroupWhole)
 {
     constexpr int count = test::sanitized ? 5'000 : 100'000;
     std::string ldif = test::people(count);

@@ -35,7 +35,7 @@ protected:
         {.ldif = m_sample.ldif, .checksSchema = false, .globalLines = {"sizelimit unlimited"}}};
 };
 
-TEST_F(SampleDirectoryTest, holdsWhatItSays)
+TEST_F(SampleDirectoryTest, HoldsWhatItSays)
 {
     EXPECT_GE(m_sample.people, 1000);
     EXPECT_GE(m_sample.groups, 40);
@@ -47,7 +47,7 @@ TEST_F(SampleDirectoryTest, holdsWhatItSays)
     EXPECT_EQ(count("(objectClass=groupOfNames)"), m_sample.groups);
 }
 
-TEST_F(SampleDirectoryTest, hasTheAwkwardCases)
+TEST_F(SampleDirectoryTest, ContainsTheAwkwardCases)
 {
     EXPECT_EQ(count("(&(objectClass=groupOfNames)(!(member=*)))"), 1) << "a group without members";
     EXPECT_EQ(count("(cn=Sales, EMEA)"), 1) << "a comma in a name";
@@ -56,7 +56,7 @@ TEST_F(SampleDirectoryTest, hasTheAwkwardCases)
     EXPECT_EQ(count("(&(cn=All staff)(member=cn=Jürgen Müller,ou=people,dc=example,dc=test))"), 1);
 }
 
-TEST(SampleDirectorySizesTest, areParameters)
+TEST(SampleDirectorySizesTest, FollowTheOptions)
 {
     const SampleDirectory small = sampleDirectory({.suffix = "dc=small,dc=test", .people = 3, .groups = 31});
     EXPECT_EQ(small.people, 3);

@@ -21,10 +21,10 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-class SearchTest : public ::testing::Test
+class SlapdSearchTest : public ::testing::Test
 {
 protected:
-    explicit SearchTest(test::SlapdOptions options = {.ldif = test::people(25)})
+    explicit SlapdSearchTest(test::SlapdOptions options = {.ldif = test::people(25)})
         : m_slapd(std::move(options))
         , m_session(std::make_unique<Session>(urlOf(m_slapd.url()), false, false))
     {}
@@ -52,14 +52,14 @@ protected:
     std::unique_ptr<Session> m_session;
 };
 
-TEST_F(SearchTest, readsAllEntriesInOneRequest)
+TEST_F(SlapdSearchTest, ReadsAllEntriesInOneRequest)
 {
     const auto entries = m_session->simpleSearch(peopleSearch());
     EXPECT_EQ(uids(entries), expectedUids(25));
     EXPECT_EQ(entries.front().dn, "uid=u0,ou=people,dc=example,dc=test"_s);
 }
 
-TEST_F(SearchTest, givesARequestedAttributeThatTheEntryLacksWithoutValues)
+TEST_F(SlapdSearchTest, GivesARequestedAttributeThatTheEntryLacksWithoutValues)
 {
     auto params = peopleSearch();
     params.attributes = {"telephoneNumber", "UID"};
@@ -73,7 +73,7 @@ TEST_F(SearchTest, givesARequestedAttributeThatTheEntryLacksWithoutValues)
     EXPECT_EQ(entries[0].attributes[1].toString(), "UID: u1"_s);
 }
 
-TEST_F(SearchTest, givesEveryAttributeInTheServersSpellingWhenNoneIsRequested)
+TEST_F(SlapdSearchTest, GivesEveryAttributeInTheServersSpellingWhenNoneIsRequested)
 {
     const auto entries =
         m_session->simpleSearch({"uid=u1,ou=people,dc=example,dc=test"_s, QString(), {}, SearchScope::base});
@@ -82,7 +82,7 @@ TEST_F(SearchTest, givesEveryAttributeInTheServersSpellingWhenNoneIsRequested)
     EXPECT_EQ(entries[0].getAttributeFirstValue("mail"_s), "u1@Example.TEST"_s);
 }
 
-TEST_F(SearchTest, searchesTheBaseAloneWithAScopeThatDoesNotExist)
+TEST_F(SlapdSearchTest, SearchesTheBaseAloneWithAScopeThatDoesNotExist)
 {
     const test::AssertionCapture assertions;
     auto params = peopleSearch();
@@ -93,7 +93,7 @@ TEST_F(SearchTest, searchesTheBaseAloneWithAScopeThatDoesNotExist)
         ElementsAre(test::AssertionCapture::Failure{"ldap/search_context", 24, "false", ""}));
 }
 
-TEST_F(SearchTest, throwsTheServersCodeForABaseThatDoesNotExist)
+TEST_F(SlapdSearchTest, ThrowsTheServersCodeForABaseThatDoesNotExist)
 {
     const test::LogCapture log;
     try {
@@ -106,7 +106,7 @@ TEST_F(SearchTest, throwsTheServersCodeForABaseThatDoesNotExist)
     EXPECT_TRUE(log.contains("matched DN [dc=example,dc=test]"));
 }
 
-TEST_F(SearchTest, throwsForAFilterThatMakesNoSense)
+TEST_F(SlapdSearchTest, ThrowsForAMalformedFilter)
 {
     auto params = peopleSearch();
     params.filter = "(((("_s;
@@ -120,7 +120,7 @@ TEST_F(SearchTest, throwsForAFilterThatMakesNoSense)
     EXPECT_EQ(std::get<Result>(result), Result::noSuchObject);
 }
 
-TEST_F(SearchTest, deliversFullPagesAsTheyComeAndTheRestAtTheEnd)
+TEST_F(SlapdSearchTest, DeliversFullPagesAsTheyComeAndTheRestAtTheEnd)
 {
     Entries entries;
     m_session->asyncSearch(peopleSearch(), entries.handler(), 10);
@@ -134,7 +134,7 @@ TEST_F(SearchTest, deliversFullPagesAsTheyComeAndTheRestAtTheEnd)
     EXPECT_NE(deliveries[0].thread, std::this_thread::get_id());
 }
 
-TEST_F(SearchTest, deliversOnePageOnceWhenEverythingFits)
+TEST_F(SlapdSearchTest, DeliversOnePageOnceWhenEverythingFits)
 {
     for (const int pageSize : {25, 26, 1000}) {
         Entries entries;
@@ -145,7 +145,7 @@ TEST_F(SearchTest, deliversOnePageOnceWhenEverythingFits)
     }
 }
 
-TEST_F(SearchTest, deliversNothingButTheEndWhenNothingMatches)
+TEST_F(SlapdSearchTest, DeliversNothingButTheEndWhenNothingMatches)
 {
     Entries entries;
     auto params = peopleSearch();
@@ -155,7 +155,7 @@ TEST_F(SearchTest, deliversNothingButTheEndWhenNothingMatches)
     EXPECT_THAT(entries.records(), IsEmpty());
 }
 
-TEST_F(SearchTest, refusesAPageSizeThatIsNotPositive)
+TEST_F(SlapdSearchTest, RefusesAPageSizeThatIsNotPositive)
 {
     for (const int pageSize : {0, -1}) {
         const test::AssertionCapture assertions;
@@ -169,21 +169,21 @@ TEST_F(SearchTest, refusesAPageSizeThatIsNotPositive)
     }
 }
 
-TEST_F(SearchTest, waitsForAllPages)
+TEST_F(SlapdSearchTest, WaitsForAllPages)
 {
     const auto result = m_session->search(peopleSearch(), 10);
     EXPECT_EQ(uids(std::get<std::vector<SearchEntry>>(result)), expectedUids(25));
     EXPECT_THAT(std::get<std::vector<SearchEntry>>(m_session->search(peopleSearch(), 0)), IsEmpty());
 }
 
-TEST_F(SearchTest, reportsTheServersFailureAsAResult)
+TEST_F(SlapdSearchTest, ReportsTheServersFailureAsAResult)
 {
     const auto result =
         m_session->search({"ou=nowhere,dc=example,dc=test"_s, QString(), {}, SearchScope::subtree}, 10);
     EXPECT_EQ(std::get<Result>(result), Result::noSuchObject);
 }
 
-TEST_F(SearchTest, callsNoHandlerOnceItsSearchIsForgotten)
+TEST_F(SlapdSearchTest, CallsNoHandlerOnceItsSearchIsForgotten)
 {
     m_slapd.suspend();
     Entries forgotten;
@@ -196,7 +196,7 @@ TEST_F(SearchTest, callsNoHandlerOnceItsSearchIsForgotten)
     EXPECT_THAT(forgotten.all(), IsEmpty());
 }
 
-TEST_F(SearchTest, cancelsItsRunningSearchesWhenTheSessionGoes)
+TEST_F(SlapdSearchTest, CancelsItsRunningSearchesWhenTheSessionGoes)
 {
     m_slapd.suspend();
     Entries first;
@@ -210,7 +210,7 @@ TEST_F(SearchTest, cancelsItsRunningSearchesWhenTheSessionGoes)
     m_slapd.resume();
 }
 
-TEST_F(SearchTest, runsTwoPagedSearchesOnOneConnectionToTheirEnds)
+TEST_F(SlapdSearchTest, CompletesTwoPagedSearchesOnOneConnection)
 {
     for (int round = 0; round < 20; ++round) {
         Entries first;
@@ -228,7 +228,7 @@ TEST_F(SearchTest, runsTwoPagedSearchesOnOneConnectionToTheirEnds)
     }
 }
 
-TEST_F(SearchTest, goesOnWithTheNextSearchWhenTheOneBeforeIsForgotten)
+TEST_F(SlapdSearchTest, GoesOnWithTheNextSearchWhenTheOneBeforeIsForgotten)
 {
     for (int round = 0; round < 50; ++round) {
         Entries next;
@@ -251,7 +251,7 @@ TEST_F(SearchTest, goesOnWithTheNextSearchWhenTheOneBeforeIsForgotten)
     }
 }
 
-TEST_F(SearchTest, letsAHandlerForgetItsOwnSearchFromAnIntermediateCall)
+TEST_F(SlapdSearchTest, LetsAHandlerForgetItsOwnSearchFromAnIntermediateCall)
 {
     std::promise<void> forgotten;
     std::promise<SearchContext*> started;
@@ -272,7 +272,7 @@ TEST_F(SearchTest, letsAHandlerForgetItsOwnSearchFromAnIntermediateCall)
     EXPECT_EQ(calls, 1);
 }
 
-TEST_F(SearchTest, letsAHandlerStartAnotherSearchFromAnyCall)
+TEST_F(SlapdSearchTest, LetsAHandlerStartAnotherSearchFromAnyCall)
 {
     Entries fromIntermediate;
     Entries fromFinal;
@@ -297,7 +297,7 @@ TEST_F(SearchTest, letsAHandlerStartAnotherSearchFromAnyCall)
     EXPECT_THAT(fromFinal.records(), SizeIs(25));
 }
 
-TEST_F(SearchTest, letsAHandlerSearchAndWaitInItsFinalCall)
+TEST_F(SlapdSearchTest, LetsAHandlerSearchAndWaitInItsFinalCall)
 {
     std::promise<std::size_t> found;
     m_session->asyncSearch(
@@ -312,7 +312,7 @@ TEST_F(SearchTest, letsAHandlerSearchAndWaitInItsFinalCall)
     EXPECT_EQ(found.get_future().get(), 25U);
 }
 
-TEST_F(SearchTest, letsAHandlerDestroyTheSessionInItsFinalCall)
+TEST_F(SlapdSearchTest, LetsAHandlerDestroyTheSessionInItsFinalCall)
 {
     std::promise<void> destroyed;
     Entries other;
@@ -329,7 +329,7 @@ TEST_F(SearchTest, letsAHandlerDestroyTheSessionInItsFinalCall)
     EXPECT_EQ(m_session, nullptr);
 }
 
-TEST_F(SearchTest, leavesNoThreadAndNoDescriptorBehind)
+TEST_F(SlapdSearchTest, LeavesNoThreadAndNoDescriptorBehind)
 {
     const auto searchAndForget = [&] {
         const auto session = std::make_unique<Session>(urlOf(m_slapd.url()), false, false);
@@ -348,15 +348,15 @@ TEST_F(SearchTest, leavesNoThreadAndNoDescriptorBehind)
     }
 }
 
-class LimitedSearchTest : public SearchTest
+class LimitedSearchTest : public SlapdSearchTest
 {
 protected:
     LimitedSearchTest()
-        : SearchTest({.ldif = test::people(25), .databaseLines = {"limits * size.soft=20 size.hard=20"}})
+        : SlapdSearchTest({.ldif = test::people(25), .databaseLines = {"limits * size.soft=20 size.hard=20"}})
     {}
 };
 
-TEST_F(LimitedSearchTest, throwsAtTheServersSizeLimitAndReturnsNothing)
+TEST_F(LimitedSearchTest, ThrowsAtTheServersSizeLimitAndReturnsNothing)
 {
     try {
         m_session->simpleSearch(peopleSearch());
@@ -367,7 +367,7 @@ TEST_F(LimitedSearchTest, throwsAtTheServersSizeLimitAndReturnsNothing)
     }
 }
 
-TEST_F(LimitedSearchTest, endsAPagedSearchAtTheServersSizeLimitWithoutTheCutPage)
+TEST_F(LimitedSearchTest, EndsAPagedSearchAtTheServersSizeLimitWithoutTheCutPage)
 {
     Entries entries;
     m_session->asyncSearch(peopleSearch(), entries.handler(), 8);

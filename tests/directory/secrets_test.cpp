@@ -154,7 +154,7 @@ private:
 
 // A sanitizer keeps books of its own on what was in memory.
 #if !TAVO_SANITIZED
-TEST_F(SecretsTest, stayNowhereInMemoryOnceTheBindHasReturned)
+TEST_F(SecretsTest, LeaveNoTraceInMemoryOnceTheBindHasReturned)
 {
     Settings good = settings();
     Settings wrong = wrongSettings();
@@ -168,14 +168,14 @@ TEST_F(SecretsTest, stayNowhereInMemoryOnceTheBindHasReturned)
 }
 #endif
 
-TEST_F(SecretsTest, areLeftToACallerWhoKeepsTheSettings)
+TEST_F(SecretsTest, AreNotWipedInTheCallersOwnSettings)
 {
     const Settings kept = settings();
     createManagerOrThrow(kept);
     EXPECT_EQ(kept.adminPassword, canary.text());
 }
 
-TEST_F(SecretsTest, appearInNoLogNoErrorAndNoCommandLine)
+TEST_F(SecretsTest, AppearInNoLogNoErrorAndNoCommandLine)
 {
     const test::LogCapture log;
     createManagerOrThrow(settings());
@@ -187,7 +187,7 @@ TEST_F(SecretsTest, appearInNoLogNoErrorAndNoCommandLine)
     EXPECT_FALSE(canary.isIn({std::istreambuf_iterator<char>(commandLine), {}}));
 }
 
-TEST_F(SecretsTest, appearInNoErrorAndNoLogOfAServerThatIsGoneOrNotTrusted)
+TEST_F(SecretsTest, AppearInNoErrorAndNoLogOfAServerThatIsGoneOrNotTrusted)
 {
     const test::ReservedPort nobody;
     Settings gone = settings();
@@ -207,7 +207,7 @@ TEST_F(SecretsTest, appearInNoErrorAndNoLogOfAServerThatIsGoneOrNotTrusted)
     expectNotInLog(log);
 }
 
-TEST_F(SecretsTest, appearInNoDebugOutputOfTheClientLibrary)
+TEST_F(SecretsTest, AppearInNoDebugOutputOfTheClientLibrary)
 {
     ini().openldapDebugLevel = 0xffff;
     ::testing::internal::CaptureStderr();

@@ -37,12 +37,12 @@ void bindAsAdmin(Session& session, const Slapd& slapd)
     session.bind(qt(slapd.rootDn()), qt(slapd.rootPassword()));
 }
 
-TEST(SessionTest, contactsNobodyBeforeItsFirstOperation)
+TEST(SessionTest, ContactsNobodyBeforeItsFirstOperation)
 {
     const Session session(urlOf("ldap://127.0.0.1:1"), false, false);
 }
 
-TEST(SessionTest, bindsWithADnAndAPassword)
+TEST(SessionTest, BindsWithADnAndAPassword)
 {
     const Slapd slapd;
     Session session(urlOf(slapd.url()), false, false);
@@ -54,7 +54,7 @@ TEST(SessionTest, bindsWithADnAndAPassword)
     EXPECT_THAT(log.texts(log::Level::debug), ElementsAre("Bound to [cn=admin,dc=example,dc=test]"));
 }
 
-TEST(SessionTest, bindsAnonymouslyWithoutAnAssertionWhenBothAreEmpty)
+TEST(SessionTest, BindsAnonymouslyWithoutAnAssertionWhenBothAreEmpty)
 {
     const Slapd slapd;
     const test::AssertionCapture assertions;
@@ -64,7 +64,7 @@ TEST(SessionTest, bindsAnonymouslyWithoutAnAssertionWhenBothAreEmpty)
     EXPECT_THAT(assertions.failures(), IsEmpty());
 }
 
-TEST(SessionTest, reportsADnWithoutAPasswordAndLetsTheServerDecide)
+TEST(SessionTest, ReportsADnWithoutAPasswordAndLetsTheServerDecide)
 {
     const Slapd slapd;
     const test::AssertionCapture assertions;
@@ -84,7 +84,7 @@ TEST(SessionTest, reportsADnWithoutAPasswordAndLetsTheServerDecide)
     EXPECT_THAT(assertions.failures(), ElementsAre(expected, expected));
 }
 
-TEST(SessionTest, namesTheDnWhoseCredentialsAreRefused)
+TEST(SessionTest, NamesTheDnWhoseCredentialsAreRefused)
 {
     const Slapd slapd;
     Session session(urlOf(slapd.url()), false, false);
@@ -97,7 +97,7 @@ TEST(SessionTest, namesTheDnWhoseCredentialsAreRefused)
     }
 }
 
-TEST(SessionTest, sendsAPasswordWithEveryCharacter)
+TEST(SessionTest, SendsAPasswordWithEveryCharacter)
 {
     const QString password = "pä%1\"'ß\\ 漢 "_s;
     const Slapd slapd({.ldif = test::people(1) +
@@ -109,7 +109,7 @@ TEST(SessionTest, sendsAPasswordWithEveryCharacter)
     EXPECT_THROW(session.bind("cn=odd,dc=example,dc=test"_s, password.trimmed()), InvalidCredentialsError);
 }
 
-TEST(SessionTest, sendsAPasswordWithANulWhole)
+TEST(SessionTest, SendsAPasswordWithANulInFull)
 {
     const Slapd slapd({.ldif = test::people(1) + "dn: cn=nul,dc=example,dc=test\nobjectClass: person\n"
                                                  "cn: nul\nsn: nul\nuserPassword:: YQBi\n"});
@@ -118,7 +118,7 @@ TEST(SessionTest, sendsAPasswordWithANulWhole)
     EXPECT_THROW(session.bind("cn=nul,dc=example,dc=test"_s, "a"_s), InvalidCredentialsError);
 }
 
-TEST(SessionTest, saysThatNobodyListens)
+TEST(SessionTest, ReportsThatNothingListens)
 {
     Slapd slapd;
     slapd.stop();
@@ -133,7 +133,7 @@ TEST(SessionTest, saysThatNobodyListens)
     }
 }
 
-TEST(SessionTest, survivesWritingToAConnectionThatTheServerHasClosed)
+TEST(SessionTest, SurvivesWritingToAConnectionThatTheServerHasClosed)
 {
     // The default, with which a signal would end this process, and the test with it.
     std::signal(SIGPIPE, SIG_DFL);
@@ -150,7 +150,7 @@ TEST(SessionTest, survivesWritingToAConnectionThatTheServerHasClosed)
     session.reset();
 }
 
-TEST(SessionTest, refusesAUrlThatTheClientLibraryCannotRead)
+TEST(SessionTest, RefusesAUrlThatTheClientLibraryCannotRead)
 {
     // None of them may be mistaken for an empty one, which means "the server that the host is configured
     // for".
@@ -165,7 +165,7 @@ TEST(SessionTest, refusesAUrlThatTheClientLibraryCannotRead)
     }
 }
 
-TEST(SessionTest, upgradesToTlsBeforeAnythingElse)
+TEST(SessionTest, UpgradesToTlsBeforeAnythingElse)
 {
     TestCa ca;
     trust(ca);
@@ -179,7 +179,7 @@ TEST(SessionTest, upgradesToTlsBeforeAnythingElse)
     EXPECT_THAT(slapd.log(), ::testing::HasSubstr("STARTTLS"));
 }
 
-TEST(SessionTest, speaksTlsFromTheFirstByteOnLdapsAndIgnoresStartTls)
+TEST(SessionTest, SpeaksTlsFromTheFirstByteOnLdapsAndIgnoresStartTls)
 {
     TestCa ca;
     trust(ca);
@@ -194,7 +194,7 @@ TEST(SessionTest, speaksTlsFromTheFirstByteOnLdapsAndIgnoresStartTls)
     EXPECT_THAT(slapd.log(), ::testing::Not(::testing::HasSubstr("STARTTLS")));
 }
 
-TEST(SessionTest, refusesACertificateOfAnUnknownAuthority)
+TEST(SessionTest, RefusesACertificateOfAnUnknownAuthority)
 {
     TestCa ca;
     const TestCa other;
@@ -205,7 +205,7 @@ TEST(SessionTest, refusesACertificateOfAnUnknownAuthority)
     EXPECT_THROW(bindAsAdmin(session, slapd), BaseError);
 }
 
-TEST(SessionTest, acceptsAnyCertificateWhenAskedTo)
+TEST(SessionTest, AcceptsAnyCertificateWhenAskedTo)
 {
     TestCa ca;
     const TestCa other;
@@ -217,7 +217,7 @@ TEST(SessionTest, acceptsAnyCertificateWhenAskedTo)
     EXPECT_NO_THROW(bindAsAdmin(secure, slapd));
 }
 
-TEST(SessionTest, keepsItsStrictnessToItself)
+TEST(SessionTest, DoesNotShareItsCertificateStrictness)
 {
     TestCa ca;
     const TestCa other;
@@ -229,7 +229,7 @@ TEST(SessionTest, keepsItsStrictnessToItself)
     EXPECT_THROW(bindAsAdmin(strict, slapd), BaseError);
 }
 
-TEST(SessionTest, namesTheUserOnATlsConnectionToo)
+TEST(SessionTest, NamesTheUserOnATlsConnectionToo)
 {
     TestCa ca;
     trust(ca);
@@ -238,7 +238,7 @@ TEST(SessionTest, namesTheUserOnATlsConnectionToo)
     EXPECT_THROW(session.bind(qt(slapd.rootDn()), "wrong"_s), InvalidCredentialsError);
 }
 
-TEST(SessionTest, reportsAServerThatRefusesStartTls)
+TEST(SessionTest, ReportsAServerThatRefusesStartTls)
 {
     const Slapd slapd;
     try {
@@ -250,7 +250,7 @@ TEST(SessionTest, reportsAServerThatRefusesStartTls)
     }
 }
 
-TEST(SessionTest, reportsASecondUpgradeAndTriesItAllTheSame)
+TEST(SessionTest, ReportsASecondUpgradeAndTriesItAllTheSame)
 {
     TestCa ca;
     trust(ca);
@@ -262,7 +262,7 @@ TEST(SessionTest, reportsASecondUpgradeAndTriesItAllTheSame)
         ElementsAre(test::AssertionCapture::Failure{"ldap/session", 107, "!m_isSecure", ""}));
 }
 
-TEST(VendorTest, isOpenLdapForAPlainServer)
+TEST(VendorTest, IsOpenLdapForAPlainServer)
 {
     const Slapd slapd;
     const test::LogCapture log;
@@ -274,7 +274,7 @@ TEST(VendorTest, isOpenLdapForAPlainServer)
     EXPECT_FALSE(log.contains("Detect LDAP vendor error"));
 }
 
-TEST(VendorTest, isActiveDirectoryForAServerWithAForest)
+TEST(VendorTest, IsActiveDirectoryForAServerWithAForest)
 {
     const Slapd slapd(test::likeActiveDirectory());
     const VendorDefaults defaults = Session(urlOf(slapd.url()), false, false).detectLdapVendor();
@@ -285,7 +285,7 @@ TEST(VendorTest, isActiveDirectoryForAServerWithAForest)
         defaults.userFilter, "(&(objectCategory=User)(!(userAccountControl:1.2.840.113556.1.4.803:=2)))"_s);
 }
 
-TEST(VendorTest, isOpenLdapForAServerThatCannotBeAsked)
+TEST(VendorTest, IsOpenLdapForAServerThatCannotBeAsked)
 {
     Slapd slapd;
     slapd.stop();

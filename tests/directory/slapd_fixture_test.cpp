@@ -57,7 +57,7 @@ const std::string people = "dn: ou=people,dc=example,dc=test\nobjectClass: organ
                            "dn: uid=bob,ou=people,dc=example,dc=test\nobjectClass: inetOrgPerson\n"
                            "uid: bob\ncn: Bob Ray\nsn: Ray\n\n";
 
-TEST(SlapdTest, answersWithItsEntriesAndCredentials)
+TEST(SlapdTest, AnswersWithItsEntriesAndCredentials)
 {
     Slapd slapd({.ldif = people});
     const Connection connection = connect(slapd.url());
@@ -71,7 +71,7 @@ TEST(SlapdTest, answersWithItsEntriesAndCredentials)
     EXPECT_THAT(slapd.log(), HasSubstr("nentries=2"));
 }
 
-TEST(SlapdTest, appliesLinesOfConfiguration)
+TEST(SlapdTest, AppliesLinesOfConfiguration)
 {
     const Slapd slapd({.ldif = people,
         .globalLines = {"disallow bind_anon"},
@@ -82,7 +82,7 @@ TEST(SlapdTest, appliesLinesOfConfiguration)
     EXPECT_EQ(simpleBind(connection, "", ""), LDAP_INAPPROPRIATE_AUTH);
 }
 
-TEST(SlapdTest, refusesConnectionsWhileStoppedAndKeepsItsEntriesAndUrl)
+TEST(SlapdTest, RefusesConnectionsWhileStoppedAndKeepsItsEntriesAndUrl)
 {
     Slapd slapd({.ldif = people});
     const std::string url = slapd.url();
@@ -96,7 +96,7 @@ TEST(SlapdTest, refusesConnectionsWhileStoppedAndKeepsItsEntriesAndUrl)
     EXPECT_EQ(search(connect(url), slapd.suffix(), LDAP_SCOPE_SUBTREE, "(uid=ann)").entries, 1);
 }
 
-TEST(SlapdTest, suspendedServerIsSilentUntilResumed)
+TEST(SlapdTest, SuspendedServerIsSilentUntilResumed)
 {
     Slapd slapd;
     const Connection connection = connect(slapd.url());
@@ -111,7 +111,7 @@ TEST(SlapdTest, suspendedServerIsSilentUntilResumed)
     EXPECT_EQ(search(connection, "", LDAP_SCOPE_BASE, "(objectClass=*)").result, LDAP_SUCCESS);
 }
 
-TEST(SlapdTest, serversSideBySideDoNotMeet)
+TEST(SlapdTest, ServersSideBySideAreIndependent)
 {
     const Slapd first({.ldif = people});
     const Slapd second;
@@ -119,7 +119,7 @@ TEST(SlapdTest, serversSideBySideDoNotMeet)
     EXPECT_EQ(search(connect(second.url()), second.suffix(), LDAP_SCOPE_SUBTREE, "(uid=ann)").entries, 0);
 }
 
-TEST(SlapdTest, passesForAnActiveDirectory)
+TEST(SlapdTest, CanImitateActiveDirectory)
 {
     SlapdOptions options = likeActiveDirectory();
     const auto user = [](const std::string& name, const std::string& control) {
@@ -137,7 +137,7 @@ TEST(SlapdTest, passesForAnActiveDirectory)
         1);
 }
 
-TEST(SlapdTest, retcodeOverlayAnswersAsTold)
+TEST(SlapdTest, RetcodeOverlayAnswersAsTold)
 {
     const Slapd slapd({.modules = {"retcode"},
         .databaseLines = {"overlay retcode", "retcode-parent \"ou=faults,dc=example,dc=test\"",
@@ -165,7 +165,7 @@ SlapdOptions withTls(const TestCa& ca, const ServerCertificate& server)
     return {.tls = SlapdTls{ca.certificate(), server.certificate, server.key}};
 }
 
-TEST(SlapdTlsTest, startTlsAndLdapsAreGoodForWhoTrustsTheAuthority)
+TEST(SlapdTlsTest, StartTlsAndLdapsWorkForClientsThatTrustTheAuthority)
 {
     TestCa ca;
     const Slapd slapd(withTls(ca, ca.issue()));
@@ -180,7 +180,7 @@ TEST(SlapdTlsTest, startTlsAndLdapsAreGoodForWhoTrustsTheAuthority)
     EXPECT_EQ(simpleBind(connection, slapd.rootDn(), slapd.rootPassword()), LDAP_SUCCESS);
 }
 
-TEST(SlapdTlsTest, everyFlawOfACertificateIsRefused)
+TEST(SlapdTlsTest, EveryCertificateFlawIsRefused)
 {
     TestCa ca;
     for (const ServerCertificate& flawed :
@@ -190,7 +190,7 @@ TEST(SlapdTlsTest, everyFlawOfACertificateIsRefused)
     }
 }
 
-TEST(SlapdTest, entryMayLackWhatItsClassDemandsWhenUnchecked)
+TEST(SlapdTest, EntriesMayViolateTheSchemaWhenItIsUnchecked)
 {
     const std::string group = "dn: cn=nobody,dc=example,dc=test\nobjectClass: groupOfNames\ncn: nobody\n\n";
     EXPECT_THROW(Slapd({.ldif = group}), std::runtime_error);
@@ -200,7 +200,7 @@ TEST(SlapdTest, entryMayLackWhatItsClassDemandsWhenUnchecked)
         1);
 }
 
-TEST(SlapdTest, badConfigurationIsReportedInTheServersWords)
+TEST(SlapdTest, BadConfigurationIsReportedInTheServersWords)
 {
     try {
         const Slapd slapd({.databaseLines = {"no-such-directive"}});

@@ -249,7 +249,7 @@ protected:
 class TlsOutcomeTest : public TlsTest, public ::testing::WithParamInterface<Row>
 {};
 
-TEST_P(TlsOutcomeTest, isTheDocumentedOne)
+TEST_P(TlsOutcomeTest, IsTheDocumentedOne)
 {
     const Row& row = GetParam();
     const std::string measured = row.server->attempt(row.connection);
@@ -265,7 +265,7 @@ void PrintTo(const Row& row, std::ostream* out) { *out << row.server->name + "_"
 INSTANTIATE_TEST_SUITE_P(
     Servers, TlsOutcomeTest, ::testing::ValuesIn(rows()), ::testing::PrintToStringParamName());
 
-TEST_F(TlsTest, isDocumentedWithoutRowsThatNobodyMeasures)
+TEST_F(TlsTest, HasNoDocumentedRowThatIsNotMeasured)
 {
     auto documented = documentedRows();
     for (const Row& row : rows())
@@ -273,14 +273,14 @@ TEST_F(TlsTest, isDocumentedWithoutRowsThatNobodyMeasures)
     EXPECT_THAT(documented, ::testing::IsEmpty());
 }
 
-TEST_F(TlsTest, standsOnTheLibraryThatIsMeantToBeTested)
+TEST_F(TlsTest, UsesTheTlsLibraryThatIsMeantToBeTested)
 {
     const char* const meant = std::getenv("TAVO_TEST_TLS_BACKEND");
     EXPECT_EQ(tlsPackage(), meant == nullptr ? tlsPackage() : std::string(meant));
     EXPECT_THAT((std::vector<std::string>{"GnuTLS", "OpenSSL"}), Contains(tlsPackage()));
 }
 
-TEST_F(TlsTest, sessionsOfOppositeStrictnessDoNotTouchEachOther)
+TEST_F(TlsTest, StrictAndLenientSessionsDoNotAffectEachOther)
 {
     const Slapd slapd(withCertificate(otherCa().issue()));
     for (const Connection connection : {Connection::startTls, Connection::ldaps}) {
@@ -295,7 +295,7 @@ TEST_F(TlsTest, sessionsOfOppositeStrictnessDoNotTouchEachOther)
     }
 }
 
-TEST_F(TlsTest, aFailedSessionLeavesNothingBehindForTheNext)
+TEST_F(TlsTest, AFailedSessionLeavesNothingBehindForTheNext)
 {
     const Slapd bad(withCertificate(otherCa().issue()));
     const Slapd good(withCertificate(trustedCa().issue()));
@@ -309,7 +309,7 @@ TEST_F(TlsTest, aFailedSessionLeavesNothingBehindForTheNext)
     }
 }
 
-TEST_F(TlsTest, aServerThatStaysSilentIsWaitedFor)
+TEST_F(TlsTest, AServerThatStaysSilentIsWaitedFor)
 {
     const test::Gate reached;
     const test::Gate hangUp;
@@ -324,7 +324,7 @@ TEST_F(TlsTest, aServerThatStaysSilentIsWaitedFor)
     EXPECT_THAT(attempt.get(), HasSubstr("`BaseError` -1"));
 }
 
-TEST_F(TlsTest, theConnectionTestAndTheManagerTellTheSame)
+TEST_F(TlsTest, ConnectionTestAndManagerReportTheSame)
 {
     const Slapd slapd(withCertificate(trustedCa().issueExpired()));
     for (const bool startTls : {true, false}) {

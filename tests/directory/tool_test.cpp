@@ -70,7 +70,7 @@ protected:
     test::TemporaryDirectory m_directory;
 };
 
-TEST_F(ToolTest, testsTheConnectionAndSaysWhoItIs)
+TEST_F(ToolTest, TestsTheConnectionAndNamesTheAuthorizationIdentity)
 {
     const Outcome outcome = tool("test" + url() + admin());
     EXPECT_EQ(outcome.exitCode, 0) << outcome.notes;
@@ -78,7 +78,7 @@ TEST_F(ToolTest, testsTheConnectionAndSaysWhoItIs)
     EXPECT_THAT(outcome.notes, HasSubstr("dn:cn=admin,dc=example,dc=test"));
 }
 
-TEST_F(ToolTest, takesThePasswordFromTheEnvironment)
+TEST_F(ToolTest, TakesThePasswordFromTheEnvironment)
 {
     const std::string dn = " --admin-dn " + m_slapd.rootDn();
     EXPECT_EQ(tool("test" + url() + dn + " --password-env TOOL_PASSWORD").exitCode, 0);
@@ -87,7 +87,7 @@ TEST_F(ToolTest, takesThePasswordFromTheEnvironment)
     EXPECT_THAT(unset.notes, HasSubstr("NOT_SET_ANYWHERE"));
 }
 
-TEST_F(ToolTest, saysWhyAConnectionFails)
+TEST_F(ToolTest, SaysWhyAConnectionFails)
 {
     std::ofstream(m_directory.path() / "password") << "wrong";
     const Outcome refused = tool("test" + url() + admin());
@@ -102,7 +102,7 @@ TEST_F(ToolTest, saysWhyAConnectionFails)
     EXPECT_THAT(unreachable.notes, HasSubstr("Can't contact LDAP server"));
 }
 
-TEST_F(ToolTest, namesTheVendor)
+TEST_F(ToolTest, NamesTheVendor)
 {
     EXPECT_THAT(tool("vendor" + url()).data, HasSubstr("OpenLDAP"));
     EXPECT_EQ(tool("vendor --format ndjson" + url()).data,
@@ -111,7 +111,7 @@ TEST_F(ToolTest, namesTheVendor)
         "\n");
 }
 
-TEST_F(ToolTest, listsUsersAsOneObjectALine)
+TEST_F(ToolTest, ListsUsersAsOneObjectALine)
 {
     const Outcome outcome = tool("users --format ndjson --page-size 10" + url() + admin());
     EXPECT_EQ(outcome.exitCode, 0) << outcome.notes;
@@ -123,7 +123,7 @@ TEST_F(ToolTest, listsUsersAsOneObjectALine)
     EXPECT_THAT(outcome.notes, HasSubstr("25 users."));
 }
 
-TEST_F(ToolTest, listsUsersInColumns)
+TEST_F(ToolTest, ListsUsersInColumns)
 {
     const Outcome outcome = tool("users --base ou=people,dc=example,dc=test --filter '(uid=u1*)'" + url());
     EXPECT_EQ(outcome.exitCode, 0) << outcome.notes;
@@ -133,7 +133,7 @@ TEST_F(ToolTest, listsUsersInColumns)
                                  "u1     u1    u1@example.test   uid=u1,ou=people,dc=example,dc=test\n"));
 }
 
-TEST_F(ToolTest, listsGroupsWithTheCallersMapping)
+TEST_F(ToolTest, ListsGroupsWithTheCallersMapping)
 {
     EXPECT_EQ(tool("groups --format ndjson" + url()).data,
         R"({"dn":"cn=staff,dc=example,dc=test","name":"staff",)"
@@ -147,14 +147,14 @@ TEST_F(ToolTest, listsGroupsWithTheCallersMapping)
         HasSubstr(R"("login":"u3@Example.TEST")"));
 }
 
-TEST_F(ToolTest, failsWhenTheFetchFails)
+TEST_F(ToolTest, FailsWhenTheFetchFails)
 {
     const Outcome outcome = tool("users --base ou=nowhere,dc=example,dc=test" + url());
     EXPECT_EQ(outcome.exitCode, 1);
     EXPECT_THAT(outcome.notes, HasSubstr("No target object found."));
 }
 
-TEST_F(ToolTest, tellsWrongUsageFromFailure)
+TEST_F(ToolTest, DistinguishesWrongUsageFromFailure)
 {
     const std::vector<std::string> wrong{"", "test", "dance" + url(), "test --url http://127.0.0.1",
         "test --url 127.0.0.1", "users --page-size 0" + url(), "users --format xml" + url(),
@@ -169,13 +169,13 @@ TEST_F(ToolTest, tellsWrongUsageFromFailure)
     EXPECT_THAT(tool("users --help").data, HasSubstr("--login-attribute"));
 }
 
-TEST_F(ToolTest, failsWhenItsOutputCannotBeWritten)
+TEST_F(ToolTest, FailsWhenItsOutputCannotBeWritten)
 {
     const Outcome outcome = tool("users --format ndjson" + url() + ">/dev/full; echo $?");
     EXPECT_EQ(outcome.data, "1\n") << outcome.notes;
 }
 
-TEST_F(ToolTest, logsToStandardErrorOnlyWhenAsked)
+TEST_F(ToolTest, LogsToStandardErrorOnlyWhenAsked)
 {
     EXPECT_THAT(tool("test" + url()).notes, Not(HasSubstr("Bound to")));
     EXPECT_THAT(tool("test -v" + url()).notes, HasSubstr("Bound to []"));
@@ -184,7 +184,7 @@ TEST_F(ToolTest, logsToStandardErrorOnlyWhenAsked)
     EXPECT_THAT(verbose.notes, Not(HasSubstr(m_slapd.rootPassword() + "\"")));
 }
 
-TEST_F(ToolTest, hasAnExampleThatPrintsAllUsers)
+TEST_F(ToolTest, HasAnExampleThatPrintsAllUsers)
 {
     const Outcome outcome = run(TAVO_FETCH_USERS, m_slapd.url() + " dc=example,dc=test");
     EXPECT_EQ(outcome.exitCode, 0) << outcome.notes;

@@ -142,7 +142,7 @@ void waitForAResponseTimeout()
     EXPECT_THAT(Call("simpleSearch", silent.url()).outcome(), HasSubstr("Timed out"));
 }
 
-TEST(Waits, AreNotForTheConstructorOfASessionWithoutStartTls)
+TEST(Waits, DoNotOccurInTheConstructorWithoutStartTls)
 {
     const BlackHole hole;
     ldap::Session(urlOf(hole.url()), false, false);
@@ -272,7 +272,7 @@ int clientLibraryVersion()
     return info.ldapai_vendor_version;
 }
 
-TEST(Waits, ForAHandshakeAreBoundedByTheNetworkTimeoutOfNewClientLibrariesAlone)
+TEST(Waits, ForAHandshakeAreBoundedByTheNetworkTimeoutOfNewLibldapOnly)
 {
     ScriptedServer stalled;
     stalled.greet(awaitRawInput());
@@ -323,7 +323,7 @@ std::string keepalive(const std::string& idle, const std::string& probes, const 
     return "keepalive 1, idle " + idle + ", probes " + probes + ", interval " + interval + ", returned";
 }
 
-TEST(Waits, ForAServerThatIsGoneAreBoundedByTheKeepaliveOfTheSystem)
+TEST(Waits, ForALostServerAreBoundedByTheSystemsKeepalive)
 {
     ScriptedServer server;
     server.otherwise([](const Request&) -> Steps { return success(); });
@@ -335,7 +335,7 @@ TEST(Waits, ForAServerThatIsGoneAreBoundedByTheKeepaliveOfTheSystem)
         keepalive(systemsOwn("time"), systemsOwn("probes"), systemsOwn("intvl")));
 }
 
-TEST(Waits, ForAServerThatIsGoneAreBoundedByTheKeepaliveThatTheHostHasSet)
+TEST(Waits, ForALostServerAreBoundedByTheKeepaliveTheHostSets)
 {
     ScriptedServer server;
     server.otherwise([](const Request&) -> Steps { return success(); });
@@ -343,7 +343,7 @@ TEST(Waits, ForAServerThatIsGoneAreBoundedByTheKeepaliveThatTheHostHasSet)
     EXPECT_EQ(Call("setAndPrintKeepalive", server.url()).outcome(), keepalive("7", "3", "5"));
 }
 
-TEST(Waits, ForAServerThatIsGoneAreBoundedByTheConfiguredKeepaliveOfNewClientLibrariesAlone)
+TEST(Waits, ForALostServerAreBoundedByNewLibldapsConfiguredKeepalive)
 {
     ScriptedServer server;
     server.otherwise([](const Request&) -> Steps { return success(); });

@@ -34,7 +34,7 @@ namespace fs = std::filesystem;
 
 const ::testing::TestInfo& thisTest() { return *::testing::UnitTest::GetInstance()->current_test_info(); }
 
-TEST(DeadlineTest, testThatHangsAbortsWithTheStacksOfAllItsThreads)
+TEST(DeadlineTest, TestThatHangsAbortsWithTheStacksOfAllItsThreads)
 {
     const auto hang = [] {
         Deadline deadline(100ms);
@@ -48,7 +48,7 @@ TEST(DeadlineTest, testThatHangsAbortsWithTheStacksOfAllItsThreads)
         name + ".*has passed its deadline of 100 ms" + stack + stack);
 }
 
-TEST(DeadlineTest, testThatHasEndedIsLeftAlone)
+TEST(DeadlineTest, TestThatHasEndedIsLeftAlone)
 {
     const auto endOneHangInAnother = [] {
         Deadline ended(300ms);
@@ -62,13 +62,13 @@ TEST(DeadlineTest, testThatHasEndedIsLeftAlone)
         AllOf(HasSubstr("deadline of 600 ms"), Not(HasSubstr("deadline of 300 ms"))));
 }
 
-TEST(ChildProcessTest, tellsExitStatusAndSignal)
+TEST(ChildProcessTest, TellsExitStatusAndSignal)
 {
     EXPECT_EQ(run({.words = {"sh", "-c", "exit 7"}}), 7);
     EXPECT_EQ(run({.words = {"sh", "-c", "kill -KILL $$"}}), 128 + SIGKILL);
 }
 
-TEST(ChildProcessTest, programThatIsNotThereIsNamed)
+TEST(ChildProcessTest, ProgramThatIsNotThereIsNamed)
 {
     try {
         run({.words = {"/no/such/program"}});
@@ -79,7 +79,7 @@ TEST(ChildProcessTest, programThatIsNotThereIsNamed)
     }
 }
 
-TEST(ChildProcessTest, writesToItsLogAndSeesTheChangedEnvironment)
+TEST(ChildProcessTest, WritesToItsLogAndSeesTheChangedEnvironment)
 {
     const TemporaryDirectory directory;
     setenv("TAVO_TEST_REMOVED", "still there", 1);
@@ -93,7 +93,7 @@ TEST(ChildProcessTest, writesToItsLogAndSeesTheChangedEnvironment)
     EXPECT_EQ(readFile(directory.path() / "log"), "added\ngone\n/\n");
 }
 
-TEST(ChildProcessTest, isGoneWithItsOwner)
+TEST(ChildProcessTest, IsGoneWithItsOwner)
 {
     pid_t pid = 0;
     {
@@ -105,14 +105,14 @@ TEST(ChildProcessTest, isGoneWithItsOwner)
     EXPECT_EQ(::kill(pid, 0), -1);
 }
 
-TEST(ChildProcessTest, suspendedChildCanBeStopped)
+TEST(ChildProcessTest, SuspendedChildCanBeStopped)
 {
     ChildProcess child({.words = {"sleep", "1000"}});
     child.suspend();
     EXPECT_EQ(child.stop(), 128 + SIGTERM);
 }
 
-TEST(ChildProcessTest, diesWithTheThreadThatStartedIt)
+TEST(ChildProcessTest, DiesWithTheThreadThatStartedIt)
 {
     std::optional<ChildProcess> child;
     std::thread([&child] { child.emplace(Command{.words = {"sleep", "1000"}}); }).join();
@@ -120,7 +120,7 @@ TEST(ChildProcessTest, diesWithTheThreadThatStartedIt)
     EXPECT_EQ(child->exitStatus(), 128 + SIGKILL);
 }
 
-TEST(TemporaryDirectoryTest, isGoneWithItsContents)
+TEST(TemporaryDirectoryTest, IsGoneWithItsContents)
 {
     fs::path path;
     {
@@ -132,7 +132,7 @@ TEST(TemporaryDirectoryTest, isGoneWithItsContents)
     EXPECT_FALSE(fs::exists(path));
 }
 
-TEST(ReservedPortTest, portsDifferAndRefuseConnections)
+TEST(ReservedPortTest, PortsDifferAndRefuseConnections)
 {
     const ReservedPort first;
     const ReservedPort second;

@@ -359,7 +359,7 @@ void expectCancelled(const Fetch::Outcome& outcome)
     }
 }
 
-TEST_F(EveryAllocation, mayFailAndTheFetchEndsAtMostOnceAndNothingIsTakenForComplete)
+TEST_F(EveryAllocation, MayFailAndTheFetchEndsAtMostOnceAndNeverLooksComplete)
 {
     Lines log;
     allocationsLeft = 0;
@@ -400,7 +400,7 @@ void formatAndDrop(QtMsgType type, const QMessageLogContext& context, const QStr
     qFormatLogMessage(type, context, text);
 }
 
-TEST_F(EveryAllocation, mayFailInQtsLoggerAndTheLineAloneIsLost)
+TEST_F(EveryAllocation, MayFailInQtsLoggerAndOnlyThatLineIsLost)
 {
     const auto formerHandler = qInstallMessageHandler(&formatAndDrop);
     const auto logALine = [this] {
@@ -441,7 +441,7 @@ public:
     ScriptedServer server;
 };
 
-TEST_F(EveryAllocation, mayFailWhenTheManagerGoesAndItsSearchIsCancelledOnce)
+TEST_F(EveryAllocation, MayFailAsTheManagerEndsAndItsSearchIsCancelledOnce)
 {
     const Lines log;
     const auto goWithASearch = [this](long nth) {
@@ -496,7 +496,7 @@ Wait waitForAllPages(ldap::Session& session)
     return Wait::threw;
 }
 
-TEST_F(EveryAllocation, mayFailAndTheWaitForAllPagesStillEnds)
+TEST_F(EveryAllocation, MayFailAndABlockingSearchStillEnds)
 {
     const auto createSession = [this] { return std::make_unique<ldap::Session>(settings.uri, false, false); };
     const Lines log;

@@ -255,7 +255,7 @@ INSTANTIATE_TEST_SUITE_P(Wire, EmptyAnswers,
         EmptyAnswer{"ExtendedResponse", Answer::extendedResponse, Result::connectError}),
     ::testing::PrintToStringParamName());
 
-TEST_F(StrangeAnswers, CannotBeGivenByAServerThatRefusesTheConnection)
+TEST_F(StrangeAnswers, ARefusedConnectionIsAConnectError)
 {
     server.stopListening();
 

@@ -54,7 +54,7 @@ TEST_F(PagedSearch, SendsTheSameRequestForEveryPageButForTheCookie)
     EXPECT_THAT(std::get<std::vector<ldap::SearchEntry>>(outcome), SizeIs(6));
 }
 
-TEST_F(PagedSearch, SendsAnEmptyFilterAndNoAttributesAsThePresenceOfAClassAndAllAttributes)
+TEST_F(PagedSearch, SendsObjectClassPresenceAndAllAttributesByDefault)
 {
     server.expectSearch().filter("(objectclass=*)").attributes({}).answer(done());
 
@@ -104,7 +104,7 @@ void PrintTo(const BrokenValue& broken, std::ostream* out) { *out << broken.name
 class MalformedPageControl : public ScriptedSessionTest, public ::testing::WithParamInterface<BrokenValue>
 {};
 
-TEST_P(MalformedPageControl, EndsAFullPageWithAnErrorAndWithoutEntries)
+TEST_P(MalformedPageControl, FailsAFullPageWithoutEntries)
 {
     server.expectSearch().answer(entries(1, 2), done().control({kPagedResultsOid, false, GetParam().value}));
 
@@ -114,7 +114,7 @@ TEST_P(MalformedPageControl, EndsAFullPageWithAnErrorAndWithoutEntries)
     EXPECT_THAT(calls.at(0).entries, IsEmpty());
 }
 
-TEST_P(MalformedPageControl, DoesNotMatterAfterAShortPage)
+TEST_P(MalformedPageControl, IsIgnoredAfterAShortPage)
 {
     server.expectSearch().answer(entries(1, 1), done().control({kPagedResultsOid, false, GetParam().value}));
 
@@ -143,7 +143,7 @@ Steps doneWithBrokenControls()
     }}};
 }
 
-TEST_F(PagedSearch, EndsAFullPageWithAnErrorAndWithoutEntriesWhenItsControlsMakeNoSense)
+TEST_F(PagedSearch, FailsAFullPageWithMalformedControlsWithoutEntries)
 {
     server.expectSearch().answer(entries(1, 2), doneWithBrokenControls());
 
@@ -153,7 +153,7 @@ TEST_F(PagedSearch, EndsAFullPageWithAnErrorAndWithoutEntriesWhenItsControlsMake
     EXPECT_THAT(calls.at(0).entries, IsEmpty());
 }
 
-TEST_F(PagedSearch, DeliversAShortPageWhoseControlsMakeNoSense)
+TEST_F(PagedSearch, DeliversAShortPageWithMalformedControls)
 {
     server.expectSearch().answer(entries(1, 1), doneWithBrokenControls());
 
@@ -223,7 +223,7 @@ TEST_F(PagedSearch, EndsAtAShortPageEvenWithALiveCookieAndWarns)
                     "were received. Ask for pages no larger than the server's limit, or raise that limit."));
 }
 
-TEST_F(PagedSearch, ThinsTheWarningOfManySearchesThatAreCutShortOut)
+TEST_F(PagedSearch, RateLimitsTheWarningAboutSearchesCutShort)
 {
     const LogCapture log;
     server.otherwise([](const Request&) -> Steps { return {entries(1, 1), done().page("there is more")}; });
@@ -253,7 +253,7 @@ TEST_F(PagedSearch, EndsAtAFullPageWithoutPageControlAndWarns)
     EXPECT_THAT(log.texts(log::Level::warning), ElementsAre(HasSubstr("Entries may be missing")));
 }
 
-TEST_F(PagedSearch, DeliversAllThatAServerSendsThatIgnoresThePageSize)
+TEST_F(PagedSearch, DeliversEverythingFromAServerThatIgnoresThePageSize)
 {
     const LogCapture log;
     server.expectSearch().paged(2, "").answer(entries(1, 7), done().page("more"));
@@ -368,7 +368,7 @@ TEST_F(PagedSearch, CallsNobodyOnceItIsForgotten)
     EXPECT_EQ(calls.count(), 0U);
 }
 
-TEST_F(PagedSearch, LeavesAnUnreadableEntryOutWhichMayMakeThePageShort)
+TEST_F(PagedSearch, OmitsAnUnreadableEntryWhichMayMakeThePageShort)
 {
     const auto unreadable = rawOperation(Answer::searchEntry, "no BER");
     server.expectSearch().answer(entries(1, 1), unreadable, entries(2, 1), done().page("there is more"));
@@ -410,7 +410,7 @@ TEST_F(PagedSearch, HandsOverNoEntriesWithAnError)
     EXPECT_THAT(calls.at(1).entries, IsEmpty());
 }
 
-TEST_F(PagedSearch, DoesNotCareHowAnAnswerIsCutIntoPackets)
+TEST_F(PagedSearch, AcceptsAnswersHoweverTheyAreSplitIntoPackets)
 {
     const Gate goOn;
     const Steps page{entries(1, 2), done().page("more")};
@@ -432,7 +432,7 @@ TEST_F(PagedSearch, DoesNotCareHowAnAnswerIsCutIntoPackets)
     EXPECT_THAT(dnsOf(all.at(2).entries), ElementsAre("cn=1", "cn=2"));
 }
 
-TEST_F(PagedSearch, SeesEveryResultCodeThroughTheSameTable)
+TEST_F(PagedSearch, TranslatesEveryResultCodeByTheSameTable)
 {
     std::vector<int> codes{124, 128, 255, 256, 4096, 16654, 65535, 2147483647};
     for (int code = 0; code <= 123; ++code)
@@ -448,7 +448,7 @@ TEST_F(PagedSearch, SeesEveryResultCodeThroughTheSameTable)
     }
 }
 
-TEST_F(PagedSearch, TellsTheCodesApartThatACallerActsOn)
+TEST_F(PagedSearch, DistinguishesTheCodesThatACallerActsOn)
 {
     const std::vector<std::pair<int, Result>> expected{{4, Result::sizeLimitExceeded},
         {32, Result::noSuchObject}, {49, Result::invalidCredentials}, {3, Result::connectError},

@@ -59,7 +59,7 @@ TEST_F(ResultReading, KeepsAValueBeyondItsNulByte)
     EXPECT_THAT(valuesOf(read().at(0).attributes.at(0)), ElementsAre(Bytes("a\0b", 3), Bytes("\0", 1), ""));
 }
 
-TEST_F(ResultReading, ReplacesWhatIsNoUtf8)
+TEST_F(ResultReading, ReplacesInvalidUtf8)
 {
     server.expectSearch().answer(entry("cn=a").attr("data", {"a\xff"
                                                              "b",
@@ -96,7 +96,7 @@ TEST_F(ResultReading, GivesAllAttributesInTheServersOrderAndSpelling)
     EXPECT_THAT(namesOf(read().at(0)), ElementsAre("sN", "cn", "MAIL;x-a"));
 }
 
-TEST_F(ResultReading, GivesTheAttributesAskedForInTheCallersOrderAndSpellingAlsoWhenTheyLack)
+TEST_F(ResultReading, GivesRequestedAttributesInTheCallersOrderAndSpelling)
 {
     server.expectSearch()
         .attributes({"Mail", "none", "CN"})
@@ -121,7 +121,7 @@ TEST_F(ResultReading, KeepsAnAttributeWithoutValues)
     EXPECT_THAT(valuesOf(found.attributes.at(1)), ElementsAre("a"));
 }
 
-TEST_F(ResultReading, GivesAnAttributeThatComesTwiceTwiceWithTheValuesOfTheFirst)
+TEST_F(ResultReading, GivesARepeatedAttributeTwiceWithTheFirstOnesValues)
 {
     server.expectSearch().answer(entry("cn=a").attr("cn", "1").attr("cn", {"2", "3"}), done());
 
@@ -150,7 +150,7 @@ TEST_F(ResultReading, LeavesOutAnEntryWhoseDnCannotBeReadAndSaysSo)
         log.texts(log::Level::debug), Contains(HasSubstr("Search entry handling error: ldap_get_dn")));
 }
 
-TEST_F(ResultReading, KeepsWhatItCouldReadOfAnEntryThatBreaksOff)
+TEST_F(ResultReading, KeepsTheReadablePartOfATruncatedEntry)
 {
     const Bytes readable = tlv(0x30, tlv(0x04, "cn") + tlv(0x31, tlv(0x04, "a")));
     const Bytes broken = "\x30\x7f";

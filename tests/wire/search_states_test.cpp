@@ -67,7 +67,7 @@ protected:
         std::make_unique<Session>(utils::Url(QString::fromStdString(server.url())), false, false);
 };
 
-TEST_F(SearchStates, DoNotHoldUpOtherSessionsWhenAFinalCallDestroysOneThatAnExceptionHasEnded)
+TEST_F(SearchStates, DoNotDelayOtherSessionsAfterAnExceptionAndADestroyedSession)
 {
     server.expectSearch().answer(entries(1, 2), done().page("one"));
     server.expectSearch().answer(done());
@@ -114,7 +114,7 @@ TEST_F(SearchStates, MayBeStartedByAHandlerWhileTheTimeLimitIsSet)
     EXPECT_THAT(resultsOf(calls.waitForEnd()), ElementsAre(Result::ok));
 }
 
-TEST_F(SearchStates, AreRefusedInAFinalCallThatComesFromTheEndOfTheSession)
+TEST_F(SearchStates, AreRefusedInAFinalCallMadeByTheEndOfTheSession)
 {
     const Gate never;
     server.otherwise([=](const Request&) -> Steps { return {waitFor(never), done()}; });
@@ -142,7 +142,7 @@ TEST_F(SearchStates, AreRefusedInAFinalCallThatComesFromTheEndOfTheSession)
     never.open();
 }
 
-TEST_F(SearchStates, AreCancelledAtOnceWhenAllOfThemIsWaitedForInAFinalCallThatComesFromTheEndOfTheSession)
+TEST_F(SearchStates, AreCancelledWhenBlockingInAFinalCallMadeByTheSessionsEnd)
 {
     const Gate never;
     server.otherwise([=](const Request&) -> Steps { return {waitFor(never), done()}; });
@@ -161,7 +161,7 @@ TEST_F(SearchStates, AreCancelledAtOnceWhenAllOfThemIsWaitedForInAFinalCallThatC
     never.open();
 }
 
-TEST_F(SearchStates, CannotBeWaitedForByAHandlerInAnIntermediateCall)
+TEST_F(SearchStates, CannotBlockAHandlerInAnIntermediateCall)
 {
     server.expectSearch().answer(entries(1, 2), done().page("more"));
     server.expectSearch().answer(done());
@@ -207,7 +207,7 @@ TEST_F(SearchStates, MayForgetThemselvesInAHandlerThatOwnsTheSession)
     EXPECT_TRUE(observed.expired());
 }
 
-TEST_F(SearchStates, AreEndedWithAWarningByWhatIsNoException)
+TEST_F(SearchStates, EndWithAWarningWhenAHandlerThrowsANonException)
 {
     const LogCapture log;
     server.expectSearch().answer(entries(1, 2), done().page("more"));
@@ -279,7 +279,7 @@ TEST_F(SearchStates, AreAllCancelledByTheThreadThatDestroysTheSession)
     EXPECT_EQ(calls.count(), 2U);
 }
 
-TEST_F(SearchStates, EndTheWaitForAllPagesWhenAnotherThreadDestroysTheSession)
+TEST_F(SearchStates, EndABlockingSearchWhenAnotherThreadDestroysTheSession)
 {
     const Gate never;
     server.expectSearch().answer(entries(1, 2), done().page("more"));
@@ -305,7 +305,7 @@ SearchContext* lastContext(const LogCapture& log)
     return reinterpret_cast<SearchContext*>(std::stoull(tag.substr(address), nullptr, 16));
 }
 
-TEST_F(SearchStates, BreakThePromiseOfTheWaitForAllPagesWhenTheyAreForgotten)
+TEST_F(SearchStates, BreakThePromiseOfABlockingSearchThatIsForgotten)
 {
     const LogCapture log;
     const ThreadsEndHere beforeTheLog;
@@ -486,7 +486,7 @@ TEST_F(SearchStates, OutliveTheirSessionUncalledWhenTheyAreForgotten)
     EXPECT_EQ(calls.count(), 0U);
 }
 
-TEST_F(SearchStates, AreNoMoreToBeForgottenOnceTheyAreOver)
+TEST_F(SearchStates, CannotBeForgottenOnceTheyAreOver)
 {
     server.expectSearch().answer(entries(1, 1), done());
     HandlerCalls calls;

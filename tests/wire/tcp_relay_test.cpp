@@ -165,7 +165,7 @@ TEST_F(RelayedServer, StillGetsRequestsWhenOnlyItsOwnDirectionIsCut)
     server.waitForRequests(2);
 }
 
-TEST_F(RelayedServer, IsResetWhenItIsNotThere)
+TEST_F(RelayedServer, ResetsTheClientWhenItCannotBeReached)
 {
     server.stopListening();
     const TcpClient client(relay.port());
@@ -174,7 +174,7 @@ TEST_F(RelayedServer, IsResetWhenItIsNotThere)
     relay.waitUntilIdle();
 }
 
-TEST_F(RelayedServer, HasOnlyTheConnectionHeldBackThatIsMeant)
+TEST_F(RelayedServer, HasOnlyTheChosenConnectionHeldBack)
 {
     answers(raw("x"));
     const Gate goOn;
@@ -191,7 +191,7 @@ TEST_F(RelayedServer, HasOnlyTheConnectionHeldBackThatIsMeant)
     EXPECT_EQ(held.receive(), "x");
 }
 
-TEST_F(RelayedServer, IsLeftAloneAgain)
+TEST_F(RelayedServer, IsUndisturbedOnceEverythingPassesAgain)
 {
     answers(raw("x"));
     relay.cut(Direction::toClient, TcpRelay::bytes(0), Ending::close);

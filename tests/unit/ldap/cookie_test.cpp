@@ -45,14 +45,14 @@ protected:
     LDAP* m_ld = nullptr;
 };
 
-TEST_F(CookieTest, isEmptyAtFirst)
+TEST_F(CookieTest, IsEmptyAtFirst)
 {
     const Cookie cookie(m_ld);
     EXPECT_TRUE(cookie.isEmpty());
     EXPECT_EQ(cookie.size(), 0);
 }
 
-TEST_F(CookieTest, takesTheServersCookieWithItsNulBytes)
+TEST_F(CookieTest, TakesTheServersCookieWithItsNulBytes)
 {
     Cookie cookie(m_ld);
     cookie.update(controlsOf({{LDAP_CONTROL_PAGEDRESULTS, pageValue(std::string("a\0b", 3))}}));
@@ -66,7 +66,7 @@ TEST_F(CookieTest, takesTheServersCookieWithItsNulBytes)
                           5)));
 }
 
-TEST_F(CookieTest, takesTheFirstOfSeveralPageControls)
+TEST_F(CookieTest, TakesTheFirstOfSeveralPageControls)
 {
     Cookie cookie(m_ld);
     cookie.update(controlsOf({{"1.2.3", "x"}, {LDAP_CONTROL_PAGEDRESULTS, pageValue("first")},
@@ -74,7 +74,7 @@ TEST_F(CookieTest, takesTheFirstOfSeveralPageControls)
     EXPECT_EQ(cookie.size(), 5);
 }
 
-TEST_F(CookieTest, becomesEmptyWithTheServersEmptyCookie)
+TEST_F(CookieTest, BecomesEmptyWithTheServersEmptyCookie)
 {
     Cookie cookie(m_ld);
     cookie.update(controlsOf({{LDAP_CONTROL_PAGEDRESULTS, pageValue("x")}}));
@@ -83,7 +83,7 @@ TEST_F(CookieTest, becomesEmptyWithTheServersEmptyCookie)
     EXPECT_EQ(cookie.size(), 0);
 }
 
-TEST_F(CookieTest, becomesEmptyWithoutAPageControlAndSaysSo)
+TEST_F(CookieTest, BecomesEmptyWithoutAPageControlAndSaysSo)
 {
     Cookie cookie(m_ld);
     cookie.update(controlsOf({{LDAP_CONTROL_PAGEDRESULTS, pageValue("x")}}));
@@ -95,7 +95,7 @@ TEST_F(CookieTest, becomesEmptyWithoutAPageControlAndSaysSo)
         log.texts(log::Level::debug), ElementsAre("Page control not found", "Page control not found"));
 }
 
-TEST_F(CookieTest, becomesEmptyWithAPageControlThatMakesNoSense)
+TEST_F(CookieTest, BecomesEmptyWithAMalformedPageControl)
 {
     Cookie cookie(m_ld);
     cookie.update(controlsOf({{LDAP_CONTROL_PAGEDRESULTS, pageValue("x")}}));
@@ -110,7 +110,7 @@ TEST_F(CookieTest, becomesEmptyWithAPageControlThatMakesNoSense)
     EXPECT_TRUE(cookie.isEmpty());
 }
 
-TEST_F(CookieTest, marksEveryPageControlCritical)
+TEST_F(CookieTest, MarksEveryPageControlCritical)
 {
     Cookie cookie(m_ld);
     for (const int pageSize : {1, 1000, 2147483647}) {
@@ -120,7 +120,7 @@ TEST_F(CookieTest, marksEveryPageControlCritical)
     }
 }
 
-TEST_F(CookieTest, reportsAControlThatCannotBeBuilt)
+TEST_F(CookieTest, ReportsAControlThatCannotBeBuilt)
 {
     Cookie cookie(m_ld);
     try {

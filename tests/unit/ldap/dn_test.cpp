@@ -11,24 +11,24 @@ namespace {
 
 using test::operator""_s;
 
-TEST(DnFirstItemTest, givesTheValueOfTheFirstRelativeName)
+TEST(DnFirstItemTest, GivesTheValueOfTheFirstRelativeName)
 {
     EXPECT_EQ(dnFirstItem("cn=John Smith,ou=People,dc=corp"_s), "John Smith"_s);
     EXPECT_EQ(dnFirstItem("dc=corp"_s), "corp"_s);
 }
 
-TEST(DnFirstItemTest, joinsSeveralValuesAsTheClientLibraryDoes)
+TEST(DnFirstItemTest, JoinsSeveralValuesAsTheClientLibraryDoes)
 {
     EXPECT_EQ(dnFirstItem("cn=John+uid=jd,dc=corp"_s), "John + jd"_s);
 }
 
-TEST(DnFirstItemTest, escapesWhatIsNotPlainAscii)
+TEST(DnFirstItemTest, EscapesWhatIsNotPlainAscii)
 {
     EXPECT_EQ(dnFirstItem("cn=Smith\\, John,dc=corp"_s), "Smith\\2C John"_s);
     EXPECT_EQ(dnFirstItem("cn=Müller,dc=corp"_s), "M\\C3\\BCller"_s);
 }
 
-TEST(DnFirstItemTest, throwsCodeZeroForAnEmptyDn)
+TEST(DnFirstItemTest, ThrowsCodeZeroForAnEmptyDn)
 {
     try {
         dnFirstItem(QString());
@@ -39,7 +39,7 @@ TEST(DnFirstItemTest, throwsCodeZeroForAnEmptyDn)
     }
 }
 
-TEST(DnFirstItemTest, throwsTheParsersCodeForANonsenseDn)
+TEST(DnFirstItemTest, ThrowsTheParsersCodeForAMalformedDn)
 {
     for (const QString& dn : {"nonsense"_s, "cn=a,,dc=b"_s, "=a"_s}) {
         try {
@@ -52,7 +52,7 @@ TEST(DnFirstItemTest, throwsTheParsersCodeForANonsenseDn)
     }
 }
 
-TEST(IsLdapsUrlTest, looksAtTheScheme)
+TEST(IsLdapsUrlTest, LooksAtTheScheme)
 {
     EXPECT_TRUE(isLdapsUrl(utils::Url("ldaps://host"_s)));
     EXPECT_TRUE(isLdapsUrl(utils::Url("LDAPS://host:636"_s)));

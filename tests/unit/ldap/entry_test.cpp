@@ -9,13 +9,13 @@ namespace {
 
 using test::operator""_s;
 
-TEST(AttributeTest, isEmptyWithoutValuesWhateverItsName)
+TEST(AttributeTest, IsEmptyWithoutValuesWhateverItsName)
 {
     EXPECT_TRUE((Attribute{"mail"_s, {}}).empty());
     EXPECT_FALSE((Attribute{QString(), {QString()}}).empty());
 }
 
-TEST(AttributeTest, printsOneValueBareAndSeveralInBraces)
+TEST(AttributeTest, PrintsOneValueBareAndSeveralInBraces)
 {
     EXPECT_EQ((Attribute{"mail"_s, {}}).toString(), "mail: none"_s);
     EXPECT_EQ((Attribute{"mail"_s, {"x1"_s}}).toString(), "mail: x1"_s);
@@ -23,7 +23,7 @@ TEST(AttributeTest, printsOneValueBareAndSeveralInBraces)
     EXPECT_EQ((Attribute{"a%2"_s, {"%1"_s}}).toString(), "a%2: %1"_s);
 }
 
-TEST(SearchEntryTest, findsAnAttributeByItsExactName)
+TEST(SearchEntryTest, FindsAnAttributeByItsExactName)
 {
     const SearchEntry entry{"cn=a"_s, {{"cn"_s, {"a"_s, "b"_s}}, {"cn"_s, {"c"_s}}}};
     EXPECT_EQ(entry.getAttribute("cn"_s).values, (std::vector<QString>{"a"_s, "b"_s}));
@@ -35,14 +35,14 @@ TEST(SearchEntryTest, findsAnAttributeByItsExactName)
     }
 }
 
-TEST(SearchEntryTest, looksPastValuelessNamesakesOnlyForTheFirstValue)
+TEST(SearchEntryTest, LooksPastValuelessNamesakesOnlyForTheFirstValue)
 {
     const SearchEntry entry{"cn=b"_s, {{"cn"_s, {}}, {"cn"_s, {"b"_s}}}};
     EXPECT_EQ(entry.getAttributeFirstValue("cn"_s), "b"_s);
     EXPECT_TRUE(entry.getAttribute("cn"_s).empty());
 }
 
-TEST(SearchEntryTest, printsItsAttributesInBracesAlsoASingleOne)
+TEST(SearchEntryTest, PrintsItsAttributesInBracesAlsoASingleOne)
 {
     EXPECT_EQ((SearchEntry{"cn=a,dc=b"_s, {{"cn"_s, {"a"_s}}}}).toString(), "cn=a,dc=b: { cn: a }"_s);
     EXPECT_EQ((SearchEntry{"cn=a,dc=b"_s, {{"cn"_s, {"a"_s}}, {"m"_s, {"x"_s, "y"_s}}}}).toString(),

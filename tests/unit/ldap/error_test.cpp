@@ -29,7 +29,7 @@ std::string tagOf(const char* type, const void* object)
         .toStdString();
 }
 
-TEST(BaseErrorTest, composesItsMessageOfContextLdapTextAndSystemText)
+TEST(BaseErrorTest, ComposesItsMessageOfContextLdapTextAndSystemText)
 {
     const BaseError error(LDAP_SERVER_DOWN, "bind"_s, ENOTCONN);
     EXPECT_EQ(error.ldapCode, LDAP_SERVER_DOWN);
@@ -40,7 +40,7 @@ TEST(BaseErrorTest, composesItsMessageOfContextLdapTextAndSystemText)
     EXPECT_STREQ(error.what(), error.message().toUtf8().constData());
 }
 
-TEST(BaseErrorTest, leavesOutWhatIsNotThere)
+TEST(BaseErrorTest, LeavesOutWhatIsNotThere)
 {
     EXPECT_EQ(BaseError(LDAP_BUSY, QString(), 0).message(), "Server is busy"_s);
     EXPECT_EQ(BaseError(LDAP_BUSY, "init"_s, 0).message(), "init: Server is busy"_s);
@@ -48,12 +48,12 @@ TEST(BaseErrorTest, leavesOutWhatIsNotThere)
         std::string("Server is busy (") + std::strerror(EINTR) + ")");
 }
 
-TEST(BaseErrorTest, keepsPercentSignsOfItsContext)
+TEST(BaseErrorTest, KeepsPercentSignsOfItsContext)
 {
     EXPECT_EQ(BaseError(LDAP_BUSY, "100%1"_s, 0).message(), "100%1: Server is busy"_s);
 }
 
-TEST(BaseErrorTest, logsItsMessageOnceAtDebugLevelUnderItsOwnTag)
+TEST(BaseErrorTest, LogsItsMessageOnceAtDebugLevelUnderItsOwnTag)
 {
     const test::LogCapture log;
     const BaseError error(LDAP_BUSY, "startTls"_s, 0);
@@ -64,7 +64,7 @@ TEST(BaseErrorTest, logsItsMessageOnceAtDebugLevelUnderItsOwnTag)
     EXPECT_EQ(message.tag, tagOf("tavo::ldap::BaseError", &error));
 }
 
-TEST(BaseErrorTest, logsNothingWhenDebugIsNotAdmitted)
+TEST(BaseErrorTest, LogsNothingWhenDebugIsNotAdmitted)
 {
     const test::LogCapture log(log::Level::info);
     const BaseError error(LDAP_BUSY, QString(), 0);
@@ -72,7 +72,7 @@ TEST(BaseErrorTest, logsNothingWhenDebugIsNotAdmitted)
     EXPECT_THAT(log.messages(), IsEmpty());
 }
 
-TEST(BaseErrorTest, isCaughtAsTheSupportLibrarysException)
+TEST(BaseErrorTest, IsCaughtAsTheSupportLibrarysException)
 {
     try {
         throw BaseError(LDAP_BUSY, QString(), 0);
@@ -81,13 +81,13 @@ TEST(BaseErrorTest, isCaughtAsTheSupportLibrarysException)
     }
 }
 
-TEST(BaseErrorTest, givesTheClientLibrarysTextOfACode)
+TEST(BaseErrorTest, GivesTheClientLibrarysTextOfACode)
 {
     EXPECT_EQ(BaseError::ldapErrorString(LDAP_NO_SUCH_OBJECT), "No such object"_s);
     EXPECT_EQ(BaseError::ldapErrorString(LDAP_FILTER_ERROR), "Bad search filter"_s);
 }
 
-TEST(InvalidCredentialsErrorTest, namesTheUserAndKeepsTheCode)
+TEST(InvalidCredentialsErrorTest, NamesTheUserAndKeepsTheCode)
 {
     const test::LogCapture log;
     const InvalidCredentialsError error("cn=admin,dc=example,dc=com"_s);
@@ -101,7 +101,7 @@ TEST(InvalidCredentialsErrorTest, namesTheUserAndKeepsTheCode)
     EXPECT_THAT(log.texts(log::Level::debug), ElementsAre("Invalid credentials"));
 }
 
-TEST(TlsErrorTest, logsTheTextOfOpenSslAfterThatOfItsBase)
+TEST(TlsErrorTest, LogsTheTextOfOpenSslAfterThatOfItsBase)
 {
     const unsigned long sslError = ERR_PACK(ERR_LIB_SSL, 0, SSL_R_CERTIFICATE_VERIFY_FAILED);
     const test::LogCapture log;
@@ -116,7 +116,7 @@ TEST(TlsErrorTest, logsTheTextOfOpenSslAfterThatOfItsBase)
     EXPECT_EQ(log.messages().back().tag, tagOf("tavo::ldap::TlsError", &error));
 }
 
-TEST(TlsErrorTest, leavesItsTextInOpenSslsBufferWhateverTheLogLevel)
+TEST(TlsErrorTest, LeavesItsTextInOpenSslsBufferWhateverTheLogLevel)
 {
     const unsigned long sslError = ERR_PACK(ERR_LIB_SSL, 0, SSL_R_CERTIFICATE_VERIFY_FAILED);
     const char* const buffer = ERR_error_string(0, nullptr);
@@ -127,7 +127,7 @@ TEST(TlsErrorTest, leavesItsTextInOpenSslsBufferWhateverTheLogLevel)
     EXPECT_STREQ(buffer, text);
 }
 
-TEST(ErrorTest, creatingOneLeavesErrnoAlone)
+TEST(ErrorTest, CreatingOneLeavesErrnoAlone)
 {
     const test::LogCapture log;
     errno = EXDEV;
@@ -139,7 +139,7 @@ TEST(ErrorTest, creatingOneLeavesErrnoAlone)
     EXPECT_EQ(errno, EXDEV);
 }
 
-TEST(GetLdapErrorTest, readsTheCodeOfTheLastOperation)
+TEST(GetLdapErrorTest, ReadsTheCodeOfTheLastOperation)
 {
     LDAP* ld = nullptr;
     ASSERT_EQ(ldap_initialize(&ld, "ldap://127.0.0.1:1"), LDAP_SUCCESS);

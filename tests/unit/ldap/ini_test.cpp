@@ -28,14 +28,14 @@ protected:
     test::TemporaryDirectory m_directory;
 };
 
-TEST_F(IniTest, hasEverythingOffWithoutAFile)
+TEST_F(IniTest, HasEverythingOffWithoutAFile)
 {
     const Ini ini;
     EXPECT_FALSE(ini.logResponseReferences);
     EXPECT_EQ(ini.openldapDebugLevel, 0);
 }
 
-TEST_F(IniTest, readsBothSwitches)
+TEST_F(IniTest, ReadsBothSwitches)
 {
     write("logResponseReferences = true\nopenldapDebugLevel = -1\n");
     const Ini ini;
@@ -43,7 +43,7 @@ TEST_F(IniTest, readsBothSwitches)
     EXPECT_EQ(ini.openldapDebugLevel, -1);
 }
 
-TEST_F(IniTest, describesItsTwoSwitches)
+TEST_F(IniTest, DescribesItsTwoSwitches)
 {
     const auto keys = Ini().descriptions();
     ASSERT_EQ(keys.size(), 2U);
@@ -53,7 +53,7 @@ TEST_F(IniTest, describesItsTwoSwitches)
     EXPECT_EQ(keys[1].text, "Enables debug output to stdout of openldap library"_s);
 }
 
-TEST_F(IniTest, isReadOncePerProcess)
+TEST_F(IniTest, IsReadOncePerProcess)
 {
     write("openldapDebugLevel = 0\n");
     Ini& first = ini();
@@ -62,7 +62,7 @@ TEST_F(IniTest, isReadOncePerProcess)
     EXPECT_EQ(ini().openldapDebugLevel, 0);
 }
 
-TEST(EnableOpenldapDebugOutputTest, setsTheClientLibrarysLevel)
+TEST(EnableOpenldapDebugOutputTest, SetsTheClientLibrarysLevel)
 {
     const auto level = [] {
         int value = -1;

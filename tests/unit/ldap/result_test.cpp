@@ -35,7 +35,7 @@ const KnownResult knownResults[] = {
     {Result::connectError, 100, "Cannot connect to LDAP server."},
 };
 
-TEST(ResultTest, hasAFixedNumberAndTextForEachOutcome)
+TEST(ResultTest, HasAFixedNumberAndTextForEachOutcome)
 {
     const test::AssertionCapture assertions;
     for (const KnownResult& known : knownResults) {
@@ -45,7 +45,7 @@ TEST(ResultTest, hasAFixedNumberAndTextForEachOutcome)
     EXPECT_THAT(assertions.failures(), IsEmpty());
 }
 
-TEST(ResultTest, reportsANumberThatIsNoResultAndNamesIt)
+TEST(ResultTest, ReportsANumberThatIsNoResultAndNamesIt)
 {
     for (const int number : {6, -1, 99, 101}) {
         const test::AssertionCapture assertions;
@@ -55,7 +55,7 @@ TEST(ResultTest, reportsANumberThatIsNoResultAndNamesIt)
     }
 }
 
-TEST(TranslateErrorCodeTest, condensesTheCodesThatHaveAnOutcomeOfTheirOwn)
+TEST(TranslateErrorCodeTest, CondensesTheCodesThatHaveAnOutcomeOfTheirOwn)
 {
     EXPECT_EQ(translateErrorCode(0), Result::ok);
     EXPECT_EQ(translateErrorCode(32), Result::noSuchObject);
@@ -66,7 +66,7 @@ TEST(TranslateErrorCodeTest, condensesTheCodesThatHaveAnOutcomeOfTheirOwn)
     EXPECT_EQ(translateErrorCode(-8), Result::cancelled);
 }
 
-TEST(TranslateErrorCodeTest, makesEveryOtherCodeAConnectError)
+TEST(TranslateErrorCodeTest, MakesEveryOtherCodeAConnectError)
 {
     const std::set<int> special{0, 32, -7, -14, 4, 49, -8};
     for (int code = -50; code <= 20000; ++code) {

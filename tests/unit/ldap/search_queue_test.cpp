@@ -23,7 +23,7 @@ protected:
     std::shared_ptr<SearchQueue> m_queue = std::make_shared<SearchQueue>();
 };
 
-TEST_F(SearchQueueTest, letsTheFirstGoAtOnceAndOn)
+TEST_F(SearchQueueTest, LetsTheFirstRunAtOnceAndContinue)
 {
     const auto first = take();
     for (int page = 0; page < 3; ++page) {
@@ -32,7 +32,7 @@ TEST_F(SearchQueueTest, letsTheFirstGoAtOnceAndOn)
     }
 }
 
-TEST_F(SearchQueueTest, letsTheNextGoWhenTheFirstGivesUp)
+TEST_F(SearchQueueTest, LetsTheNextRunWhenTheFirstGivesUp)
 {
     const auto first = take();
     const auto second = take();
@@ -48,7 +48,7 @@ TEST_F(SearchQueueTest, letsTheNextGoWhenTheFirstGivesUp)
     EXPECT_TRUE(secondWaits.get());
 }
 
-TEST_F(SearchQueueTest, lastsFromOnePageToTheNext)
+TEST_F(SearchQueueTest, LastsFromOnePageToTheNext)
 {
     const auto first = take();
     const auto second = take();
@@ -62,7 +62,7 @@ TEST_F(SearchQueueTest, lastsFromOnePageToTheNext)
     EXPECT_TRUE(waits.get());
 }
 
-TEST_F(SearchQueueTest, endsTheWaitOfOneThatIsGivenUp)
+TEST_F(SearchQueueTest, EndsTheWaitOfOneThatIsGivenUp)
 {
     const auto first = take();
     const auto second = take();
@@ -73,7 +73,7 @@ TEST_F(SearchQueueTest, endsTheWaitOfOneThatIsGivenUp)
     EXPECT_TRUE(first->beginPage());
 }
 
-TEST_F(SearchQueueTest, waitsForAPageOnItsWayOfOneThatGaveUp)
+TEST_F(SearchQueueTest, WaitsForAPageOnItsWayOfOneThatGaveUp)
 {
     const auto first = take();
     const auto second = take();
@@ -86,7 +86,7 @@ TEST_F(SearchQueueTest, waitsForAPageOnItsWayOfOneThatGaveUp)
     EXPECT_FALSE(first->beginPage());
 }
 
-TEST_F(SearchQueueTest, letsNobodyBeginWhileAPageIsOnItsWay)
+TEST_F(SearchQueueTest, LetsNobodyBeginWhileAPageIsOnItsWay)
 {
     const auto first = take();
     const auto second = take();
@@ -101,7 +101,7 @@ TEST_F(SearchQueueTest, letsNobodyBeginWhileAPageIsOnItsWay)
     EXPECT_TRUE(hasCome);
 }
 
-TEST_F(SearchQueueTest, letsOneThatGaveUpAskForOnePageAtATime)
+TEST_F(SearchQueueTest, LetsOneThatGaveUpAskForOnePageAtATime)
 {
     const auto first = take();
     EXPECT_TRUE(first->beginPage());
@@ -111,7 +111,7 @@ TEST_F(SearchQueueTest, letsOneThatGaveUpAskForOnePageAtATime)
     EXPECT_TRUE(first->beginPage());
 }
 
-TEST_F(SearchQueueTest, letsOneThatGaveUpGoOnWhileItDisturbsNobody)
+TEST_F(SearchQueueTest, LetsOneThatGaveUpGoOnWhileItDisturbsNobody)
 {
     const auto first = take();
     EXPECT_TRUE(first->beginPage());
@@ -123,7 +123,7 @@ TEST_F(SearchQueueTest, letsOneThatGaveUpGoOnWhileItDisturbsNobody)
     EXPECT_FALSE(first->beginPage());
 }
 
-TEST_F(SearchQueueTest, givesUpWhenItGoes)
+TEST_F(SearchQueueTest, GivesUpWhenDestroyed)
 {
     auto first = take();
     const auto second = take();
@@ -132,7 +132,7 @@ TEST_F(SearchQueueTest, givesUpWhenItGoes)
     EXPECT_TRUE(waits.get());
 }
 
-TEST_F(SearchQueueTest, letsAllGoWhenTheServerAllowsIt)
+TEST_F(SearchQueueTest, LetsAllRunWhenTheServerAllowsIt)
 {
     const auto first = take();
     const auto second = take();

@@ -8,7 +8,7 @@ namespace tavo::ldap::search_threads {
 
 namespace {
 
-TEST(SearchThreadsTest, areWaitedForInTheOrderInWhichTheyAnnouncedTheirEnd)
+TEST(SearchThreadsTest, AreWaitedForInTheOrderInWhichTheyAnnouncedTheirEnd)
 {
     EndingThreads threads;
     EXPECT_TRUE(threads.isDoneWith(threads.lastNumber(), nullptr));
@@ -29,7 +29,7 @@ TEST(SearchThreadsTest, areWaitedForInTheOrderInWhichTheyAnnouncedTheirEnd)
 }
 
 // Or a process in which there is always one that is ending would never be done.
-TEST(SearchThreadsTest, areNotWaitedForWhenTheyAnnounceTheirEndLater)
+TEST(SearchThreadsTest, AreNotWaitedForWhenTheyAnnounceTheirEndLater)
 {
     EndingThreads threads;
     const std::uint64_t nobody = threads.lastNumber();
@@ -39,7 +39,7 @@ TEST(SearchThreadsTest, areNotWaitedForWhenTheyAnnounceTheirEndLater)
     EXPECT_TRUE(threads.isDoneWith(nobody, nullptr));
 }
 
-TEST(SearchThreadsTest, doNotWaitForThemselves)
+TEST(SearchThreadsTest, DoNotWaitForThemselves)
 {
     EndingThreads threads;
     EndingThreads::Node self;
@@ -54,7 +54,7 @@ TEST(SearchThreadsTest, doNotWaitForThemselves)
     EXPECT_TRUE(threads.isDoneWith(threads.lastNumber(), &self));
 }
 
-TEST(SearchThreadsTest, leaveTheQueueOnlyIfTheyWereInIt)
+TEST(SearchThreadsTest, LeaveTheQueueOnlyIfTheyWereInIt)
 {
     EndingThreads threads;
     EndingThreads::Node inside;

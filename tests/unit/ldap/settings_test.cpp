@@ -27,7 +27,7 @@ Settings example()
     return settings;
 }
 
-TEST(SettingsTest, writesItsMembersInOrderAndLeavesAbsentOnesOut)
+TEST(SettingsTest, WritesItsMembersInOrderAndLeavesAbsentOnesOut)
 {
     EXPECT_EQ(example().toString(),
         R"({"uri":"ldaps://dc1.example:636","adminDn":"cn=admin","adminPassword":"s\"ecret",)"
@@ -35,7 +35,7 @@ TEST(SettingsTest, writesItsMembersInOrderAndLeavesAbsentOnesOut)
         R"("ignoreCertificateErrors":false,"searchPageSize":100})");
 }
 
-TEST(SettingsTest, writesEightMembersWithoutMappingAndElevenWithIt)
+TEST(SettingsTest, WritesEightMembersWithoutMappingAndElevenWithIt)
 {
     Settings settings = example();
     settings.memberAttribute.reset();
@@ -53,7 +53,7 @@ TEST(SettingsTest, writesEightMembersWithoutMappingAndElevenWithIt)
         HasSubstr(R"("loginAttribute":"uid","groupObjectClass":"group","memberAttribute":"member")"));
 }
 
-TEST(SettingsTest, tellsAnEmptyOptionalFromAnAbsentOne)
+TEST(SettingsTest, DistinguishesAnEmptyOptionalFromAnAbsentOne)
 {
     Settings settings = example();
     EXPECT_THAT(settings.toString(), Not(HasSubstr("loginAttribute")));
@@ -61,12 +61,12 @@ TEST(SettingsTest, tellsAnEmptyOptionalFromAnAbsentOne)
     EXPECT_THAT(settings.toString(), HasSubstr(R"("loginAttribute":"")"));
 }
 
-TEST(SettingsTest, showsThePasswordInClear)
+TEST(SettingsTest, ShowsThePasswordInClear)
 {
     EXPECT_THAT(example().toString(), HasSubstr(R"("adminPassword":"s\"ecret")"));
 }
 
-TEST(SettingsTest, carriesNumbersThatMakeNoSense)
+TEST(SettingsTest, KeepsOutOfRangeNumbers)
 {
     Settings settings = example();
     settings.searchTimeout = std::chrono::seconds(-1);
@@ -76,7 +76,7 @@ TEST(SettingsTest, carriesNumbersThatMakeNoSense)
     EXPECT_THAT(settings.toString(), HasSubstr(R"("searchPageSize":-7)"));
 }
 
-TEST(SettingsTest, isExactlyWhatTheSerializerWrites)
+TEST(SettingsTest, IsExactlyWhatTheSerializerWrites)
 {
     EXPECT_EQ(example().toString(), reflect::json::serialize(example()));
 }

@@ -55,7 +55,7 @@ int writeToNobody()
     return static_cast<int>(written);
 }
 
-TEST(SigpipeTest, survivesAWriteToAClosedConnection)
+TEST(SigpipeTest, SurvivesAWriteToAClosedConnection)
 {
     const auto [code, systemError] = callClient([] { return writeToNobody(); });
     EXPECT_EQ(code, -1);
@@ -64,7 +64,7 @@ TEST(SigpipeTest, survivesAWriteToAClosedConnection)
     EXPECT_FALSE(isBlocked());
 }
 
-TEST(SigpipeTest, survivesItAlsoWhenOtherSignalsComeInBetween)
+TEST(SigpipeTest, SurvivesItAlsoWhenOtherSignalsComeInBetween)
 {
     interruptions = 2;
     callClient([] { return writeToNobody(); });
@@ -72,7 +72,7 @@ TEST(SigpipeTest, survivesItAlsoWhenOtherSignalsComeInBetween)
     EXPECT_FALSE(isPending());
 }
 
-TEST(SigpipeTest, leavesAPendingSignalOfTheHostAlone)
+TEST(SigpipeTest, LeavesAPendingSignalOfTheHostAlone)
 {
     sigset_t sigpipe;
     sigemptyset(&sigpipe);
@@ -88,7 +88,7 @@ TEST(SigpipeTest, leavesAPendingSignalOfTheHostAlone)
     pthread_sigmask(SIG_UNBLOCK, &sigpipe, nullptr);
 }
 
-TEST(SigpipeTest, keepsErrnoOfTheCall)
+TEST(SigpipeTest, KeepsErrnoOfTheCall)
 {
     const auto [code, systemError] = callClient([] {
         errno = EXDEV;
@@ -99,7 +99,7 @@ TEST(SigpipeTest, keepsErrnoOfTheCall)
     EXPECT_EQ(errno, EXDEV);
 }
 
-TEST(SigpipeTest, takesNoEarlierErrorForTheCallsOwnAndLeavesItInErrno)
+TEST(SigpipeTest, TakesNoEarlierErrorForTheCallsOwnAndLeavesItInErrno)
 {
     errno = EXDEV;
     const auto [code, systemError] = callClient([] { return 7; });

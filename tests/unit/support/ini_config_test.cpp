@@ -189,7 +189,7 @@ TEST_F(IniConfigTest, RejectsIntegersThatDoNotFit)
     EXPECT_EQ(Ini().depth, std::numeric_limits<int>::min());
 }
 
-TEST_F(IniConfigTest, LetsTheLastValidValueCount)
+TEST_F(IniConfigTest, UsesTheLastValidValue)
 {
     write(own(), "depth = 1\ndepth = 2\ndepth = many\ntrace =\n");
     const LogCapture log;

@@ -127,7 +127,7 @@ TEST(Json, ReplacesInvalidUtf8)
     EXPECT_NE(text.find("\"standard\":\"\uFFFD\uFFFD\\u0000b\""), std::string::npos) << text;
 }
 
-TEST(Json, IsReadBackWhateverTheCodeUnit)
+TEST(Json, RoundTripsEveryCodeUnit)
 {
     for (char32_t code = 0; code <= 0xFFFF; ++code) {
         const QChar unit(static_cast<char16_t>(code));

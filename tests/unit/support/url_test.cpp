@@ -24,7 +24,7 @@ TEST(Url, SaysWhichPortToUseWhenNoneIsNamed)
     EXPECT_EQ(url("ldap://host:636").port(389), 636);
 }
 
-TEST(Url, IsEmptyWhenDefaultMade)
+TEST(Url, IsEmptyWhenDefaultConstructed)
 {
     const Url none;
     EXPECT_TRUE(none.isEmpty());
