@@ -59,7 +59,7 @@ int showVendor(const Options& options)
     // Detection counts a server that can't be asked as OpenLDAP; an administrator wants to see the error.
     readRootDse(*session, options.settings, {});
     const ldap::VendorDefaults defaults = session->detectLdapVendor();
-    const bool isActiveDirectory = defaults.loginAttribute == QLatin1String("sAMAccountName");
+    const bool isActiveDirectory = defaults.vendor == ldap::Vendor::activeDirectory;
     const VendorReport report{
         isActiveDirectory ? QStringLiteral("Active Directory") : QStringLiteral("OpenLDAP or compatible"),
         defaults.loginAttribute, defaults.groupObjectClass, QString::fromUtf8(defaults.memberAttribute),

@@ -1,5 +1,6 @@
 #include "steps.h"
 
+#include <ldap/open_session.h>
 #include <tavo_utils/formatter.h>
 
 #include <utility>
@@ -10,12 +11,7 @@ std::string quoted(const QString& text) { return utils::format(u"'%1'", text).to
 
 std::unique_ptr<ldap::Session> connect(const ldap::Settings& settings)
 {
-    return attempt("connect to " + settings.uri.toStdString(), [&] {
-        auto session = std::make_unique<ldap::Session>(
-            settings.uri, settings.startTls, settings.ignoreCertificateErrors);
-        session->setResponseTimeout(settings.responseTimeout);
-        return session;
-    });
+    return attempt("connect to " + settings.uri.toStdString(), [&] { return ldap::openSession(settings); });
 }
 
 std::vector<ldap::SearchEntry> readRootDse(
