@@ -133,6 +133,8 @@ cmd_lint() {
     step "by-design" lint_by_design || failures=1
     step "documents" lint_documents || failures=1
     step "includes" lint_includes || failures=1
+    step "test names" lint_test_names || failures=1
+    step "mutations" lint_mutations || failures=1
     build clang || failures=1
     build dev || return
     step "clang-tidy" lint_tidy || failures=1

@@ -2,7 +2,6 @@
 
 #include "invariant.h"
 #include "process_setup.h"
-
 #include <ldap/utils.h>
 
 #include <QByteArray>

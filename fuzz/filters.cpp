@@ -4,7 +4,6 @@
 #include "fuzzed_server.h"
 #include "invariant.h"
 #include "process_setup.h"
-
 #include <ldap/manager.h>
 
 #include <future>

@@ -4,6 +4,8 @@
 
 #include <openldap.h>
 
+#include <dlfcn.h>
+#include <sanitizer/lsan_interface.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -11,9 +13,6 @@
 #include <array>
 #include <stdexcept>
 #include <utility>
-
-#include <dlfcn.h>
-#include <sanitizer/lsan_interface.h>
 
 namespace {
 

@@ -2,7 +2,6 @@
 
 #include "invariant.h"
 #include "process_setup.h"
-
 #include <tavo_kit/ini_config.h>
 #include <tavo_utils/log.h>
 

@@ -3,7 +3,6 @@
 #include "invariant.h"
 #include "parsed_json.h"
 #include "process_setup.h"
-
 #include <ldap/settings.h>
 #include <ldap/user.h>
 #include <tavo_reflect/json.h>

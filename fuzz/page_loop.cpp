@@ -4,7 +4,6 @@
 #include "invariant.h"
 #include "parsed_json.h"
 #include "process_setup.h"
-
 #include <ldap/manager.h>
 #include <ldap/session.h>
 #include <ldap/tavo_ldap_ini.h>

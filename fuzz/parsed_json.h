@@ -1,8 +1,8 @@
 #pragma once
 
-#include <QString>
-
 #include <rapidjson/document.h>
+
+#include <QString>
 
 #include <string>
 

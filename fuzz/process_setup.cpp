@@ -1,7 +1,6 @@
 #include "process_setup.h"
 
 #include "invariant.h"
-
 #include <tavo_utils/assert.h>
 #include <tavo_utils/log.h>
 

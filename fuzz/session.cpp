@@ -3,7 +3,6 @@
 #include "fuzzed_server.h"
 #include "invariant.h"
 #include "process_setup.h"
-
 #include <ldap/session.h>
 
 #include <optional>

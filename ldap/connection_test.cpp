@@ -1,4 +1,4 @@
-#include <ldap/connection_test.h>
+#include "ldap/connection_test.h"
 
 #include <ldap/error.h>
 #include <ldap/open_session.h>

@@ -1,4 +1,4 @@
-#include <ldap/dn.h>
+#include "ldap/dn.h"
 
 #include <ldap/error.h>
 #include <tavo_utils/scope_guard.h>

@@ -1,4 +1,4 @@
-#include <ldap/entry.h>
+#include "ldap/entry.h"
 
 #include <tavo_utils/formatter.h>
 

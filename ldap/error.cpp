@@ -1,4 +1,4 @@
-#include <ldap/error.h>
+#include "ldap/error.h"
 
 #include <tavo_utils/formatter.h>
 #include <tavo_utils/log.h>

@@ -1,4 +1,4 @@
-#include <ldap/manager.h>
+#include "ldap/manager.h"
 
 #include <ldap/entry.h>
 #include <ldap/open_session.h>

@@ -1,4 +1,4 @@
-#include <ldap/result.h>
+#include "ldap/result.h"
 
 #include <ldap/private/positions.h>
 #include <tavo_utils/assert.h>

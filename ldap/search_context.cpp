@@ -1,4 +1,4 @@
-#include <ldap/search_context.h>
+#include "ldap/search_context.h"
 
 #include <ldap/error.h>
 #include <ldap/private/client_call.h>

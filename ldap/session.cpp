@@ -1,4 +1,4 @@
-#include <ldap/session.h>
+#include "ldap/session.h"
 
 #include <ldap/error.h>
 #include <ldap/private/client_call.h>
@@ -15,9 +15,9 @@
 #include <tavo_utils/log.h>
 #include <tavo_utils/scope_guard.h>
 
-#include <QByteArray>
-
 #include <ldap.h>
+
+#include <QByteArray>
 
 #include <future>
 #include <system_error>

@@ -1,4 +1,4 @@
-#include <ldap/settings.h>
+#include "ldap/settings.h"
 
 #include <tavo_reflect/json.h>
 

@@ -1,4 +1,4 @@
-#include <ldap/tavo_ldap_ini.h>
+#include "ldap/tavo_ldap_ini.h"
 
 namespace tavo::ldap {
 

@@ -1,4 +1,4 @@
-#include <ldap/user.h>
+#include "ldap/user.h"
 
 #include <tavo_reflect/json.h>
 

@@ -1,4 +1,4 @@
-#include <ldap/utils.h>
+#include "ldap/utils.h"
 
 #include <ldap/private/client_library.h>
 

@@ -1,4 +1,4 @@
-#include <ldap/private/client_library.h>
+#include "ldap/private/client_library.h"
 
 #include <ldap.h>
 

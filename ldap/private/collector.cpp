@@ -1,4 +1,4 @@
-#include <ldap/private/collector.h>
+#include "ldap/private/collector.h"
 
 #include <ldap/error.h>
 
@@ -25,8 +25,7 @@ void Collector::operator()(Result result, std::vector<SearchEntry> page)
 bool Collector::append(std::vector<SearchEntry> page)
 {
     try {
-        m_entries->insert(
-            m_entries->end(), std::move_iterator(page.begin()), std::move_iterator(page.end()));
+        m_entries->insert(m_entries->end(), std::move_iterator(page.begin()), std::move_iterator(page.end()));
         return true;
     } catch (const std::bad_alloc&) {
         return false;

@@ -1,12 +1,12 @@
-#include <ldap/private/credentials.h>
+#include "ldap/private/credentials.h"
 
 #include <ldap/error.h>
 #include <ldap/private/wipe.h>
 #include <tavo_utils/scope_guard.h>
 
-#include <QByteArray>
-
 #include <ldap.h>
+
+#include <QByteArray>
 
 #include <cerrno>
 #include <cstring>

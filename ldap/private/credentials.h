@@ -1,8 +1,8 @@
 #pragma once
 
-#include <QString>
-
 #include <lber.h>
+
+#include <QString>
 
 namespace tavo::ldap {
 

@@ -1,4 +1,4 @@
-#include <ldap/private/entry_accessor.h>
+#include "ldap/private/entry_accessor.h"
 
 #include <ldap/error.h>
 #include <ldap/private/handle.h>

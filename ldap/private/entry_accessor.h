@@ -2,10 +2,10 @@
 
 #include <ldap/entry.h>
 
+#include <ldap.h>
+
 #include <QByteArray>
 #include <QString>
-
-#include <ldap.h>
 
 #include <vector>
 

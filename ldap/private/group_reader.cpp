@@ -1,4 +1,4 @@
-#include <ldap/private/group_reader.h>
+#include "ldap/private/group_reader.h"
 
 #include <ldap/dn.h>
 

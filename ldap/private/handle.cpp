@@ -1,4 +1,4 @@
-#include <ldap/private/handle.h>
+#include "ldap/private/handle.h"
 
 #include <ldap/error.h>
 #include <ldap/private/client_call.h>

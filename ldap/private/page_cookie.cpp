@@ -1,4 +1,4 @@
-#include <ldap/private/page_cookie.h>
+#include "ldap/private/page_cookie.h"
 
 #include <ldap/error.h>
 #include <tavo_utils/log.h>

@@ -1,4 +1,4 @@
-#include <ldap/private/page_loop.h>
+#include "ldap/private/page_loop.h"
 
 #include <ldap/error.h>
 #include <ldap/private/handle.h>

@@ -1,4 +1,4 @@
-#include <ldap/private/search_queue.h>
+#include "ldap/private/search_queue.h"
 
 #include <utility>
 

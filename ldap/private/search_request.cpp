@@ -1,4 +1,4 @@
-#include <ldap/private/search_request.h>
+#include "ldap/private/search_request.h"
 
 #include <ldap/private/positions.h>
 #include <tavo_utils/assert.h>

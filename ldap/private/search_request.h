@@ -2,9 +2,9 @@
 
 #include <ldap/search_params.h>
 
-#include <QByteArray>
-
 #include <ldap.h>
+
+#include <QByteArray>
 
 #include <chrono>
 #include <vector>

@@ -1,4 +1,4 @@
-#include <ldap/private/search_response.h>
+#include "ldap/private/search_response.h"
 
 #include <ldap/error.h>
 #include <ldap/private/entry_accessor.h>

@@ -4,10 +4,10 @@
 #include <ldap/private/owners.h>
 #include <tavo_utils/log.h>
 
+#include <ldap.h>
+
 #include <QByteArray>
 #include <QString>
-
-#include <ldap.h>
 
 #include <vector>
 

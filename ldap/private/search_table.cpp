@@ -1,4 +1,4 @@
-#include <ldap/private/search_table.h>
+#include "ldap/private/search_table.h"
 
 #include <ldap/error.h>
 #include <ldap/private/destructor_call.h>

@@ -1,11 +1,11 @@
-#include <ldap/private/search_threads.h>
+#include "ldap/private/search_threads.h"
+
+#include <unistd.h>
 
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <utility>
-
-#include <unistd.h>
 
 namespace tavo::ldap::search_threads {
 

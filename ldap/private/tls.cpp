@@ -1,4 +1,4 @@
-#include <ldap/private/tls.h>
+#include "ldap/private/tls.h"
 
 #include <ldap/error.h>
 #include <tavo_utils/scope_guard.h>

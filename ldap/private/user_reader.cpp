@@ -1,4 +1,4 @@
-#include <ldap/private/user_reader.h>
+#include "ldap/private/user_reader.h"
 
 #include <utility>
 

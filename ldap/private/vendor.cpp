@@ -1,4 +1,4 @@
-#include <ldap/private/vendor.h>
+#include "ldap/private/vendor.h"
 
 #include <algorithm>
 

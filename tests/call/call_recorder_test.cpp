@@ -1,16 +1,16 @@
 #include "support/call_recorder.h"
 #include "support/scripted_server.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <ldap.h>
+#include <openssl/err.h>
+
 #include <array>
 #include <cerrno>
 #include <ctime>
 #include <future>
 #include <string>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <ldap.h>
-#include <openssl/err.h>
 
 namespace tavo::test {
 

@@ -2,9 +2,11 @@
 
 #include "support/call_recorder.h"
 #include "support/qt_printers.h"
-
 #include <ldap/session.h>
 #include <tavo_utils/mutex.h>
+
+#include <gtest/gtest.h>
+#include <ldap.h>
 
 #include <algorithm>
 #include <functional>
@@ -14,9 +16,6 @@
 #include <typeinfo>
 #include <utility>
 #include <vector>
-
-#include <gtest/gtest.h>
-#include <ldap.h>
 
 namespace tavo::test {
 

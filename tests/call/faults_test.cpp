@@ -1,19 +1,17 @@
 // Whole fetches of users and groups, over and over, with another call of the client library failing each
 // time.
 #include "call_test.h"
-
 #include "support/log_capture.h"
 #include "support/scripted_server.h"
 #include "support/threads_end_here.h"
-
 #include <ldap/manager.h>
 #include <ldap/tavo_ldap_ini.h>
+
+#include <gmock/gmock.h>
 
 #include <atomic>
 #include <cerrno>
 #include <iterator>
-
-#include <gmock/gmock.h>
 
 namespace tavo::test {
 

@@ -1,18 +1,15 @@
 #include "call_test.h"
-
 #include "support/no_threads.h"
-
 #include <ldap/manager.h>
 #include <ldap/tavo_ldap_ini.h>
-
 #include <tavo_utils/scope_guard.h>
+
+#include <gmock/gmock.h>
 
 #include <cerrno>
 #include <memory>
 #include <new>
 #include <system_error>
-
-#include <gmock/gmock.h>
 
 namespace tavo::test {
 

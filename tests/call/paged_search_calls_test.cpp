@@ -1,8 +1,9 @@
 #include "scarce_memory.h"
 #include "search_calls_test.h"
-
 #include "support/assertion_capture.h"
 #include "support/no_threads.h"
+
+#include <gmock/gmock.h>
 
 #include <atomic>
 #include <cerrno>
@@ -13,8 +14,6 @@
 #include <stdexcept>
 #include <system_error>
 #include <thread>
-
-#include <gmock/gmock.h>
 
 namespace tavo::test {
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "call_test.h"
-
 #include "support/log_capture.h"
 #include "support/scripted_server.h"
 #include "wire/scripted_session_test.h"

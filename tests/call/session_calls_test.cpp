@@ -1,12 +1,13 @@
 #include "call_test.h"
-
 #include "support/assertion_capture.h"
 #include "support/log_capture.h"
 #include "support/temporary_directory.h"
-
 #include <ldap/private/client_library.h>
 #include <ldap/private/handle.h>
 #include <tavo_utils/formatter.h>
+
+#include <gmock/gmock.h>
+#include <openssl/err.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -15,9 +16,6 @@
 #include <memory>
 #include <new>
 #include <type_traits>
-
-#include <gmock/gmock.h>
-#include <openssl/err.h>
 
 namespace tavo::test {
 

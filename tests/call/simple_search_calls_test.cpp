@@ -1,15 +1,13 @@
 #include "search_calls_test.h"
-
 #include "support/assertion_capture.h"
-
 #include <ldap/private/page_cookie.h>
 #include <ldap/private/search_response.h>
+
+#include <gmock/gmock.h>
 
 #include <cerrno>
 #include <new>
 #include <string_view>
-
-#include <gmock/gmock.h>
 
 namespace tavo::test {
 

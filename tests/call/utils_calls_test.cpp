@@ -1,10 +1,9 @@
 #include "call_test.h"
-
 #include <ldap/utils.h>
 
-#include <cerrno>
-
 #include <gmock/gmock.h>
+
+#include <cerrno>
 
 namespace tavo::test {
 

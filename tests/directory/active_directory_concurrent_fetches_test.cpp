@@ -1,6 +1,5 @@
 // Many fetches of one manager at once from a real Active Directory domain, a hundred pages of users each.
 #include "concurrent_fetches.h"
-
 #include "support/samba.h"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "directory_test.h"
-
 #include "support/samba.h"
 
 #include <string>

@@ -1,17 +1,16 @@
 // Users and groups of a real Active Directory domain.
 #include "active_directory_staff.h"
-
 #include "support/scripted_server.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
+#include <netdb.h>
+
 #include <atomic>
 #include <cstdlib>
 #include <iostream>
-
-#include <dlfcn.h>
-#include <netdb.h>
 
 namespace tavo::test {
 namespace {

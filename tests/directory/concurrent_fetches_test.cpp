@@ -1,6 +1,5 @@
 // Many fetches of one manager at once, of more than a few pages each.
 #include "concurrent_fetches.h"
-
 #include "support/sanitized.h"
 
 #include <gtest/gtest.h>

@@ -5,7 +5,6 @@
 #include "support/result_printer.h"
 #include "support/slapd.h"
 #include "support/threads_end_here.h"
-
 #include <ldap/manager.h>
 #include <ldap/session.h>
 

@@ -1,6 +1,5 @@
 // A directory of another make: 389 Directory Server, which speaks LDAP as OpenLDAP does.
 #include "directory_test.h"
-
 #include "support/ds389.h"
 
 #include <gmock/gmock.h>

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "directory_test.h"
-
 #include "support/tcp_relay.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,5 @@
 // The first moments of a process's use of the library; a program of its own, so that they are the first.
 #include "directory_test.h"
-
 #include "support/test_ca.h"
 
 #include <gmock/gmock.h>

@@ -1,6 +1,5 @@
 // Users and groups of a real server.
 #include "directory_test.h"
-
 #include "support/assertion_capture.h"
 #include "support/blocked_call.h"
 #include "support/sample_directory.h"

@@ -1,6 +1,5 @@
 // A small conversation with a real server, broken off at every byte that it consists of.
 #include "faulty_network.h"
-
 #include "support/blocked_call.h"
 #include "support/sanitized.h"
 #include "support/test_ca.h"

@@ -1,6 +1,5 @@
 // What the settings of an OpenLDAP server do to searches and fetches.
 #include "directory_test.h"
-
 #include "support/sanitized.h"
 #include "support/scripted_server.h"
 

@@ -1,11 +1,10 @@
 #include "support/sample_directory.h"
 #include "support/slapd.h"
 
-#include <memory>
-
 #include <gtest/gtest.h>
-
 #include <ldap.h>
+
+#include <memory>
 
 namespace tavo::test {
 namespace {

@@ -1,6 +1,5 @@
 // Blocking and paged searches on a real server.
 #include "directory_test.h"
-
 #include "support/assertion_capture.h"
 
 #include <gmock/gmock.h>

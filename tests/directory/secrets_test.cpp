@@ -1,16 +1,14 @@
 // Where a password must never be found.
 #include "directory_test.h"
-
 #include "support/sanitized.h"
 #include "support/test_ca.h"
-
 #include <ldap/tavo_ldap_ini.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <ldap.h>
 
 #include <fcntl.h>
-#include <ldap.h>
 #include <unistd.h>
 
 #include <cinttypes>

@@ -1,6 +1,5 @@
 // One connection to a real server: TLS, bind, who-am-I, and what is said when it goes wrong.
 #include "directory_test.h"
-
 #include "support/assertion_capture.h"
 #include "support/test_ca.h"
 

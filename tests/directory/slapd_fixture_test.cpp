@@ -2,12 +2,11 @@
 #include "support/slapd.h"
 #include "support/test_ca.h"
 
-#include <memory>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
 #include <ldap.h>
+
+#include <memory>
 
 namespace tavo::test {
 namespace {

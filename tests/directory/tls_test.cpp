@@ -1,14 +1,12 @@
 // What comes of a TLS connection to a server in every state of health, on the TLS library that the client
 // library stands on here: the table in docs/tls.md has a column for each.
 #include "directory_test.h"
-
 #include "support/scripted_server.h"
 #include "support/temporary_directory.h"
 #include "support/test_ca.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
 #include <ldap.h>
 #include <openssl/err.h>
 

@@ -1,6 +1,5 @@
 // The command-line tool and the example, run as programs against a real server.
 #include "directory_test.h"
-
 #include "support/child_process.h"
 #include "support/temporary_directory.h"
 

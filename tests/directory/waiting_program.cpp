@@ -3,6 +3,15 @@
 #include <ldap/manager.h>
 #include <ldap/session.h>
 
+#include <ldap.h>
+
+#include <dlfcn.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <exception>
 #include <functional>
@@ -15,14 +24,6 @@
 #include <utility>
 #include <variant>
 #include <vector>
-
-#include <dlfcn.h>
-#include <ldap.h>
-#include <netdb.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 namespace {
 

@@ -4,14 +4,16 @@
 // How long a call takes is never looked at. A call that nothing bounds is started before others that end by
 // themselves after a second, and is still waiting when they have ended.
 #include "directory_test.h"
-
 #include "support/black_hole.h"
 #include "support/child_process.h"
 #include "support/scripted_server.h"
 #include "support/temporary_directory.h"
 #include "support/threads_end_here.h"
-
 #include <ldap/session.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <ldap.h>
 
 #include <chrono>
 #include <future>
@@ -21,10 +23,6 @@
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <ldap.h>
 
 namespace tavo::test {
 

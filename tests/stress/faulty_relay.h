@@ -2,7 +2,6 @@
 
 #include "dice.h"
 #include "ledger.h"
-
 #include "support/gate.h"
 #include "support/tcp_relay.h"
 

@@ -1,14 +1,12 @@
 // stress [SECONDS [SEED]]: many threads use the library at random, over connections that stall and break,
 // while every promise about searches and resources is checked, then and at the end.
 #include "resources.h"
-#include "worker.h"
-
 #include "support/deadline.h"
 #include "support/sanitized.h"
 #include "support/sanitizer_defaults.h"
 #include "support/slapd.h"
 #include "support/threads_end_here.h"
-
+#include "worker.h"
 #include <tavo_utils/assert.h>
 #include <tavo_utils/log.h>
 

@@ -2,7 +2,6 @@
 
 #include "dice.h"
 #include "ledger.h"
-
 #include <ldap/result.h>
 
 #include <QString>

@@ -3,9 +3,7 @@
 #include "dice.h"
 #include "ledger.h"
 #include "search.h"
-
 #include "support/sanitized.h"
-
 #include <ldap/manager.h>
 #include <ldap/session.h>
 

@@ -1,4 +1,5 @@
 #include "support/assertion_capture.h"
+
 #include <utility>
 
 namespace tavo::test {

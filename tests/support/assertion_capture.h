@@ -1,9 +1,10 @@
 #pragma once
 
+#include <tavo_utils/assert.h>
+
 #include <mutex>
 #include <ostream>
 #include <string>
-#include <tavo_utils/assert.h>
 #include <vector>
 
 namespace tavo::test {

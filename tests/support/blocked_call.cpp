@@ -1,13 +1,13 @@
 #include "support/blocked_call.h"
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <fstream>
 #include <string>
 #include <thread>
 #include <utility>
-
-#include <sys/syscall.h>
-#include <unistd.h>
 
 namespace tavo::test {
 

@@ -1,9 +1,9 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <functional>
 #include <future>
-
-#include <sys/types.h>
 
 namespace tavo::test {
 

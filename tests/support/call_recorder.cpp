@@ -1,5 +1,10 @@
 #include "support/call_recorder.h"
 
+#include <gtest/gtest.h>
+#include <lber.h>
+#include <ldap.h>
+#include <openssl/err.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <condition_variable>
@@ -7,11 +12,6 @@
 #include <ctime>
 #include <set>
 #include <stdexcept>
-
-#include <gtest/gtest.h>
-#include <lber.h>
-#include <ldap.h>
-#include <openssl/err.h>
 
 #ifdef __SANITIZE_ADDRESS__
 #include <sanitizer/lsan_interface.h>

@@ -1,17 +1,17 @@
 #include "child_process.h"
 
-#include <cerrno>
-#include <csignal>
-#include <cstdlib>
-#include <string_view>
-#include <system_error>
-
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <string_view>
+#include <system_error>
 
 namespace tavo::test {
 namespace {

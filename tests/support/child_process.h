@@ -1,13 +1,13 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <filesystem>
 #include <map>
 #include <optional>
 #include <string>
 #include <vector>
-
-#include <sys/types.h>
 
 namespace tavo::test {
 

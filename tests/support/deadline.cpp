@@ -2,6 +2,12 @@
 
 #include "sanitized.h"
 
+#include <dlfcn.h>
+#include <execinfo.h>
+#include <semaphore.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -13,12 +19,6 @@
 #include <fstream>
 #include <memory>
 #include <vector>
-
-#include <dlfcn.h>
-#include <execinfo.h>
-#include <semaphore.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 namespace tavo::test {
 namespace {

@@ -1,13 +1,13 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
-
-#include <gtest/gtest.h>
 
 namespace tavo::test {
 

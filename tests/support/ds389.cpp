@@ -2,13 +2,13 @@
 
 #include "test_outcome.h"
 
+#include <pwd.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <map>
 #include <sstream>
 #include <stdexcept>
-
-#include <pwd.h>
-#include <unistd.h>
 
 namespace tavo::test {
 namespace {

@@ -1,15 +1,15 @@
 #include "support/event_loop.h"
 
-#include <array>
-#include <cerrno>
-#include <system_error>
-
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <system_error>
 
 namespace tavo::test {
 

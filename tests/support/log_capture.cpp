@@ -1,4 +1,5 @@
 #include "support/log_capture.h"
+
 #include <algorithm>
 
 namespace tavo::test {

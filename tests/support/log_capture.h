@@ -1,11 +1,12 @@
 #pragma once
 
+#include <tavo_utils/log.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <string>
 #include <string_view>
-#include <tavo_utils/log.h>
 #include <thread>
 #include <vector>
 

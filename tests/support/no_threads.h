@@ -1,9 +1,10 @@
 #pragma once
 
-#include <cstddef>
+#include <gtest/gtest.h>
+
 #include <pthread.h>
 
-#include <gtest/gtest.h>
+#include <cstddef>
 
 namespace tavo::test {
 

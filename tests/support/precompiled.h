@@ -1,11 +1,11 @@
 #pragma once
 
 // What nearly every test includes, compiled once for all of them. Each file still names what it uses.
-#include <QtCore/QByteArray>
-#include <QtCore/QString>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <QtCore/QByteArray>
+#include <QtCore/QString>
 
 #include <algorithm>
 #include <atomic>

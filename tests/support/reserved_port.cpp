@@ -1,12 +1,12 @@
 #include "reserved_port.h"
 
-#include <cerrno>
-#include <system_error>
-
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
 
 namespace tavo::test {
 namespace {

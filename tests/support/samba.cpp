@@ -2,19 +2,19 @@
 
 #include "test_outcome.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-#include <functional>
-#include <stdexcept>
-#include <vector>
-
 #include <fcntl.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <stdexcept>
+#include <vector>
 
 namespace tavo::test {
 namespace {

@@ -1,12 +1,12 @@
 #include "sample_directory.h"
 
+#include <openssl/evp.h>
+
 #include <algorithm>
 #include <array>
 #include <cctype>
 #include <string_view>
 #include <vector>
-
-#include <openssl/evp.h>
 
 namespace tavo::test {
 namespace {

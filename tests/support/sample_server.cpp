@@ -4,14 +4,14 @@
 #include "sample_directory.h"
 #include "slapd.h"
 
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
 #include <array>
 #include <csignal>
 #include <exception>
 #include <iostream>
-
-#include <poll.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
 
 namespace {
 

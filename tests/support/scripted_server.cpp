@@ -2,6 +2,11 @@
 
 #include "support/event_loop.h"
 
+#include <gtest/gtest.h>
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -12,10 +17,6 @@
 #include <mutex>
 #include <set>
 #include <stdexcept>
-
-#include <gtest/gtest.h>
-#include <sys/epoll.h>
-#include <sys/socket.h>
 
 namespace tavo::test {
 

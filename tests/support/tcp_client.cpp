@@ -2,14 +2,14 @@
 
 #include "support/gate.h"
 
-#include <algorithm>
-#include <array>
-#include <cerrno>
-
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
 
 namespace tavo::test {
 

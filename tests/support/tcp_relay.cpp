@@ -3,6 +3,13 @@
 #include "support/event_loop.h"
 #include "support/ldap_messages.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -14,13 +21,6 @@
 #include <utility>
 #include <variant>
 #include <vector>
-
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/epoll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 
 namespace tavo::test {
 

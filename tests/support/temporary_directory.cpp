@@ -1,13 +1,13 @@
 #include "temporary_directory.h"
 
+#include <stdlib.h>
+
 #include <cerrno>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
 #include <string>
 #include <system_error>
-
-#include <stdlib.h>
 
 namespace tavo::test {
 

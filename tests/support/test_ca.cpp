@@ -1,13 +1,13 @@
 #include "test_ca.h"
 
-#include <cstdio>
-#include <stdexcept>
-
 #include <openssl/ec.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
+
+#include <cstdio>
+#include <stdexcept>
 
 namespace tavo::test {
 namespace {

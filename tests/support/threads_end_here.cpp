@@ -2,12 +2,12 @@
 
 #include "support/gate.h"
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <filesystem>
 #include <iterator>
 #include <thread>
-
-#include <gtest/gtest.h>
 
 namespace tavo::test {
 

@@ -4,14 +4,14 @@
 #include "support/reserved_port.h"
 #include "support/temporary_directory.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <condition_variable>
 #include <csignal>
 #include <mutex>
 #include <string>
 #include <thread>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 namespace tavo::test {
 namespace {

@@ -4,11 +4,11 @@
 #include "support/sanitized.h"
 #include "support/scripted_server.h"
 #include "support/threads_end_here.h"
-
 #include <ldap/manager.h>
 #include <ldap/session.h>
-
 #include <tavo_utils/log.h>
+
+#include <gmock/gmock.h>
 
 #include <link.h>
 
@@ -25,8 +25,6 @@
 #include <string_view>
 #include <thread>
 #include <variant>
-
-#include <gmock/gmock.h>
 
 namespace {
 

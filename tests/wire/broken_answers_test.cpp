@@ -1,10 +1,10 @@
 #include "scripted_session_test.h"
 
-#include <string>
-#include <vector>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
 
 namespace tavo::test {
 

@@ -1,9 +1,9 @@
 #include "support/child_process.h"
 #include "support/scripted_server.h"
 
-#include <csignal>
-
 #include <gtest/gtest.h>
+
+#include <csignal>
 
 namespace tavo::test {
 

@@ -1,10 +1,11 @@
 // forking_program URL: searches there, and forks a child that ends at once; ends with 0 when the child has.
 #include <ldap/session.h>
 
-#include <cstdlib>
-#include <iterator>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <cstdlib>
+#include <iterator>
 #include <variant>
 
 namespace {

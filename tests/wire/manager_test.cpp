@@ -1,20 +1,18 @@
 #include "scripted_session_test.h"
-
 #include "support/assertion_capture.h"
 #include "support/log_capture.h"
 #include "support/no_threads.h"
 #include "support/qt_printers.h"
 #include "support/threads_end_here.h"
-
 #include <ldap/manager.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include <functional>
 #include <memory>
 #include <regex>
 #include <system_error>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 namespace tavo::test {
 

@@ -1,15 +1,14 @@
 #include "scripted_session_test.h"
-
 #include "support/log_capture.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 namespace tavo::test {
 

@@ -1,16 +1,13 @@
 #include "scripted_session_test.h"
-
 #include "support/log_capture.h"
-
 #include <ldap/tavo_ldap_ini.h>
-
 #include <tavo_utils/scope_guard.h>
-
-#include <string>
-#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
 
 namespace tavo::test {
 

@@ -1,15 +1,15 @@
 #include "support/scripted_server.h"
 #include "support/tcp_client.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <ldap.h>
+
 #include <array>
 #include <future>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <ldap.h>
 
 namespace tavo::test {
 

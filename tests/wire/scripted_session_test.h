@@ -2,10 +2,10 @@
 
 #include "support/result_printer.h"
 #include "support/scripted_server.h"
-
 #include <ldap/session.h>
-
 #include <tavo_utils/log.h>
+
+#include <gtest/gtest.h>
 
 #include <condition_variable>
 #include <memory>
@@ -15,8 +15,6 @@
 #include <utility>
 #include <variant>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 namespace tavo::test {
 

@@ -1,7 +1,10 @@
 #include "scripted_session_test.h"
-
 #include "support/log_capture.h"
 #include "support/threads_end_here.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <ldap.h>
 
 #include <algorithm>
 #include <atomic>
@@ -13,10 +16,6 @@
 #include <system_error>
 #include <thread>
 #include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <ldap.h>
 
 namespace tavo::test {
 

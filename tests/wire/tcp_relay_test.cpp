@@ -1,18 +1,18 @@
-#include "support/tcp_relay.h"
-
 #include "support/scripted_server.h"
 #include "support/tcp_client.h"
+#include "support/tcp_relay.h"
 #include "support/temporary_directory.h"
-
-#include <memory>
-#include <string>
-#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <ldap.h>
+
 #include <sys/socket.h>
 #include <sys/un.h>
+
+#include <memory>
+#include <string>
+#include <vector>
 
 namespace tavo::test {
 

@@ -1,5 +1,4 @@
 #include "scripted_session_test.h"
-
 #include "support/log_capture.h"
 #include "support/qt_printers.h"
 

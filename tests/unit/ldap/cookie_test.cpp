@@ -1,6 +1,5 @@
 #include "support/log_capture.h"
 #include "support/qt_printers.h"
-
 #include <ldap/error.h>
 #include <ldap/private/page_cookie.h>
 

@@ -1,5 +1,4 @@
 #include "support/qt_printers.h"
-
 #include <ldap/utils.h>
 
 #include <gtest/gtest.h>

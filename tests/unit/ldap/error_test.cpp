@@ -1,14 +1,12 @@
 #include "support/assertion_capture.h"
 #include "support/log_capture.h"
 #include "support/qt_printers.h"
-
 #include <ldap/private/handle.h>
 #include <ldap/utils.h>
 #include <tavo_utils/formatter.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 

@@ -1,9 +1,7 @@
 #include "support/qt_printers.h"
-
 #include <ldap/search_params.h>
 
 #include <gtest/gtest.h>
-
 #include <ldap.h>
 
 namespace tavo::ldap {

@@ -1,12 +1,10 @@
 #include "support/assertion_capture.h"
 #include "support/qt_printers.h"
 #include "support/temporary_directory.h"
-
 #include <ldap/tavo_ldap_ini.h>
 #include <ldap/utils.h>
 
 #include <gtest/gtest.h>
-
 #include <ldap.h>
 
 #include <cstdlib>

@@ -1,5 +1,4 @@
 #include "support/assertion_capture.h"
-
 #include <ldap/result.h>
 
 #include <gmock/gmock.h>

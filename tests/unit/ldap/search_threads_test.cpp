@@ -1,8 +1,8 @@
 #include <ldap/private/search_threads.h>
 
-#include <cstdint>
-
 #include <gtest/gtest.h>
+
+#include <cstdint>
 
 namespace tavo::ldap::search_threads {
 

@@ -1,5 +1,4 @@
 #include "support/qt_printers.h"
-
 #include <ldap/settings.h>
 #include <tavo_reflect/json.h>
 

@@ -1,9 +1,7 @@
 #include "support/qt_printers.h"
-
 #include <ldap/user.h>
 
 #include <gtest/gtest.h>
-
 #include <ldap.h>
 
 namespace tavo::ldap {

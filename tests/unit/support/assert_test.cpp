@@ -1,13 +1,15 @@
 #include "support/assertion_capture.h"
 #include "support/log_capture.h"
+#include <tavo_utils/assert.h>
+
+#include <gmock/gmock.h>
+
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <gmock/gmock.h>
 #include <memory>
 #include <stdexcept>
-#include <tavo_utils/assert.h>
 #include <thread>
 
 namespace tavo {

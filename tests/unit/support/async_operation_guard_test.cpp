@@ -1,9 +1,11 @@
+#include <tavo_utils/async_operation_guard.h>
+
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <future>
-#include <gtest/gtest.h>
 #include <latch>
 #include <optional>
-#include <tavo_utils/async_operation_guard.h>
 #include <thread>
 #include <type_traits>
 #include <vector>

@@ -1,9 +1,11 @@
-#include <atomic>
+#include <tavo_utils/exception.h>
+
 #include <gtest/gtest.h>
+
+#include <atomic>
 #include <latch>
 #include <memory>
 #include <new>
-#include <tavo_utils/exception.h>
 #include <thread>
 #include <vector>
 

@@ -1,8 +1,10 @@
-#include <cstdint>
+#include <tavo_utils/formatter.h>
+
 #include <gtest/gtest.h>
+
+#include <cstdint>
 #include <limits>
 #include <list>
-#include <tavo_utils/formatter.h>
 
 namespace tavo::utils {
 namespace {

@@ -1,12 +1,15 @@
 #include "support/log_capture.h"
+#include <tavo_kit/ini_config.h>
+
+#include <gmock/gmock.h>
+
 #include <QtCore/QByteArray>
 #include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QTemporaryDir>
-#include <gmock/gmock.h>
+
 #include <limits>
 #include <map>
-#include <tavo_kit/ini_config.h>
 #include <utility>
 
 namespace tavo::kit {

@@ -1,9 +1,12 @@
+#include <tavo_reflect/json.h>
+
+#include <gtest/gtest.h>
+
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
+
 #include <cstdint>
-#include <gtest/gtest.h>
 #include <limits>
-#include <tavo_reflect/json.h>
 
 namespace tavo::reflect {
 

@@ -1,17 +1,20 @@
 #include "support/log_capture.h"
+#include <tavo_utils/log.h>
+
+#include <gmock/gmock.h>
+
 #include <QtCore/QLoggingCategory>
 #include <QtCore/QtGlobal>
+
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <future>
-#include <gmock/gmock.h>
 #include <latch>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
-#include <tavo_utils/log.h>
 #include <thread>
 #include <vector>
 

@@ -1,9 +1,11 @@
+#include <tavo_utils/move_only_func.h>
+
 #include <gtest/gtest.h>
+
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <tavo_utils/move_only_func.h>
 
 namespace tavo::utils {
 namespace {

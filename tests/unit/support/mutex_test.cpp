@@ -1,11 +1,13 @@
+#include <tavo_utils/mutex.h>
+
+#include <gmock/gmock.h>
+
 #include <atomic>
 #include <future>
-#include <gmock/gmock.h>
 #include <latch>
 #include <memory>
 #include <string>
 #include <system_error>
-#include <tavo_utils/mutex.h>
 #include <thread>
 #include <vector>
 

@@ -1,7 +1,9 @@
+#include <tavo_utils/scope_guard.h>
+
 #include <gtest/gtest.h>
+
 #include <memory>
 #include <stdexcept>
-#include <tavo_utils/scope_guard.h>
 #include <type_traits>
 
 namespace tavo::utils {

@@ -1,6 +1,8 @@
-#include <cerrno>
-#include <gtest/gtest.h>
 #include <tavo_utils/system_error.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
 #include <thread>
 
 namespace tavo::utils {

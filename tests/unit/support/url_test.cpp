@@ -1,5 +1,6 @@
-#include <gtest/gtest.h>
 #include <tavo_utils/url.h>
+
+#include <gtest/gtest.h>
 
 namespace tavo::utils {
 namespace {
