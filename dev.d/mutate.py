@@ -56,17 +56,17 @@ class Mutation:
     new: str = ""
     checks: list = dataclasses.field(default_factory=list)
 
-    @property
-    def spot(self):
-        """With the end of the line before, so that it is found at the beginning of a line only."""
-        return "\n" + self.old
-
-    def occurrences(self, text):
-        """Those that share a line with one another, too."""
-        return len(re.findall(f"(?={re.escape(self.spot)})", "\n" + text))
+    def places(self, text):
+        """The indices of the lines at which the spot begins. Indentation doesn't matter, so that code may be nested."""
+        lines = [line.lstrip() for line in text.splitlines()]
+        spot = [line.lstrip() for line in self.old.splitlines()]
+        return [i for i, line in enumerate(lines) if line == spot[0] and lines[i:i + len(spot)] == spot]
 
     def applied_to(self, text):
-        return ("\n" + text).replace(self.spot, "\n" + self.new)[1:]
+        [place] = self.places(text)
+        lines = text.splitlines()
+        lines[place:place + self.old.count("\n")] = self.new.splitlines()
+        return "\n".join(lines) + "\n"
 
     def __str__(self):
         return f"{self.list_name}: {self.file}: {self.title}"
@@ -116,7 +116,7 @@ def locate(mutation, sources):
         return "a mutation needs a title, a test and a spot"
     if mutation.old == mutation.new:
         return "the change changes nothing"
-    found = {name: count for name, text in sources.items() if (count := mutation.occurrences(text))}
+    found = {name: count for name, text in sources.items() if (count := len(mutation.places(text)))}
     if sum(found.values()) == 1:
         [mutation.file] = found
         return None
