@@ -42,8 +42,9 @@ public:
     SearchContext(
         std::unique_ptr<LDAP, void (*)(LDAP*)> ldap, SearchParams params, std::chrono::seconds timeout);
 
-    /// Cancels a running search (its handler gets `Result::cancelled` on this thread) and waits for its
-    /// thread.
+    /// Stops nothing that runs: the thread of a search owns the context, too, so dropping the last pointer
+    /// lets the search run to its end. A search that an exception ended without a final call gets it here:
+    /// `Result::cancelled`, on this thread.
     ~SearchContext();
 
     SearchContext(const SearchContext&) = delete;
@@ -79,7 +80,7 @@ public:
     /// Stops a running search: its handler is called with `Result::cancelled` on this thread, after an
     /// intermediate call that has begun. Does nothing when no search runs.
     ///
-    /// The thread notices within its poll interval, but not before a pending answer of the server.
+    /// The search's thread ends soon after, but not before the server has answered a request that is pending.
     void stopAsyncSearch();
 
 private:

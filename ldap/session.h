@@ -23,7 +23,7 @@ class SearchTable;
 
 /// One connection to a directory server: TLS, bind, searches.
 ///
-///     Session session(Url(u"ldaps://dc1.corp.example"_qs), false, false);
+///     Session session(tavo::utils::Url(u"ldaps://dc1.corp.example"_qs), false, false);
 ///     session.bind(u"cn=reader,dc=corp,dc=example"_qs, password);
 ///     auto entries = session.simpleSearch(
 ///         {u"dc=corp,dc=example"_qs, u"(uid=ann)"_qs, {}, SearchScope::subtree});
@@ -109,7 +109,8 @@ public:
     /// call that is running on another thread. Comes too late for a search whose final call is due: another
     /// thread may be making that call, or be about to, when this returns. An unknown address does nothing.
     ///
-    /// By design: the search itself runs to its end in the background.
+    /// By design: the search itself runs to its end in the background, unless it hasn't begun or would
+    /// disturb another paged search of the session.
     void stopAsyncSearch(SearchContext* context);
 
     /// Runs a paged search and waits for all of it: returns the entries of all pages in the server's order,
