@@ -17,10 +17,11 @@ namespace tavo::ldap {
 class SearchContext;
 
 /// The handler of a fetch: called any number of times with `Result::moreResults` and one page of records,
-/// then once with any other result and the last page (`Result::ok`) or nothing. On the fetch's own thread.
+/// then once with any other result and the last page (`Result::ok`) or nothing. On the fetch's own thread,
+/// except for `Result::cancelled`; see `Manager`.
 ///
-/// The final call doesn't come when the last page holds a record whose DN can't be parsed; a warning is
-/// logged.
+/// The final call doesn't come when the last page holds a record whose DN is needed and can't be parsed; a
+/// warning is logged.
 using UsersHandler = utils::MoveOnlyFunc<void(Result, std::vector<User>)>;
 
 /// The same for groups.
@@ -47,7 +48,7 @@ public:
     ///
     /// The caller's filter text is combined with the directory's user filter. Entries without a login are
     /// dropped, with a line in the log at debug level.
-    /// \return what `stopAsyncFetch` takes; for no other use
+    /// \return what `stopAsyncFetch` takes; for no other use. The handler may be called before this returns
     /// \throws BaseError, std::system_error when the fetch can't be started, as in a handler whose manager is
     ///         being destroyed; `handler` is dropped then
     virtual SearchContext* fetchUsersAsync(UsersHandler handler, const SearchFilter& filter) = 0;
@@ -69,7 +70,10 @@ protected:
 /// Connects, detects the vendor, completes the attribute mapping and binds. Blocks.
 ///
 /// The vendor is detected before the bind, without credentials. An empty `Settings::adminDn` binds
-/// anonymously. The library's log gets the settings at verbose level, without the password.
+/// anonymously. The library's log gets the settings at verbose level, without the password unless
+/// `log::setShowPasswords` allows it.
+///
+/// Sets the client library's debug level to `openldapDebugLevel` of `tavo_ldap.ini`, 0 by default.
 /// \throws InvalidCredentialsError, TlsError, BaseError
 TAVO_LDAP_EXPORT std::unique_ptr<Manager> createManagerOrThrow(Settings settings);
 

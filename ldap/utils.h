@@ -16,7 +16,8 @@ TAVO_LDAP_EXPORT bool isLdapsUrl(const utils::Url& url);
 
 /// Sets the client library's debug level for the whole process; 0 turns its output off.
 ///
-/// The output goes where the client library sends it (its standard error stream), not to the log.
+/// The output goes where the client library sends it (its standard error stream), not to the log. Creating a
+/// manager sets the level again, to that of `tavo_ldap.ini`.
 /// \throws BaseError when the client library refuses
 TAVO_LDAP_EXPORT void enableOpenldapDebugOutput(int level);
 
