@@ -9,9 +9,12 @@ namespace tavo::ldap {
 
 /// A failed LDAP operation: what was done, what LDAP said, what the operating system said.
 ///
-/// Catch this type to handle every failure of the library. Catch the derived ones first where the remedy
-/// differs: `InvalidCredentialsError` (ask for another name or password), `TlsError` (check certificates).
-/// Creating an error writes its `message()` to the log at debug level and leaves `errno` unchanged.
+/// Catch this type to handle every LDAP failure. Catch the derived ones first where the remedy differs:
+/// `InvalidCredentialsError` (ask for another name or password), `TlsError` (check certificates). A thread
+/// that can't be started is a `std::system_error` instead.
+///
+/// Creating an error writes the text of `BaseError::message` to the log at debug level, also for a derived
+/// type, and leaves `errno` unchanged.
 class TAVO_LDAP_EXPORT BaseError : public utils::Exception
 {
 public:
@@ -33,7 +36,8 @@ public:
     /// The step that failed; may be empty.
     QString context;
 
-    /// The operating system's error code, read right after the failing call; 0 when there is none.
+    /// The operating system's error code, read right after the failing call; 0 when there is none. The client
+    /// library may have changed it by then.
     int systemError;
 };
 
@@ -43,24 +47,25 @@ class TAVO_LDAP_EXPORT InvalidCredentialsError : public BaseError
 public:
     explicit InvalidCredentialsError(QString user);
 
-    /// "Invalid credentials for user " and the DN.
+    /// "Invalid credentials for user " and the name.
     QString message() const override;
 
-    /// The DN of the refused bind.
+    /// The name that the bind was refused for: a DN, or another form that the server takes.
     QString user;
 };
 
-/// A TLS failure that OpenSSL explained: a certificate that can't be verified, a peer that doesn't speak TLS.
+/// A TLS failure that OpenSSL explained, such as a certificate of an unknown authority.
 ///
 /// Only a client library built on OpenSSL leaves such an explanation. With one built on GnuTLS the same
-/// failures arrive as `BaseError`.
+/// failures arrive as `BaseError`, and so do those that OpenSSL has no reason for, such as a certificate for
+/// another host.
 class TAVO_LDAP_EXPORT TlsError : public BaseError
 {
 public:
     /// \param sslError an error code of OpenSSL's queue, as `ERR_get_error` returns it
     TlsError(unsigned long sslError, int ldapCode, int systemError);
 
-    /// OpenSSL's error code; its text is in the log.
+    /// OpenSSL's error code; its text is in the log at debug level.
     unsigned long sslError;
 };
 
