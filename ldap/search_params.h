@@ -87,7 +87,8 @@ struct SearchFilter
     /// The DN below which entries are searched for.
     QString base;
 
-    /// The caller's filter, combined with the configured one; empty: the configured one alone.
+    /// The caller's filter text. Entries must match it and the directory's own filter: for users that of the
+    /// vendor, for groups their object class. Empty: the directory's own alone.
     QString filter;
 };
 

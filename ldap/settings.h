@@ -29,8 +29,8 @@ struct Settings
     /// The password of the bind.
     QString adminPassword;
 
-    /// The user attribute that holds the login; absent: the detected vendor's. A present but
-    /// empty one is used as it is.
+    /// The user attribute that holds the login; absent: the detected vendor's. A present but empty one is
+    /// used as it is.
     std::optional<QString> loginAttribute;
 
     /// The object class of group entries; absent: the detected vendor's.

@@ -38,7 +38,7 @@ User User::fromSearchEntry(SearchEntry entry, const QByteArray& loginAttribute)
         user.fullName = dnFirstItem(user.dn).trimmed();
     }
     if (!loginAttribute.isEmpty()) {
-        // By design: as the server sent it, unlike the address; a login is compared elsewhere, byte for byte.
+        // By design: as the server sent it, unlike the address; the library never compares logins.
         user.login = entry.getAttributeFirstValue(QString::fromUtf8(loginAttribute));
     }
     return user;

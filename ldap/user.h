@@ -24,7 +24,8 @@ struct User
     /// The first value of the login attribute, as the server sent it: neither trimmed nor lower-cased.
     QString login;
 
-    /// The display name: `displayName`, else `gecos`, else the value of the DN's first RDN.
+    /// The display name, trimmed: `displayName`, else `gecos`, else what `dnFirstItem` gives for the DN, with
+    /// its escapes.
     QString fullName;
 
     /// The first `mail` value, trimmed and lower-cased.
@@ -50,7 +51,7 @@ struct Group
     /// The entry's DN, as the server sent it.
     QString dn;
 
-    /// The value of the DN's first RDN, as `dnFirstItem` gives it.
+    /// What `dnFirstItem` gives for the DN, with its escapes.
     QString name;
 
     /// The values of the member attribute in the server's order; usually DNs.
