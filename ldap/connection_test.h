@@ -8,7 +8,7 @@
 
 namespace tavo::ldap {
 
-/// Whether the server can be reached (with TLS as the settings ask for it) and accepts the credentials.
+/// Whether the server can be reached (with TLS if the settings ask for it) and accepts the credentials.
 /// Blocks.
 ///
 /// The reason of a failure is logged at debug level. Nothing is searched: what the account may read isn't

@@ -28,8 +28,8 @@ using SearchHandler = utils::MoveOnlyFunc<void(Result, std::vector<SearchEntry>)
 
 /// One search on a connection handle of its own: blocking, or page by page on a background thread.
 ///
-/// Made by `Session::createSearchContext` for blocking searches and inside `Session::asyncSearch` for paged
-/// ones; most callers use `Session` or `Manager` and never see it.
+/// Made by `Session::createSearchContext`, and inside `Session` for its own searches; most callers use
+/// `Session` or `Manager` and never see it.
 ///
 /// Threads: one thread calls `simpleSearch` and `asyncSearch`; any thread may call `stopAsyncSearch` and
 /// `isAsyncSearchRunning`. The handler runs on the search's own thread: intermediate calls under the
@@ -42,9 +42,9 @@ public:
     SearchContext(
         std::unique_ptr<LDAP, void (*)(LDAP*)> ldap, SearchParams params, std::chrono::seconds timeout);
 
-    /// Stops nothing that runs: the thread of a search owns the context, too, so dropping the last pointer
-    /// lets the search run to its end. A search that an exception ended without a final call gets it here:
-    /// `Result::cancelled`, on this thread.
+    /// Never ends a running search: its thread owns the context, too, so the search goes on when all other
+    /// owners are gone. The handler of a search that an exception ended without a final call gets
+    /// `Result::cancelled` here, on this thread.
     ~SearchContext();
 
     SearchContext(const SearchContext&) = delete;

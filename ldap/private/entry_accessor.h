@@ -17,8 +17,8 @@ class LdapSearchEntryAccessor
 public:
     LdapSearchEntryAccessor(LDAP* ld, LDAPMessage* entry);
 
-    /// The entry with the given attributes, in that order and spelling; all that it carries for an empty
-    /// list.
+    /// The entry with the given attributes, in that order and spelling; with all that it carries when the
+    /// list is empty.
     /// \throws BaseError when the DN can't be read
     SearchEntry createSearchEntry(std::vector<QByteArray> attributes);
 

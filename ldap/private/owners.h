@@ -4,8 +4,8 @@
 
 #include <memory>
 
-/// Owners of what the client library hands over, each with the function that frees it. That of the
-/// connection handle is in handle.h.
+/// Owners of what the client library hands over, each with the function that frees it. The owner of
+/// the connection handle is in handle.h.
 namespace tavo::ldap {
 
 /// A result's chain of messages.

@@ -12,7 +12,7 @@ namespace tavo::ldap {
 ///
 /// OpenLDAP's server keeps the state of one paged search for each connection: the first page of a second one
 /// makes the next page of the first fail. So the searches take turns in the order of their start, each for
-/// its whole length. Active Directory has no such limit; there nobody waits.
+/// its whole length. Active Directory has no such limit, so no search waits there.
 class SearchQueue
 {
 public:

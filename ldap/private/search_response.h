@@ -24,7 +24,7 @@ struct FinalResult
 /// Reads the final message of a chain; with `freeChain` the chain is gone afterwards.
 FinalResult readFinalResult(LDAP* ld, LDAPMessage* chain, bool freeChain);
 
-/// Writes what the server says of a failed search to the log.
+/// Logs what the server says about a failed search.
 void logFailedSearch(const log::Tag& tag, const QString& base, const FinalResult& result);
 
 /// Owns the message chain of one search result and reads it; talks to no server.

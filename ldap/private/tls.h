@@ -14,7 +14,7 @@ void setUpTls(LDAP* ld, bool isSecure, bool ignoreCertificateErrors);
 /// \throws BaseError
 void prepareStartTls(LDAP* ld);
 
-/// Forgets what earlier calls have left in this thread's OpenSSL error queue.
+/// Clears what earlier calls have left in this thread's OpenSSL error queue.
 void clearTlsErrors();
 
 /// Consumes one error of this thread's OpenSSL queue.
