@@ -69,6 +69,7 @@ fuzz_all() {
 }
 
 # A number is the seconds for each target; every other argument is a target.
+# shellcheck disable=SC2120 # ./dev passes its arguments
 cmd_fuzz() {
     local argument seconds=$fuzz_seconds targets=() known
     known=$(fuzz_targets)

@@ -20,12 +20,14 @@ lint_tidy() {
         xargs --max-procs="$(nproc)" --max-args=1 "$(versioned clang-tidy)" --quiet -p build/dev
 }
 
+# dev.d is checked as part of dev, which sources it: its files use each other's variables and functions.
 lint_shell() {
-    git ls-files -- dev .ci/run '*.sh' ':!dev.d/*' | xargs shellcheck --external-sources
+    git ls-files -- dev .ci/run '*.sh' ':!dev.d/*' | xargs shellcheck --external-sources --check-sourced
 }
 
 # The program that the README shows is one that is built and tested.
 lint_readme() {
+    # shellcheck disable=SC2016 # a fence of Markdown
     sed -n '/^```cpp$/,/^```$/p' README.md | sed '1d;$d' | diff - examples/fetch_users.cpp
 }
 
@@ -76,11 +78,13 @@ all_tests() {
 }
 
 documented_tests() {
+    # shellcheck disable=SC2016 # a code span of Markdown
     git grep --untracked -ohP '`\K[A-Z]\w*\.\w+(?=[` ])' -- tests/evidence | sort -u
 }
 
 # A row of a table with a column of tests has a test there.
 documented_without_test() {
+    # shellcheck disable=SC2016 # expanded by awk
     git ls-files -z --cached --others --exclude-standard -- tests/evidence | xargs -0 awk -F '|' '
         !/^\|/ { in_table = 0; next }
         in_table && !/^\|---/ && $(NF - 1) !~ /`[A-Z][A-Za-z0-9]*\.[A-Za-z0-9]+`/ { print FILENAME ": no test: " $0 }

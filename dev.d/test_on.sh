@@ -6,6 +6,7 @@ declare -A debian_releases=([debian12]=bookworm [debian13]=trixie)
 # The mirror from which this machine's apt gets Debian, unless another is given.
 debian_mirror() {
     local mirror
+    # shellcheck disable=SC2016 # expanded by apt-get
     mirror=${TAVO_DEBIAN_MIRROR:-$(apt-get indextargets --format '$(SITE)' 'Created-By: Packages' |
         grep -m 1 -E '/debian/?$')}
     [ -n "$mirror" ] || echo "this machine's apt knows no mirror of Debian: set TAVO_DEBIAN_MIRROR" >&2
