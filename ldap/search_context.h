@@ -5,6 +5,7 @@
 #include <ldap/export.h>
 #include <ldap/result.h>
 #include <ldap/search_params.h>
+#include <ldap/utils.h> // for callers, who get it from here
 #include <tavo_utils/move_only_func.h>
 #include <tavo_utils/mutex.h>
 

@@ -4,6 +4,7 @@
 #include <ldap/entry.h>
 #include <ldap/error.h>
 #include <ldap/export.h>
+#include <ldap/utils.h> // for callers, who get it from here
 #include <tavo_reflect/reflect.h>
 
 #include <QByteArray>
