@@ -21,7 +21,7 @@ void Collector::operator()(Result result, std::vector<SearchEntry> page)
     }
 }
 
-/// False when there is no memory for them.
+/// False when there is no memory for the page.
 bool Collector::append(std::vector<SearchEntry> page)
 {
     try {

@@ -12,7 +12,7 @@
 
 namespace tavo::ldap {
 
-/// Turns the entries of a fetch into groups, and says in the log how the fetch goes.
+/// Turns the entries of a fetch into groups and logs the outcome.
 struct GroupReader
 {
     using Record = Group;

@@ -33,8 +33,8 @@ public:
     /// Drops the handler of a search, uncalled. An unknown address does nothing.
     void forget(SearchContext* context);
 
-    /// What a search's thread calls when an exception ends the search without a final call: forgets the
-    /// search. May be called after the table is gone.
+    /// Makes what a search's thread calls when an exception ends the search without a final call. It forgets
+    /// the search; after the table is gone it does nothing.
     utils::MoveOnlyFunc<void()> brokenOffHandler(SearchContext* context);
 
     /// Whether this thread is in an intermediate call of a handler.

@@ -24,7 +24,8 @@ void createTlsContext(LDAP* ld)
 }
 
 /// Gives the handle the authorities that the host's OpenLDAP configuration trusts (TLS_CACERT,
-/// TLS_CACERTDIR), for its next TLS context. \return whether there are any
+/// TLS_CACERTDIR), for its next TLS context.
+/// \return whether there are any
 ///
 /// By design: the client library hands them to its default context alone; a context of one's own would
 /// trust nobody (GnuTLS) or OpenSSL's default store. A configured path that doesn't exist is skipped, because

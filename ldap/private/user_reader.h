@@ -12,7 +12,7 @@
 
 namespace tavo::ldap {
 
-/// Turns the entries of a fetch into users, and says in the log how the fetch goes.
+/// Turns the entries of a fetch into users and logs the outcome. `User::fromSearchEntry` has the mapping.
 struct UserReader
 {
     using Record = User;
