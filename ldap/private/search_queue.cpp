@@ -8,7 +8,16 @@ void SearchQueue::allowInterleaving()
 {
     const std::lock_guard lock(m_mutex);
     m_mayInterleave = true;
-    m_changed.notify_all();
+    for (const auto& [number, ticket] : m_places) {
+        ticket->m_mayRun.notify_all();
+    }
+}
+
+void SearchQueue::wakeNext()
+{
+    if (!m_places.empty() && m_pagesInFlight == 0) {
+        m_places.begin()->second->m_mayRun.notify_all();
+    }
 }
 
 SearchTicket::SearchTicket(std::shared_ptr<SearchQueue> queue)
@@ -16,7 +25,7 @@ SearchTicket::SearchTicket(std::shared_ptr<SearchQueue> queue)
 {
     const std::lock_guard lock(m_queue->m_mutex);
     m_number = ++m_queue->m_lastNumber;
-    m_queue->m_places.insert(m_number);
+    m_queue->m_places.emplace(m_number, this);
 }
 
 SearchTicket::~SearchTicket() { giveUp(); }
@@ -26,9 +35,9 @@ bool SearchTicket::beginPage()
     SearchQueue& queue = *m_queue;
     std::unique_lock lock(queue.m_mutex);
     const auto isGivenUp = [&] { return queue.m_places.count(m_number) == 0; };
-    queue.m_changed.wait(lock, [&] {
+    m_mayRun.wait(lock, [&] {
         return queue.m_mayInterleave || isGivenUp() ||
-               (*queue.m_places.begin() == m_number && queue.m_pagesInFlight == 0);
+               (queue.m_places.begin()->first == m_number && queue.m_pagesInFlight == 0);
     });
     if (!queue.m_mayInterleave && isGivenUp()) {
         const bool isAlone = queue.m_places.empty() && queue.m_pagesInFlight == 0;
@@ -45,14 +54,15 @@ void SearchTicket::endPage()
 {
     const std::lock_guard lock(m_queue->m_mutex);
     --m_queue->m_pagesInFlight;
-    m_queue->m_changed.notify_all();
+    m_queue->wakeNext();
 }
 
 void SearchTicket::giveUp()
 {
     const std::lock_guard lock(m_queue->m_mutex);
     if (m_queue->m_places.erase(m_number) != 0) {
-        m_queue->m_changed.notify_all();
+        m_mayRun.notify_all();
+        m_queue->wakeNext();
     }
 }
 

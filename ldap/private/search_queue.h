@@ -2,11 +2,13 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 
 namespace tavo::ldap {
+
+class SearchTicket;
 
 /// The paged searches of one connection, in the order in which they run. Thread-safe.
 ///
@@ -22,9 +24,12 @@ public:
 private:
     friend class SearchTicket;
 
+    /// Wakes the search whose turn it is, and no other: hundreds may wait.
+    void wakeNext();
+
     std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::set<std::uint64_t> m_places;
+    /// By the numbers of their places; the ticket is there as long as its place.
+    std::map<std::uint64_t, SearchTicket*> m_places;
     std::uint64_t m_lastNumber = 0;
     int m_pagesInFlight = 0;
     bool m_mayInterleave = false;
@@ -51,7 +56,10 @@ public:
     void giveUp();
 
 private:
+    friend class SearchQueue;
+
     std::shared_ptr<SearchQueue> m_queue;
+    std::condition_variable m_mayRun;
     std::uint64_t m_number;
     bool m_hasBegun = false;
 };

@@ -2,8 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+
 #include <atomic>
 #include <future>
+#include <latch>
+#include <memory>
+#include <thread>
 #include <vector>
 
 namespace tavo::ldap {
@@ -41,7 +46,7 @@ TEST_F(SearchQueueTest, LetsTheNextRunWhenTheFirstGivesUp)
     first->endPage();
     auto secondWaits = waitFor(*second);
     auto thirdWaits = waitFor(*third);
-    // Out of order: it was not the third's ticket yet, so nothing may come of that for the second.
+    // Out of order: it was not the third's turn yet, so nothing may come of that for the second.
     third->giveUp();
     EXPECT_FALSE(thirdWaits.get());
     first->giveUp();
@@ -143,6 +148,49 @@ TEST_F(SearchQueueTest, LetsAllRunWhenTheServerAllowsIt)
     EXPECT_TRUE(take()->beginPage());
     first->giveUp();
     EXPECT_TRUE(first->beginPage());
+}
+
+/// How often the calling thread has waited so far.
+long waitsOfThisThread()
+{
+    rusage usage{};
+    getrusage(RUSAGE_THREAD, &usage);
+    return usage.ru_nvcsw;
+}
+
+// Hundreds may wait on one connection, and a page must not cost each of them.
+TEST_F(SearchQueueTest, WakesNobodyButTheSearchWhoseTurnItIs)
+{
+    constexpr int kPages = 2000;
+    const auto first = take();
+    std::vector<std::unique_ptr<SearchTicket>> others;
+    std::vector<std::future<long>> waits;
+    std::latch begun(4);
+    for (int i = 0; i < 4; ++i) {
+        others.push_back(take());
+        waits.push_back(std::async(std::launch::async, [&begun, ticket = others.back().get()] {
+            const long before = waitsOfThisThread();
+            begun.count_down();
+            ticket->beginPage();
+            const long waited = waitsOfThisThread() - before;
+            ticket->endPage();
+            ticket->giveUp();
+            return waited;
+        }));
+    }
+    begun.wait();
+
+    for (int page = 0; page < kPages; ++page) {
+        first->beginPage();
+        first->endPage();
+        // The others get a chance to wake.
+        std::this_thread::yield();
+    }
+    first->giveUp();
+
+    for (auto& waited : waits) {
+        EXPECT_LT(waited.get(), kPages / 20);
+    }
 }
 
 } // namespace
