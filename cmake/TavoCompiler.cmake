@@ -7,6 +7,11 @@ set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+# As long as the major version is 0, a new minor one breaks programs (CHANGELOG.md).
+set(tavo_abi_version ${PROJECT_VERSION_MAJOR})
+if(PROJECT_VERSION_MAJOR EQUAL 0)
+    set(tavo_abi_version ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
+endif()
 # An installed tree finds its libraries by relative paths, so that it may be moved.
 set(CMAKE_INSTALL_RPATH "$ORIGIN" "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 if(PROJECT_IS_TOP_LEVEL AND NOT CMAKE_BUILD_TYPE)
@@ -51,6 +56,6 @@ function(tavo_library name)
     set_target_properties(${target} PROPERTIES
         EXPORT_NAME ${name}
         VERSION ${PROJECT_VERSION}
-        SOVERSION ${PROJECT_VERSION_MAJOR})
+        SOVERSION ${tavo_abi_version})
     set_property(GLOBAL APPEND PROPERTY TAVO_LIBRARIES ${target})
 endfunction()
