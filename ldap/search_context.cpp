@@ -120,8 +120,11 @@ void SearchContext::asyncSearch(SearchHandler handler, int pageSize)
 {
     if (pageSize <= 0) {
         assertFailure(positions::pageSizeNotPositive, "pageSize > 0");
+        // The ticket that came for this start, unless it is that of a search that runs.
+        if (!isAsyncSearchRunning()) {
+            giveUpTurn();
+        }
         // By design: a refused start reads as an empty result, not as an error.
-        giveUpTurn();
         handler(Result::ok, {});
         return;
     }

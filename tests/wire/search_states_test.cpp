@@ -1,4 +1,5 @@
 #include "scripted_session_test.h"
+#include "support/assertion_capture.h"
 #include "support/log_capture.h"
 #include "support/threads_end_here.h"
 
@@ -584,6 +585,29 @@ TEST(RefusedSearch, GivesItsTurnUpBeforeItsHandlerIsCalled)
         0);
 
     EXPECT_EQ(found, 1U);
+}
+
+TEST(RefusedSearch, LeavesTheRunningSearchOfItsContextAlone)
+{
+    ScriptedServer server;
+    Session session(utils::Url(QString::fromStdString(server.url())), false, false);
+    const AssertionCapture assertions;
+    const Gate answer;
+    server.expectSearch().base("dc=first").answer(waitFor(answer), done());
+    server.expectSearch().base("dc=second").answer(done());
+    HandlerCalls first;
+    HandlerCalls second;
+    HandlerCalls refused;
+    session.asyncSearch(below("dc=first"), first.handler(), 2);
+    const std::shared_ptr<SearchContext> waiting = session.createSearchContext(below("dc=second"));
+    waiting->asyncSearch(second.handler(), 2);
+
+    waiting->asyncSearch(refused.handler(), 0);
+    answer.open();
+
+    EXPECT_THAT(resultsOf(refused.waitForEnd()), ElementsAre(Result::ok));
+    EXPECT_THAT(resultsOf(first.waitForEnd()), ElementsAre(Result::ok));
+    EXPECT_THAT(resultsOf(second.waitForEnd()), ElementsAre(Result::ok));
 }
 
 // For AddressSanitizer: nothing may look at the session any more.
