@@ -1,6 +1,7 @@
 #include "ldap/manager.h"
 
 #include <ldap/entry.h>
+#include <ldap/error.h>
 #include <ldap/open_session.h>
 #include <ldap/private/group_reader.h>
 #include <ldap/private/user_reader.h>
@@ -11,6 +12,10 @@
 #include <tavo_utils/log.h>
 #include <tavo_utils/scope_guard.h>
 
+#include <ldap.h>
+
+#include <exception>
+#include <new>
 #include <utility>
 
 namespace tavo::ldap {
@@ -54,6 +59,11 @@ public:
         m_session = openSession(m_settings);
         // By design: before the bind, so the root DSE is read without credentials.
         const VendorDefaults defaults = m_session->detectLdapVendor();
+        if (!defaults.failure.isEmpty()) {
+            TAVO_LOG_WARNING(log::tag(*this),
+                u"Could not find out which kind of directory this is; using OpenLDAP's attributes: %1",
+                defaults.failure);
+        }
         completeMapping(defaults);
 
         if (m_settings.adminDn.isEmpty()) {
@@ -107,17 +117,48 @@ private:
     void deliver(const Reader& reader, Handler& handler, Result result, std::vector<SearchEntry> entries)
     {
         if (!isSuccess(result)) {
-            Reader::warnOfFailure(log::tag(*this), result);
-            handler(result, {});
+            endWithFailure<Reader>(handler, result);
             return;
         }
         std::vector<typename Reader::Record> records;
-        records.reserve(entries.size());
-        for (SearchEntry& entry : entries) {
-            reader.read(log::tag(*this), std::move(entry), records);
+        const int code = read(reader, std::move(entries), records);
+        if (code == LDAP_SUCCESS) {
+            Reader::logCount(log::tag(*this), records.size());
+            handler(result, std::move(records));
+        } else if (result == Result::moreResults) {
+            // Ends the search, whose final call then comes here.
+            throw BaseError(code, QStringLiteral("read entries"), 0);
+        } else {
+            endWithFailure<Reader>(handler, translateErrorCode(code));
         }
-        Reader::logCount(log::tag(*this), records.size());
-        handler(result, std::move(records));
+    }
+
+    /// Makes records of a page's entries. \return what failed; LDAP_SUCCESS when nothing did
+    template <class Reader>
+    int read(const Reader& reader, std::vector<SearchEntry> entries,
+        std::vector<typename Reader::Record>& records) const
+    {
+        try {
+            records.reserve(entries.size());
+            for (SearchEntry& entry : entries) {
+                reader.read(log::tag(*this), std::move(entry), records);
+            }
+            return LDAP_SUCCESS;
+        } catch (const BaseError& error) {
+            // An entry without a name fails without a code, and must not read as a success.
+            return error.ldapCode != LDAP_SUCCESS ? error.ldapCode : LDAP_LOCAL_ERROR;
+        } catch (const std::bad_alloc&) {
+            return LDAP_NO_MEMORY;
+        } catch (const std::exception&) {
+            return LDAP_LOCAL_ERROR;
+        }
+    }
+
+    template <class Reader, class Handler>
+    void endWithFailure(Handler& handler, Result result)
+    {
+        Reader::warnOfFailure(log::tag(*this), result);
+        handler(result, {});
     }
 
     Settings m_settings;

@@ -20,8 +20,8 @@ class SearchContext;
 /// then once with any other result and the last page (`Result::ok`) or nothing. On the fetch's own thread,
 /// except for `Result::cancelled`; see `Manager`.
 ///
-/// The final call doesn't come when the last page holds a record whose DN is needed and can't be parsed; a
-/// warning is logged.
+/// A page with an entry that can't become a record, because its DN is needed and can't be parsed, ends the
+/// fetch with a failure. None of that page's records are delivered.
 using UsersHandler = utils::MoveOnlyFunc<void(Result, std::vector<User>)>;
 
 /// The same for groups.

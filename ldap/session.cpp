@@ -181,8 +181,10 @@ VendorDefaults Session::detectLdapVendor() const
     } catch (const BaseError& error) {
         // By design: a server that can't be asked is treated as one that isn't Active Directory.
         TAVO_LOG_DEBUG(log::tag(*this), u"Detect LDAP vendor error: %1.", error.message());
+        VendorDefaults assumed = defaultsFor(Vendor::openLdap);
+        assumed.failure = error.message();
+        return assumed;
     }
-    return defaultsFor(Vendor::openLdap);
 }
 
 } // namespace tavo::ldap

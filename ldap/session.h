@@ -124,7 +124,7 @@ public:
     std::variant<Result, std::vector<SearchEntry>> search(SearchParams params, int pageSize);
 
     /// Reads the root DSE to find out which kind of directory this is. Blocks. A server that can't be asked
-    /// counts as OpenLDAP; there is no error.
+    /// counts as OpenLDAP; `VendorDefaults::failure` then says why it couldn't, and nothing is thrown.
     VendorDefaults detectLdapVendor() const;
 
 private:

@@ -32,6 +32,9 @@ struct VendorDefaults
 
     /// The kind of directory that these defaults suit.
     Vendor vendor = Vendor::openLdap;
+
+    /// Why the server could not be asked, as `BaseError::message()` has it; empty when it answered.
+    QString failure;
 };
 
 } // namespace tavo::ldap

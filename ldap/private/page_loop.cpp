@@ -190,8 +190,7 @@ bool PageLoop::saysThatMoreRemains(SearchResponse& response) const
     }
 }
 
-/// By design: an error without a code reads as success. It is that of an entry that can't become a
-/// record, such as a group without a name.
+/// By design: an error without a code reads as success. Only a handler throws one, from an intermediate call.
 void PageLoop::warnIfItReadsAsSuccess(const BaseError& error) const
 {
     if (error.ldapCode == LDAP_SUCCESS) {

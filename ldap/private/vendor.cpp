@@ -11,13 +11,13 @@ VendorDefaults activeDirectoryDefaults()
     return {QStringLiteral("sAMAccountName"), QStringLiteral("group"), QByteArrayLiteral("member"),
         // Accounts whose bit 2, "disabled", is not set.
         QStringLiteral("(&(objectCategory=User)(!(userAccountControl:1.2.840.113556.1.4.803:=2)))"),
-        Vendor::activeDirectory};
+        Vendor::activeDirectory, QString()};
 }
 
 VendorDefaults openLdapDefaults()
 {
     return {QStringLiteral("uid"), QStringLiteral("groupOfNames"), QByteArrayLiteral("member"), QString(),
-        Vendor::openLdap};
+        Vendor::openLdap, QString()};
 }
 
 } // namespace

@@ -275,7 +275,7 @@ TEST_F(ManagerOfServer, EndsAFetchAtAFullPageWithANameThatCannotBeRead)
     EXPECT_EQ(groups.waitForEnd().front().result, Result::connectError);
 }
 
-TEST_F(ManagerOfServer, WarnsOfAFullPageWithAnEmptyNameWhoseEndReadsAsSuccess)
+TEST_F(ManagerOfServer, NeverEndsAsSuccessAtAPageWithAnEmptyName)
 {
     const auto manager = create();
     const LogCapture log;
@@ -286,26 +286,57 @@ TEST_F(ManagerOfServer, WarnsOfAFullPageWithAnEmptyNameWhoseEndReadsAsSuccess)
 
     const auto calls = groups.waitForEnd();
     EXPECT_THAT(calls, SizeIs(2));
-    EXPECT_EQ(calls.back().result, Result::ok);
+    EXPECT_EQ(calls.back().result, Result::connectError);
     EXPECT_THAT(calls.back().records, IsEmpty());
-    EXPECT_THAT(log.texts(log::Level::warning),
-        Contains(
-            HasSubstr("Entries are missing: an error without a code on page 2, which reads as a success, "
-                      "ends the search below [dc=x]")));
+    EXPECT_THAT(
+        log.texts(log::Level::warning), ElementsAre("Groups fetching error: Cannot connect to LDAP server."));
 }
 
-TEST_F(ManagerOfServer, CallsNobodyForALastPageWithANameThatCannotBeRead)
+TEST_F(ManagerOfServer, EndsAFetchAtALastPageWithANameThatCannotBeRead)
 {
     const auto manager = create();
+    for (const std::string& dn : {std::string("no DN at all"), std::string()}) {
+        const LogCapture log;
+        Fetched<Group> fetched;
+        server.expectSearch().answer(entry(dn), done());
+
+        manager->fetchGroupsAsync(fetched.handler(), {"dc=x"_s, {}});
+
+        const auto calls = fetched.waitForEnd();
+        EXPECT_THAT(calls, SizeIs(1));
+        EXPECT_EQ(calls.back().result, Result::connectError);
+        EXPECT_THAT(calls.back().records, IsEmpty());
+        EXPECT_THAT(log.texts(log::Level::warning),
+            ElementsAre("Groups fetching error: Cannot connect to LDAP server."));
+    }
+    server.expectSearch().answer(user("no DN at all", "a"), done());
+    fetchUsers(*manager);
+    EXPECT_EQ(users.waitForEnd().back().result, Result::connectError);
+}
+
+TEST_F(ManagerOfServer, WarnsOfAVendorQuestionThatWentUnanswered)
+{
+    server.expectSearch().answer(done(52));
+    server.expectBind("cn=admin", "secret").answer(success());
     const LogCapture log;
-    server.expectSearch().answer(entry("no DN at all"), done());
 
-    fetchGroups(*manager);
+    ldap::createManagerOrThrow(settings);
 
-    EXPECT_TRUE(log.waitFor("was lost in its handler: ldap_str2dn(): Decoding error"));
-    server.expectSearch().answer(done());
-    manager->fetchUsersAsync(users.handler(), {"dc=x"_s, {}});
-    users.waitForEnd();
+    EXPECT_THAT(log.texts(log::Level::warning),
+        ElementsAre("Could not find out which kind of directory this is; using OpenLDAP's attributes: "
+                    "ldap_search_ext_s: Server is unavailable"));
+    EXPECT_THAT(log.texts(log::Level::debug),
+        Contains("Detect LDAP vendor error: ldap_search_ext_s: Server is unavailable."));
+}
+
+TEST_F(ManagerOfServer, WarnsOfNoVendorQuestionThatWasAnswered)
+{
+    const LogCapture log;
+
+    create();
+    createForActiveDirectory();
+
+    EXPECT_THAT(log.texts(log::Level::warning), IsEmpty());
 }
 
 TEST_F(ManagerOfServer, EndsAFetchWithoutAHandlerByAnException)

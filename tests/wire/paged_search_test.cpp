@@ -222,6 +222,29 @@ TEST_F(PagedSearch, EndsAtAShortPageEvenWithALiveCookieAndWarns)
                     "were received. Ask for pages no larger than the server's limit, or raise that limit."));
 }
 
+TEST_F(PagedSearch, WarnsWhenAHandlersErrorWithoutACodeEndsItAsSuccess)
+{
+    const LogCapture log;
+    server.expectSearch().answer(entries(1, 3), done().page("more"));
+    HandlerCalls calls;
+
+    session.asyncSearch(
+        below("dc=x"),
+        [&](Result result, std::vector<ldap::SearchEntry> page) {
+            calls.add(result, std::move(page));
+            if (result == Result::moreResults)
+                throw ldap::BaseError(0, QStringLiteral("handler"), 0);
+        },
+        3);
+
+    const auto all = calls.waitForEnd();
+    EXPECT_THAT(resultsOf(all), ElementsAre(Result::moreResults, Result::ok));
+    EXPECT_THAT(all.at(1).entries, IsEmpty());
+    EXPECT_THAT(log.texts(log::Level::warning),
+        ElementsAre("Entries are missing: an error without a code on page 1, which reads as a success, ends "
+                    "the search below [dc=x] with filter []; 3 entries were received: handler: Success"));
+}
+
 TEST_F(PagedSearch, RateLimitsTheWarningAboutSearchesCutShort)
 {
     const LogCapture log;
