@@ -1,5 +1,6 @@
 #include "tavo_kit/ini_config.h"
 
+#include <tavo_kit/small_file.h>
 #include <tavo_utils/log.h>
 
 #include <QByteArray>
@@ -16,6 +17,9 @@
 namespace tavo::kit {
 
 namespace {
+
+/// Far more than people write; a larger file is a mistake.
+constexpr qsizetype maxFileSize = 1024 * 1024;
 
 std::optional<bool> parseBool(const QString& text)
 {
@@ -146,13 +150,14 @@ private:
 
     void read()
     {
-        QFile file(m_filePath);
-        if (!file.open(QIODevice::ReadOnly)) {
-            TAVO_LOG_WARNING(log::tag(*this), u"Cannot read %1: %2", m_filePath, file.errorString());
+        const SmallFile file = readSmallFile(m_filePath, maxFileSize);
+        if (!file.failure.isNull()) {
+            TAVO_LOG_WARNING(log::tag(*this), u"Cannot read %1: %2", m_filePath, file.failure);
             return;
         }
-        for (int number = 1; !file.atEnd(); ++number) {
-            readLine(number, withoutComment(QString::fromUtf8(file.readLine())));
+        int number = 0;
+        for (const QByteArray& line : file.content.split('\n')) {
+            readLine(++number, withoutComment(QString::fromUtf8(line)));
         }
     }
 

@@ -32,8 +32,9 @@ namespace tavo::kit {
 /// integer is decimal and fits 32 bits. Of several valid values for a key the last one counts.
 ///
 /// A mistake in the file never stops the program: an unreadable line, a value of the wrong kind or an unknown
-/// key is skipped with a warning that names file and line. A missing file is no mistake. The file is never
-/// written.
+/// key is skipped with a warning that names file and line. A file that can't be read to its end, is larger
+/// than 1 MiB or is not a regular file (a FIFO, a device) is skipped as a whole, with a warning that names it
+/// and the reason. A missing file is no mistake. The file is never written.
 ///
 /// Threads: one thread at a time uses an object; no other may read the fields during `reload`.
 class TAVO_KIT_EXPORT IniConfig
@@ -71,7 +72,7 @@ public:
     /// The registered keys in the order of registration.
     std::vector<Description> descriptions() const;
 
-    /// The file that the last `reload` read; empty when there was none.
+    /// The file that the last `reload` read or skipped; empty when there was none.
     QString filePath() const;
 
 private:

@@ -8,9 +8,36 @@
 #include <QtCore/QFile>
 #include <QtCore/QTemporaryDir>
 
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <limits>
 #include <map>
 #include <utility>
+
+namespace {
+
+// Counts down with each read of this process; the one that makes it 0 fails for this reason.
+std::atomic<int> readsLeft{0};
+int reasonToFail = EIO;
+
+} // namespace
+
+// Stands before the C library's for the libraries, too.
+extern "C" [[gnu::visibility("default")]] ssize_t read(int descriptor, void* buffer, std::size_t size)
+{
+    if (--readsLeft == 0) {
+        errno = reasonToFail;
+        return -1;
+    }
+    return syscall(SYS_read, descriptor, buffer, size);
+}
 
 namespace tavo::kit {
 namespace {
@@ -269,6 +296,96 @@ TEST_F(IniConfigTest, ReportsAFileThatCannotBeRead)
     EXPECT_EQ(ini.depth, 7);
     EXPECT_THAT(log.texts(log::Level::warning),
         ElementsAre(HasSubstr("Cannot read " + ini.filePath().toStdString())));
+}
+
+void bindSocket(const QString& path)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const QByteArray name = QFile::encodeName(path);
+    ASSERT_LT(static_cast<std::size_t>(name.size()), sizeof address.sun_path);
+    std::copy(name.begin(), name.end(), address.sun_path);
+    const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    close(descriptor);
+}
+
+TEST_F(IniConfigTest, SkipsWhatIsNoRegularFileAndSaysWhatItIs)
+{
+    const QString file = QDir(own()).filePath(fileName);
+    const std::string start = "Cannot read " + file.toStdString() + ": it is ";
+    const std::string end = ", not a regular file";
+    const auto warnings = [] {
+        const LogCapture log;
+        EXPECT_EQ(Ini().depth, 7);
+        return log.texts();
+    };
+
+    ASSERT_EQ(mkfifo(QFile::encodeName(file).constData(), S_IRUSR | S_IWUSR), 0);
+    EXPECT_THAT(warnings(), ElementsAre(start + "a FIFO" + end));
+    ASSERT_TRUE(QFile::remove(file));
+
+    bindSocket(file);
+    EXPECT_THAT(warnings(), ElementsAre(start + "a socket" + end));
+    ASSERT_TRUE(QFile::remove(file));
+
+    ASSERT_TRUE(QFile::link(QStringLiteral("/dev/zero"), file));
+    EXPECT_THAT(warnings(), ElementsAre(start + "a device" + end));
+    ASSERT_TRUE(QFile::remove(file));
+
+    ASSERT_TRUE(QDir().mkpath(file));
+    EXPECT_THAT(warnings(), ElementsAre(start + "a directory" + end));
+}
+
+TEST_F(IniConfigTest, ReportsAReadErrorWithTheSystemsText)
+{
+    const QString file = QDir(own()).filePath(fileName);
+    ASSERT_TRUE(QFile::link(QStringLiteral("/proc/self/mem"), file)); // nothing is mapped at address 0
+    const LogCapture log;
+    EXPECT_EQ(Ini().depth, 7);
+    EXPECT_THAT(log.texts(), ElementsAre("Cannot read " + file.toStdString() + ": Input/output error"));
+}
+
+TEST_F(IniConfigTest, UsesNothingOfAFileThatCannotBeReadToItsEnd)
+{
+    const QString file = write(own(), "depth = 3\nnonsense\n");
+    const LogCapture log;
+    readsLeft = 2; // the second finds the end
+    const Ini ini;
+    EXPECT_EQ(ini.depth, 7);
+    EXPECT_THAT(log.texts(), ElementsAre("Cannot read " + file.toStdString() + ": Input/output error"));
+}
+
+TEST_F(IniConfigTest, ReadsOnAfterAnInterruption)
+{
+    write(own(), "depth = 3\n");
+    const LogCapture log;
+    reasonToFail = EINTR;
+    readsLeft = 1;
+    EXPECT_EQ(Ini().depth, 3);
+    EXPECT_THAT(log.texts(), IsEmpty());
+    reasonToFail = EIO;
+}
+
+TEST_F(IniConfigTest, SkipsAFileLargerThanOneMebibyte)
+{
+    const QByteArray content = "depth = 3\n;";
+    const qsizetype limit = 1024 * 1024;
+    const QString file = write(own(), content + QByteArray(limit - content.size(), 'x'));
+    const LogCapture log;
+    EXPECT_EQ(Ini().depth, 3);
+    EXPECT_THAT(log.texts(), IsEmpty());
+    write(own(), content + QByteArray(limit - content.size() + 1, 'x'));
+    EXPECT_EQ(Ini().depth, 7);
+    EXPECT_THAT(
+        log.texts(), ElementsAre("Cannot read " + file.toStdString() + ": it is larger than 1048576 bytes"));
+}
+
+TEST_F(IniConfigTest, FollowsALinkToARegularFile)
+{
+    const QString target = write(path("elsewhere"), "depth = 3\n");
+    ASSERT_TRUE(QFile::link(target, QDir(own()).filePath(fileName)));
+    EXPECT_EQ(Ini().depth, 3);
 }
 
 TEST_F(IniConfigTest, ListsItsKeysForPeople)
