@@ -20,6 +20,10 @@ using AssertionHandler =
 /// The report goes to the handler set by `setAssertionHandler`. The default handler logs
 /// `ASSERTION FAILED: %1:%2 (%3) %4` (file, line, condition, message) as a warning. The caller passes the
 /// position, rather than the compiler, because monitoring matches on it: it must survive edits of the file.
+///
+/// These warnings are rate limited (`log::ReducerConfig`) by position, like call sites of the log. The first
+/// 128 positions of the process are counted each for itself; all further ones share one counter.
+///
 /// Leaves `errno` as it was. Thread-safe; never throws.
 TAVO_UTILS_EXPORT void assertFailure(
     SourcePosition position, const char* condition, const QString& message = {}) noexcept;

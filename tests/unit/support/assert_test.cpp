@@ -6,10 +6,13 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <latch>
 #include <memory>
 #include <stdexcept>
+#include <string>
 #include <thread>
 
 namespace tavo {
@@ -101,6 +104,91 @@ TEST(Assert, LetsTheHandlerBeReplacedWhileOtherThreadsAssert)
     EXPECT_EQ(calls, 2 * perThread);
 }
 
+// Limits messages to few per call site while it lives, in a period that outlasts every test.
+class FewMessages
+{
+public:
+    explicit FewMessages(int limit) { log::setReducerConfig({std::chrono::hours(1), limit}); }
+    ~FewMessages() { log::setReducerConfig({}); }
+    FewMessages(const FewMessages&) = delete;
+    FewMessages& operator=(const FewMessages&) = delete;
+};
+
+TEST(Assert, CountsEveryPositionForItself)
+{
+    const FewMessages few(2);
+    const LogCapture log(log::Level::warning);
+    const std::string sameFile = "counted"; // elsewhere in memory
+    for (int i = 0; i < 4; ++i) {
+        assertFailure("counted", 1, "a");
+        assertFailure(sameFile.c_str(), 1, "a");
+        assertFailure("counted", 2, "b");
+        assertFailure("other", 1, "c");
+    }
+    EXPECT_THAT(log.texts(),
+        ElementsAre("ASSERTION FAILED: counted:1 (a) ",
+            "TOO MANY SIMILAR MESSAGES: ASSERTION FAILED: counted:1 (a) ", "ASSERTION FAILED: counted:2 (b) ",
+            "ASSERTION FAILED: other:1 (c) ", "TOO MANY SIMILAR MESSAGES: ASSERTION FAILED: counted:2 (b) ",
+            "TOO MANY SIMILAR MESSAGES: ASSERTION FAILED: other:1 (c) "));
+}
+
+TEST(Assert, CountsEveryPositionOnceWhenManyThreadsAssert)
+{
+    constexpr int limit = 50;
+    constexpr int positions = 5;
+    const FewMessages few(limit);
+    const LogCapture log(log::Level::warning);
+    std::latch start(4);
+    const auto assertOften = [&] {
+        start.arrive_and_wait();
+        for (int i = 0; i < 100 * positions; ++i)
+            assertFailure("threads", i % positions, "false");
+    };
+    const auto runFourTimes = [&] {
+        const std::jthread first(assertOften);
+        const std::jthread second(assertOften);
+        const std::jthread third(assertOften);
+        assertOften();
+    };
+    runFourTimes();
+    EXPECT_EQ(log.texts().size(), static_cast<std::size_t>(limit * positions));
+    for (int line = 0; line < positions; ++line) {
+        const std::string marked =
+            "TOO MANY SIMILAR MESSAGES: ASSERTION FAILED: threads:" + std::to_string(line) + " (false) ";
+        EXPECT_THAT(log.texts(), testing::Contains(marked).Times(1));
+    }
+}
+
+void assertAtTooManyPositions()
+{
+    log::setReducerConfig({std::chrono::hours(1), 2});
+    log::setSink([](log::Level, const QString&, const QString& text) {
+        std::fprintf(stderr, "[%s]", qUtf8Printable(text));
+    });
+    log::setMaxLevel(log::Level::silent);
+    for (int line = 1; line <= 200; ++line)
+        assertFailure("unwritten", line, "false");
+    log::setMaxLevel(log::Level::warning);
+    for (int line = 1; line <= 128; ++line)
+        assertFailure("invented", line, "false");
+    std::fputs("full:", stderr);
+    for (int line = 129; line <= 140; ++line)
+        assertFailure("invented", line, "false");
+    std::fputs("known:", stderr);
+    assertFailure("invented", 128, "false");
+    std::exit(0);
+}
+
+TEST(AssertDeathTest, LetsPositionsBeyondTheTableShareOneCounter)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(assertAtTooManyPositions(), testing::ExitedWithCode(0),
+        testing::EndsWith(
+            "[ASSERTION FAILED: invented:128 (false) ]full:[ASSERTION FAILED: invented:129 (false) ]"
+            "[TOO MANY SIMILAR MESSAGES: ASSERTION FAILED: invented:130 (false) ]"
+            "known:[TOO MANY SIMILAR MESSAGES: ASSERTION FAILED: invented:128 (false) ]"));
+}
+
 struct AssertsAtExit
 {
     ~AssertsAtExit() { assertFailure("some/file", 30, "false"); }
@@ -124,6 +212,21 @@ TEST(AssertDeathTest, WorksWhileStaticObjectsAreDestroyed)
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(exitWithAStaticThatAsserts(), testing::ExitedWithCode(0),
         testing::AllOf(testing::HasSubstr("asserted at exit"), testing::Not(testing::HasSubstr("gone"))));
+}
+
+void exitWithAStaticThatAssertsToTheLog()
+{
+    static const AssertsAtExit last; // made before anything is logged
+    log::setSink(
+        [](log::Level, const QString&, const QString& text) { std::fputs(qUtf8Printable(text), stderr); });
+    std::exit(0);
+}
+
+TEST(AssertDeathTest, LogsWhileStaticObjectsAreDestroyed)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(exitWithAStaticThatAssertsToTheLog(), testing::ExitedWithCode(0),
+        testing::HasSubstr("ASSERTION FAILED: some/file:30 (false) "));
 }
 
 } // namespace
