@@ -4,8 +4,8 @@
 
 #include <QString>
 
-#include <atomic>
 #include <exception>
+#include <mutex>
 #include <string>
 
 namespace tavo::utils {
@@ -15,7 +15,8 @@ namespace tavo::utils {
 ///
 /// A copy composes its text from its own type and fields.
 ///
-/// Threads: several may call `what` and `message` of one object; assignment needs exclusive access.
+/// Threads: several may call `what` and `message` of one object; assignment and changing a field need
+/// exclusive access.
 class TAVO_UTILS_EXPORT Exception : public std::exception
 {
 public:
@@ -24,15 +25,20 @@ public:
     Exception& operator=(const Exception& other) noexcept;
     ~Exception() override;
 
-    /// `message` as UTF-8, composed by the first call and owned by this object; a fixed text when memory runs
-    /// out or `message` throws.
+    /// `message` as UTF-8; a fixed text when memory runs out or `message` throws.
+    ///
+    /// Every call composes the message, so that it follows the fields. The text is owned by this object and
+    /// stays in place until the object is destroyed, or until `what` is called after the message has changed.
     const char* what() const noexcept override;
 
-    /// What went wrong, for a person to read.
+    /// What went wrong, for a person to read. Depends on nothing but the object.
     virtual QString message() const = 0;
 
 private:
-    mutable std::atomic<const std::string*> m_what{nullptr};
+    mutable std::mutex m_mutex;
+
+    /// What `what` returned last. Guarded by `m_mutex`.
+    mutable std::string m_what;
 };
 
 } // namespace tavo::utils

@@ -46,6 +46,15 @@ TEST(BaseErrorTest, LeavesOutWhatIsNotThere)
         std::string("Server is busy (") + std::strerror(EINTR) + ")");
 }
 
+TEST(BaseErrorTest, SaysTheSameByBothNamesWhenItsContextChanges)
+{
+    BaseError error(LDAP_BUSY, "init"_s, 0);
+    EXPECT_STREQ(error.what(), "init: Server is busy");
+    error.context = "bind"_s;
+    EXPECT_STREQ(error.what(), "bind: Server is busy");
+    EXPECT_STREQ(error.what(), error.message().toUtf8().constData());
+}
+
 TEST(BaseErrorTest, KeepsPercentSignsOfItsContext)
 {
     EXPECT_EQ(BaseError(LDAP_BUSY, "100%1"_s, 0).message(), "100%1: Server is busy"_s);

@@ -2,11 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <latch>
-#include <memory>
 #include <new>
+#include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace tavo::utils {
@@ -33,13 +33,15 @@ public:
     QString message() const override { return TextError::message() + QStringLiteral(", in detail"); }
 };
 
-class CountingError final : public Exception
+class OpenError final : public Exception
 {
 public:
-    QString message() const override { return QString::number(++*m_compositions); }
+    explicit OpenError(QString initial)
+        : text(std::move(initial))
+    {}
+    QString message() const override { return QStringLiteral("failed: ") + text; }
 
-private:
-    std::shared_ptr<std::atomic<int>> m_compositions = std::make_shared<std::atomic<int>>(0);
+    QString text;
 };
 
 class UnspeakableError final : public Exception
@@ -61,12 +63,24 @@ TEST(Exception, ReflectsTheMostDerivedMessage)
     EXPECT_STREQ(base.what(), "it failed, in detail");
 }
 
-TEST(Exception, ComposesItsTextOnce)
+TEST(Exception, KeepsItsTextInPlaceAsLongAsTheMessageStays)
 {
-    const CountingError error;
-    const char* const first = error.what();
-    EXPECT_STREQ(first, "1");
-    EXPECT_EQ(error.what(), first);
+    for (const char* const text : {"", "short", "much longer than a text that fits into its object"}) {
+        const TextError error(QString::fromUtf8(text));
+        const char* const first = error.what();
+        EXPECT_STREQ(first, text);
+        EXPECT_EQ(error.what(), first);
+    }
+}
+
+TEST(Exception, FollowsAFieldThatChanges)
+{
+    OpenError error(QStringLiteral("once"));
+    EXPECT_STREQ(error.what(), "failed: once");
+    error.text = QStringLiteral("and again, at greater length");
+    EXPECT_STREQ(error.what(), "failed: and again, at greater length");
+    error.text.clear();
+    EXPECT_STREQ(error.what(), "failed: ");
 }
 
 TEST(Exception, ComposesTheTextOfACopyAnew)
@@ -97,7 +111,10 @@ TEST(Exception, FallsBackToAFixedTextWhenTheMessageCannotBeComposed)
 TEST(Exception, GivesManyThreadsTheSameText)
 {
     for (int round = 0; round < 100; ++round) {
-        const CountingError error;
+        OpenError error(QStringLiteral("before"));
+        static_cast<void>(error.what());
+        error.text = QString::number(round);
+        const std::string expected = "failed: " + std::to_string(round);
         std::latch start(4);
         std::vector<const char*> seen(4);
         {
@@ -109,8 +126,10 @@ TEST(Exception, GivesManyThreadsTheSameText)
                 });
             }
         }
-        for (const char* const text : seen)
+        for (const char* const text : seen) {
             ASSERT_EQ(text, seen.front());
+            ASSERT_EQ(text, expected);
+        }
     }
 }
 
