@@ -1,5 +1,8 @@
 #include "tavo_utils/mutex.h"
 
+#include <tavo_utils/assert.h>
+#include <tavo_utils/formatter.h>
+
 #include <cerrno>
 #include <system_error>
 
@@ -22,6 +25,9 @@ void throwOnError(int code, const char* what)
         throw std::system_error(code, std::generic_category(), what);
     }
 }
+
+/// Fixed, because monitoring matches on it; moving code must not change it.
+constexpr SourcePosition unlockPosition{"tavo_utils/mutex", 60};
 
 /// Error checking costs a comparison and turns a deadlock of a thread with itself into an exception.
 int pthreadType(Mutex::RecursionMode mode)
@@ -62,12 +68,25 @@ bool Mutex::tryLock(SourcePosition position)
 
 void Mutex::unlock()
 {
+    if (!isHeldByThisThread()) {
+        return reportWrongUnlock();
+    }
     notify(*this, holder(), LockEvent::unlocked);
     if (--m_depth == 0) {
+        m_owner.store(std::thread::id(), std::memory_order_relaxed);
         m_holderFile.store("", std::memory_order_relaxed);
         m_holderLine.store(0, std::memory_order_relaxed);
     }
     pthread_mutex_unlock(&m_mutex);
+}
+
+// An assertion rather than an exception, because `unlock` is called by destructors.
+void Mutex::reportWrongUnlock() const
+{
+    const bool isHeld = m_owner.load(std::memory_order_relaxed) != std::thread::id();
+    const SourcePosition since = holder();
+    assertFailure(unlockPosition, "isHeldByThisThread()",
+        isHeld ? utils::format(u"Held since %1:%2", since.file, since.line) : QStringLiteral("Not held"));
 }
 
 SourcePosition Mutex::holder() const noexcept
@@ -75,9 +94,16 @@ SourcePosition Mutex::holder() const noexcept
     return {m_holderFile.load(std::memory_order_relaxed), m_holderLine.load(std::memory_order_relaxed)};
 }
 
+// Relaxed is enough: only this thread stores its own id and takes it away again.
+bool Mutex::isHeldByThisThread() const noexcept
+{
+    return m_owner.load(std::memory_order_relaxed) == std::this_thread::get_id();
+}
+
 void Mutex::taken(SourcePosition position) noexcept
 {
     if (m_depth++ == 0) {
+        m_owner.store(std::this_thread::get_id(), std::memory_order_relaxed);
         m_holderFile.store(position.file, std::memory_order_relaxed);
         m_holderLine.store(position.line, std::memory_order_relaxed);
     }

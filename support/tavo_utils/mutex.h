@@ -6,6 +6,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <thread>
 #include <utility>
 
 namespace tavo {
@@ -44,7 +45,8 @@ public:
     /// \return whether it did; false also for the holder of a non-recursive mutex
     bool tryLock(SourcePosition position = {});
 
-    /// Undoes one `lock`. Only the holder may call it.
+    /// Undoes one `lock`. Only the holder may call it; a call by another thread, or while nobody holds the
+    /// mutex, is reported as an assertion and changes nothing.
     void unlock();
 
     /// Where the current holder locked the mutex (with recursion, the outermost lock); an empty file and line
@@ -53,12 +55,17 @@ public:
     SourcePosition holder() const noexcept;
 
 private:
+    bool isHeldByThisThread() const noexcept;
+    void reportWrongUnlock() const;
     void taken(SourcePosition position) noexcept;
 
     pthread_mutex_t m_mutex;
 
     /// Guarded by `m_mutex`.
     int m_depth = 0;
+
+    /// The default id when the mutex is free.
+    std::atomic<std::thread::id> m_owner{};
 
     std::atomic<const char*> m_holderFile{""};
     std::atomic<int> m_holderLine{0};

@@ -1,3 +1,4 @@
+#include "support/assertion_capture.h"
 #include <tavo_utils/mutex.h>
 
 #include <gmock/gmock.h>
@@ -68,6 +69,76 @@ TEST(Mutex, ThrowsInsteadOfWaitingForItselfWhenNotRecursive)
     EXPECT_FALSE(mutex.tryLock());
     EXPECT_EQ(mutex.holder().line, 1);
     mutex.unlock();
+    EXPECT_TRUE(otherThreadCanLock(mutex));
+}
+
+void unlockOnAnotherThread(Mutex& mutex)
+{
+    std::async(std::launch::async, [&] { mutex.unlock(); }).get();
+}
+
+TEST(Mutex, ReportsAnUnlockByAThreadThatDoesNotHoldIt)
+{
+    const test::AssertionCapture assertions;
+    Mutex mutex(Mode::recursive);
+    mutex.lock({"some/file", 141});
+    mutex.lock();
+    for (int i = 0; i < 3; ++i)
+        unlockOnAnotherThread(mutex);
+    const test::AssertionCapture::Failure failure{
+        "tavo_utils/mutex", 60, "isHeldByThisThread()", "Held since some/file:141"};
+    EXPECT_THAT(assertions.failures(), ElementsAre(failure, failure, failure));
+
+    EXPECT_STREQ(mutex.holder().file, "some/file");
+    mutex.unlock();
+    EXPECT_EQ(mutex.holder().line, 141) << "still held once";
+    EXPECT_FALSE(otherThreadCanLock(mutex));
+    mutex.unlock();
+    EXPECT_EQ(mutex.holder().line, 0);
+    EXPECT_TRUE(otherThreadCanLock(mutex));
+}
+
+TEST(Mutex, ReportsAnUnlockWhileNobodyHoldsIt)
+{
+    for (const Mode mode : {Mode::nonRecursive, Mode::recursive}) {
+        const test::AssertionCapture assertions;
+        Mutex mutex(mode);
+        mutex.unlock();
+        mutex.lock({"some/file", 141});
+        mutex.unlock();
+        mutex.unlock();
+        const test::AssertionCapture::Failure failure{
+            "tavo_utils/mutex", 60, "isHeldByThisThread()", "Not held"};
+        EXPECT_THAT(assertions.failures(), ElementsAre(failure, failure));
+        EXPECT_TRUE(otherThreadCanLock(mutex));
+    }
+}
+
+TEST(Mutex, StaysWithItsHolderWhileOthersUnlockWrongly)
+{
+    const test::AssertionCapture assertions;
+    Mutex mutex(Mode::recursive);
+    std::atomic<bool> stop{false};
+    int count = 0;
+    {
+        const std::jthread wrong([&] {
+            while (!stop)
+                mutex.unlock();
+        });
+        const auto increment = [&] {
+            for (int i = 0; i < 1000; ++i) {
+                const MutexLocker outer(mutex, {"some/file", 141});
+                const MutexLocker inner(mutex);
+                count += mutex.holder().line == 141 ? 1 : 0;
+            }
+        };
+        {
+            const std::jthread first(increment);
+            const std::jthread second(increment);
+        }
+        stop = true;
+    }
+    EXPECT_EQ(count, 2000);
     EXPECT_TRUE(otherThreadCanLock(mutex));
 }
 
@@ -201,6 +272,19 @@ TEST(LockObserver, SeesEveryLockWhileTheMutexIsHeld)
     mutex.lock({"c", 3});
     mutex.unlock();
     EXPECT_THAT(observed, ElementsAre("locked a:1", "locked b:2", "unlocked a:1", "unlocked a:1"));
+}
+
+TEST(LockObserver, SeesNoUnlockThatChangesNothing)
+{
+    observed.clear();
+    const test::AssertionCapture assertions;
+    Mutex mutex(Mode::recursive);
+    mutex.lock({"a", 1});
+    setLockObserver(&observe);
+    unlockOnAnotherThread(mutex);
+    setLockObserver(nullptr);
+    mutex.unlock();
+    EXPECT_THAT(observed, testing::IsEmpty());
 }
 
 } // namespace
