@@ -7,10 +7,41 @@ namespace {
 /// What may be shown of a text that could not be parsed: nothing before its last "@".
 QString withoutUserInfo(const QString& text) { return text.mid(text.lastIndexOf(u'@') + 1); }
 
+/// Whether parsing this text gives an invalid URL like the one with this error.
+bool failsAlike(const QString& text, const QString& error)
+{
+    return QUrl(text, QUrl::TolerantMode).errorString() == error ||
+           QUrl(text, QUrl::StrictMode).errorString() == error;
+}
+
+/// The text that an invalid URL was parsed from, or one that is no URL either; null for others.
+///
+/// An invalid `QUrl` shows its text in `errorString` only: `REASON; source was "TEXT"; PARTS`. Text and parts
+/// may hold `";` themselves, and after a setter the text is just its argument, which may be a password or a
+/// URL by itself. So a text is believed when it can be seen to fail in the same way.
+QString invalidTextOf(const QUrl& url)
+{
+    const QString error = url.errorString();
+    if (error.isEmpty()) {
+        return {};
+    }
+    const QString before = QStringLiteral("; source was \"");
+    const QString after = QStringLiteral("\";");
+    const qsizetype begin = error.indexOf(before) + before.size();
+    for (qsizetype end = error.indexOf(after, begin); end >= 0; end = error.indexOf(after, end + 1)) {
+        QString text = error.mid(begin, end - begin);
+        if (failsAlike(text, error)) {
+            return text;
+        }
+    }
+    return QStringLiteral("(invalid URL)");
+}
+
 } // namespace
 
 Url::Url(const QUrl& url)
     : m_url(url)
+    , m_invalidText(invalidTextOf(url))
 {}
 
 Url::Url(const QString& text)

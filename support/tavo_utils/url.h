@@ -17,7 +17,8 @@ public:
     /// An empty URL, which is not valid.
     Url() = default;
 
-    /// Implicit: a `QUrl` is the same value.
+    /// Implicit: a `QUrl` is the same value. Keeps the text that an invalid one was parsed from. Where
+    /// `QUrl` has lost that, as when a setter made it invalid, the text is `(invalid URL)`.
     Url(const QUrl& url);
 
     /// Parses strictly: a text that is no URL gives an invalid one; nothing is corrected.
