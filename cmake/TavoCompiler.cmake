@@ -22,7 +22,8 @@ find_program(CCACHE_PROGRAM ccache)
 if(CCACHE_PROGRAM AND PROJECT_IS_TOP_LEVEL AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
     # Compares precompiled headers by content, and shares results with copies of this tree in other places.
     set(CMAKE_CXX_COMPILER_LAUNCHER "${CMAKE_COMMAND}" -E env
-        CCACHE_NOHASHDIR=1 CCACHE_SLOPPINESS=pch_defines,time_macros "${CCACHE_PROGRAM}")
+        "CCACHE_BASEDIR=${PROJECT_SOURCE_DIR}" CCACHE_NOHASHDIR=1 CCACHE_SLOPPINESS=pch_defines,time_macros
+        "${CCACHE_PROGRAM}")
 endif()
 
 add_library(tavo_flags INTERFACE)
