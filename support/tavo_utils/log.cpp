@@ -2,16 +2,13 @@
 
 #include <tavo_utils/async_operation_guard.h>
 #include <tavo_utils/scope_guard.h>
+#include <tavo_utils/tag_names.h>
 
 #include <QMessageLogContext>
 
-#include <cxxabi.h>
-
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <map>
-#include <string_view>
 
 namespace tavo::log {
 
@@ -41,6 +38,7 @@ struct State
     std::mutex mutex;
     Level maxLevel = Level::info;
     std::map<QString, Level> tagLevels;
+    TagNames tagNames;
     ReducerConfig reducer;
     std::shared_ptr<GuardedSink> sink = std::make_shared<GuardedSink>(Sink());
 };
@@ -52,7 +50,6 @@ State& state()
     return *instance;
 }
 
-constinit std::atomic<bool> hasTagLevels{false};
 constinit std::atomic<bool> passwordsShown{false};
 
 /// To be called with the state's mutex held, after every change of a limit.
@@ -62,40 +59,7 @@ void updateCeiling(const State& limits)
     for (const auto& [name, level] : limits.tagLevels) {
         greatest = std::max(greatest, level);
     }
-    hasTagLevels.store(!limits.tagLevels.empty(), std::memory_order_relaxed);
     detail::ceiling.store(static_cast<int>(greatest), std::memory_order_relaxed);
-}
-
-Level limitFor(const Tag& tag)
-{
-    const bool isByName = hasTagLevels.load(std::memory_order_relaxed);
-    const QString name = isByName ? tag.name() : QString();
-    const std::lock_guard lock(state().mutex);
-    const auto found = state().tagLevels.find(name);
-    return isByName && found != state().tagLevels.end() ? found->second : state().maxLevel;
-}
-
-QString demangled(const std::type_info& type)
-{
-    int status = 0;
-    const std::unique_ptr<char, decltype(&std::free)> name(
-        abi::__cxa_demangle(type.name(), nullptr, nullptr, &status), &std::free);
-    return QString::fromUtf8(name ? name.get() : type.name());
-}
-
-/// The part after the last `::` that is not inside the arguments of a template or function.
-QString lastComponent(const QString& name)
-{
-    int depth = 0;
-    for (qsizetype i = name.size() - 1; i > 0; --i) {
-        const QChar c = name[i];
-        depth += c == u'>' || c == u')' ? 1 : 0;
-        depth -= c == u'<' || c == u'(' ? 1 : 0;
-        if (depth == 0 && c == u':' && name[i - 1] == u':') {
-            return name.mid(i + 1);
-        }
-    }
-    return name;
 }
 
 /// By design: the logger is asked directly, without the category's own check, since our levels have decided.
@@ -174,11 +138,17 @@ void clearTagLevels()
     updateCeiling(state());
 }
 
-QString Tag::name() const
+Level Tag::limit() const
 {
-    const QString name = demangled(*m_type);
-    return m_address ? name : lastComponent(name);
+    const std::lock_guard lock(state().mutex);
+    if (state().tagLevels.empty()) {
+        return state().maxLevel;
+    }
+    const auto found = state().tagLevels.find(state().tagNames.of(*m_type, m_address == nullptr));
+    return found != state().tagLevels.end() ? found->second : state().maxLevel;
 }
+
+QString Tag::name() const { return tagName(*m_type, m_address == nullptr); }
 
 QString Tag::toString() const
 {
@@ -190,7 +160,7 @@ QString Tag::toString() const
     return utils::format(u"%1(0x%2%3)", name(), address, text);
 }
 
-bool admits(Level level, const Tag& tag) { return admits(level) && level <= limitFor(tag); }
+bool admits(Level level, const Tag& tag) { return admits(level) && level <= tag.limit(); }
 
 void setReducerConfig(const ReducerConfig& config)
 {

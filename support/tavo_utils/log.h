@@ -48,7 +48,8 @@ TAVO_UTILS_EXPORT Level maxLevel();
 /// Gives the tags with this name a limit of their own, which may admit more or less than the process-wide
 /// one.
 ///
-/// While there are such limits, checking a level costs a comparison of names.
+/// While there are such limits, checking a level costs a look-up of the type's name. The name is composed by
+/// the first check of a type; up to 256 names of objects and as many of scopes are kept for later ones.
 /// \param typeName what `Tag::name` gives: the full type name of an object (`tavo::ldap::Session`), the short
 ///        name of a function's scope
 TAVO_UTILS_EXPORT void setTagLevel(const QString& typeName, Level level);
@@ -77,6 +78,11 @@ public:
     QString toString() const;
 
 private:
+    friend TAVO_UTILS_EXPORT bool admits(Level level, const Tag& tag);
+
+    /// The greatest level that is written under this tag.
+    Level limit() const;
+
     const std::type_info* m_type;
     const void* m_address;
     QString m_text;

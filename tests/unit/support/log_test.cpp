@@ -1,3 +1,4 @@
+#include "allocation_count.h"
 #include "support/log_capture.h"
 #include <tavo_utils/log.h>
 
@@ -235,6 +236,110 @@ TEST_F(Log, ClearingTheTagsLimitsRestoresTheProcessWideOne)
     EXPECT_FALSE(admits(Level::debug));
     EXPECT_FALSE(admits(Level::debug, scopeTag<Scope>()));
     EXPECT_TRUE(admits(Level::info, scopeTag<Animal>()));
+}
+
+TEST_F(Log, DecidesForATypeThatItKnowsWithoutAllocating)
+{
+    const Dog dog;
+    const auto decide = [&] {
+        return std::vector{admits(Level::debug, tag(static_cast<const Animal&>(dog))),
+            admits(Level::debug, scopeTag<Dog>()), admits(Level::debug, scopeTag<Scope>())};
+    };
+    const auto allocations = [&] {
+        const std::size_t before = test::allocationsOfThisThread();
+        EXPECT_FALSE(admits(Level::debug, tag(static_cast<const Animal&>(dog))));
+        EXPECT_TRUE(admits(Level::debug, scopeTag<Dog>()));
+        EXPECT_FALSE(admits(Level::debug, scopeTag<Scope>()));
+        return test::allocationsOfThisThread() - before;
+    };
+    setTagLevel(QStringLiteral("Dog"), Level::debug);
+    EXPECT_THAT(decide(), ElementsAre(false, true, false));
+    EXPECT_EQ(allocations(), 0U);
+    setTagLevel(QStringLiteral("another"), Level::verbose);
+    EXPECT_EQ(allocations(), 0U) << "names outlive a change of the limits";
+
+    const std::size_t before = test::allocationsOfThisThread();
+    static_cast<void>(tag(dog).name());
+    EXPECT_GT(test::allocationsOfThisThread(), before) << "they are counted";
+}
+
+TEST_F(Log, TellsAnObjectFromAScopeOfTheSameTypeByTheirNames)
+{
+    const Dog dog;
+    setTagLevel(QStringLiteral("another"), Level::verbose);
+    EXPECT_FALSE(admits(Level::debug, scopeTag<Dog>()));
+    EXPECT_FALSE(admits(Level::debug, tag(dog)));
+    setTagLevel(QStringLiteral("Dog"), Level::debug);
+    EXPECT_TRUE(admits(Level::debug, scopeTag<Dog>()));
+    EXPECT_FALSE(admits(Level::debug, tag(dog)));
+    clearTagLevels();
+    setTagLevel(QStringLiteral("tavo::log::Dog"), Level::debug);
+    EXPECT_FALSE(admits(Level::debug, scopeTag<Dog>()));
+    EXPECT_TRUE(admits(Level::debug, tag(dog)));
+}
+
+TEST_F(Log, LimitsEveryScopeOfOneName)
+{
+    const auto first = [] {
+        struct sameName
+        {};
+        return admits(Level::debug, scopeTag<sameName>());
+    };
+    const auto second = [] {
+        struct sameName
+        {};
+        return admits(Level::debug, scopeTag<sameName>());
+    };
+    setTagLevel(QStringLiteral("sameName"), Level::debug);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_TRUE(first());
+        EXPECT_TRUE(second());
+    }
+}
+
+template <std::size_t number>
+struct Numbered
+{};
+
+template <std::size_t... numbers>
+std::vector<Tag> numberedTags(std::index_sequence<numbers...>)
+{
+    return {scopeTag<Numbered<numbers>>()...};
+}
+
+TEST_F(Log, DecidesRightlyForMoreTypesThanItRemembers)
+{
+    const std::vector<Tag> tags = numberedTags(std::make_index_sequence<300>());
+    for (const Tag& own : tags)
+        setTagLevel(own.name(), Level::debug);
+    setTagLevel(QStringLiteral("another"), Level::verbose);
+    for (int i = 0; i < 2; ++i) {
+        for (const Tag& own : tags) {
+            ASSERT_TRUE(admits(Level::debug, own)) << own.name().toStdString();
+            ASSERT_FALSE(admits(Level::verbose, own)) << own.name().toStdString();
+        }
+    }
+}
+
+TEST_F(Log, DecidesWhileOtherThreadsDecideAndSetLimits)
+{
+    const std::vector<Tag> tags = numberedTags(std::make_index_sequence<100>());
+    std::latch start(4);
+    std::atomic<int> admitted{0};
+    const auto decide = [&] {
+        start.arrive_and_wait();
+        for (const Tag& own : tags)
+            admitted += admits(Level::info, own) ? 1 : 0;
+    };
+    {
+        const std::jthread first(decide);
+        const std::jthread second(decide);
+        const std::jthread third(decide);
+        start.arrive_and_wait();
+        for (int i = 0; i < 100; ++i)
+            setTagLevel(QString::number(i), Level::debug);
+    }
+    EXPECT_EQ(admitted, 300);
 }
 
 TEST_F(Log, LeavesErrnoAlone)

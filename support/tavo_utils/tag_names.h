@@ -1,0 +1,40 @@
+#pragma once
+
+#include <QString>
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <typeinfo>
+#include <unordered_map>
+
+namespace tavo::log {
+
+/// The name of a tag: the type as C++ writes it; of a scope, the last part of that.
+QString tagName(const std::type_info& type, bool isScope);
+
+/// The names of the tags seen so far, so that each is composed once.
+///
+/// Threads: one at a time uses an object.
+class TagNames
+{
+public:
+    /// `tagName` of the same arguments; allocates no memory when they were asked for before.
+    QString of(const std::type_info& type, bool isScope);
+
+private:
+    struct Hash : std::hash<std::string_view>
+    {
+        using is_transparent = void;
+    };
+
+    /// By the type's mangled name. That is what `std::type_info` compares, too, but its objects may go with
+    /// the library that they are in, and another library may take their place.
+    using Names = std::unordered_map<std::string, QString, Hash, std::equal_to<>>;
+
+    Names m_objects;
+    Names m_scopes;
+};
+
+} // namespace tavo::log
