@@ -2,8 +2,10 @@
 
 #include <cxxabi.h>
 
+#include <cstddef>
 #include <cstdlib>
 #include <memory>
+#include <string_view>
 
 namespace tavo::log {
 

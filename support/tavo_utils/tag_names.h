@@ -2,12 +2,10 @@
 
 #include <QString>
 
-#include <cstddef>
 #include <functional>
+#include <map>
 #include <string>
-#include <string_view>
 #include <typeinfo>
-#include <unordered_map>
 
 namespace tavo::log {
 
@@ -24,14 +22,9 @@ public:
     QString of(const std::type_info& type, bool isScope);
 
 private:
-    struct Hash : std::hash<std::string_view>
-    {
-        using is_transparent = void;
-    };
-
     /// By the type's mangled name. That is what `std::type_info` compares, too, but its objects may go with
     /// the library that they are in, and another library may take their place.
-    using Names = std::unordered_map<std::string, QString, Hash, std::equal_to<>>;
+    using Names = std::map<std::string, QString, std::less<>>;
 
     Names m_objects;
     Names m_scopes;
