@@ -70,7 +70,7 @@ public:
 
         /// A true lock while the owner exists; a false one once its `invalidate` has begun. Any number of
         /// threads may each hold several. Allocates no memory.
-        Lock lock() const noexcept;
+        [[nodiscard]] Lock lock() const noexcept;
 
     private:
         friend class AsyncOperationGuard;

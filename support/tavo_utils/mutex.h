@@ -43,7 +43,7 @@ public:
 
     /// Locks the mutex if that needs no waiting.
     /// \return whether it did; false also for the holder of a non-recursive mutex
-    bool tryLock(SourcePosition position = {});
+    [[nodiscard]] bool tryLock(SourcePosition position = {});
 
     /// Undoes one `lock`. Only the holder may call it; a call by another thread, or while nobody holds the
     /// mutex, is reported as an assertion and changes nothing.
@@ -199,10 +199,13 @@ public:
 
     /// Waits for the mutex and gives access to the value.
     /// \throws what `Mutex::lock` throws
-    Accessor<T> lock(SourcePosition position = {}) { return Accessor<T>(m_mutex, m_value, position); }
+    [[nodiscard]] Accessor<T> lock(SourcePosition position = {})
+    {
+        return Accessor<T>(m_mutex, m_value, position);
+    }
 
     /// The same, for reading.
-    Accessor<const T> lock(SourcePosition position = {}) const
+    [[nodiscard]] Accessor<const T> lock(SourcePosition position = {}) const
     {
         return Accessor<const T>(m_mutex, m_value, position);
     }

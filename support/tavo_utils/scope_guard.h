@@ -10,7 +10,7 @@ namespace tavo::utils {
 ///
 /// Can neither be copied nor moved. A clean-up that throws ends the program.
 template <class F>
-class ScopeGuard
+class [[nodiscard]] ScopeGuard
 {
 public:
     explicit ScopeGuard(F cleanUp)

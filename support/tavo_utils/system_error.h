@@ -26,7 +26,7 @@ public:
 };
 
 /// Restores `errno` at the end of the scope to its value at the beginning.
-class SystemErrorKeeper
+class [[nodiscard]] SystemErrorKeeper
 {
 public:
     SystemErrorKeeper() noexcept
