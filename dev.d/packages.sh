@@ -12,7 +12,7 @@ declare -A packages=(
     [coverage]="gcovr python3"
     [fuzz]="clang libclang-rt-dev"
     [mutate]="git python3"
-    [lint]="clang clang-format clang-tidy shellcheck git"
+    [lint]="clang clang-format clang-tidy shellcheck git python3"
 )
 
 # install_missing PURPOSE...: installs those packages of the purposes that are missing; otherwise touches nothing.

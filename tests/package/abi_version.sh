@@ -15,7 +15,7 @@ for version in 0.0 "0.$((${minor#0.} + 1))"; do
     mkdir -p "$work"
     printf 'cmake_minimum_required(VERSION 3.25)\nproject(p LANGUAGES CXX)\nfind_package(tavo_ldap %s REQUIRED)\n' \
         "$version" >"$work/CMakeLists.txt"
-    if cmake -S "$work" -B "$work/build" -DCMAKE_PREFIX_PATH="$TAVO_PREFIX" >"$work/log" 2>&1; then
+    if cmake -S "$work" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$TAVO_PREFIX" >"$work/log" 2>&1; then
         echo "a program written for version $version takes this library" >&2
         exit 1
     fi
