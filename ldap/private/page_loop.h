@@ -23,6 +23,8 @@ class SearchTicket;
 class PagedSearch
 {
 public:
+    virtual ~PagedSearch() = default;
+
     /// Whether the final call hasn't begun.
     virtual bool isRunning() const = 0;
 
@@ -31,9 +33,6 @@ public:
 
     /// Makes the final call, unless the search has been stopped.
     virtual void finish(int ldapCode, std::vector<SearchEntry> lastPage) = 0;
-
-protected:
-    ~PagedSearch() = default;
 };
 
 /// What a page loop asks for, and where. All of it belongs to the search.

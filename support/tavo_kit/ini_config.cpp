@@ -19,7 +19,7 @@ namespace tavo::kit {
 namespace {
 
 /// Far more than people write; a larger file is a mistake.
-constexpr qsizetype maxFileSize = 1024 * 1024;
+constexpr qsizetype maxFileSize = 1'048'576;
 
 std::optional<bool> parseBool(const QString& text)
 {
