@@ -2,6 +2,7 @@
 # What a change must pass besides ./dev test. Each line of the list is a command; all of them run, even after a failure.
 
 readonly check_steps=(
+    "check_demo"
     "check_release"
     "sanitize asan"
     "sanitize tsan"
@@ -13,6 +14,11 @@ readonly check_steps=(
     "check_fuzz"
     "cmd_lint"
 )
+
+# The first command that README.md shows.
+check_demo() {
+    step "demo" ./dev demo
+}
 
 # The command line that README.md gives to users.
 build_release() {
