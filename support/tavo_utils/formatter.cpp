@@ -49,10 +49,7 @@ QString toText(const std::string& utf8) { return toText(std::string_view(utf8));
 
 QString toText(const char* utf8) { return QString::fromUtf8(utf8); }
 
-QString toText(const Url& url)
-{
-    return url.toString(QUrl::FormattingOptions(QUrl::FullyEncoded) | QUrl::RemovePassword);
-}
+QString toText(const Url& url) { return url.withoutUserInfo().toString(); }
 
 QString Formatter::toString() const
 {

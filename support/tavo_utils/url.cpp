@@ -1,11 +1,22 @@
 #include "tavo_utils/url.h"
 
+#include <algorithm>
+
 namespace tavo::utils {
 
 namespace {
 
-/// What may be shown of a text that could not be parsed: nothing before its last "@".
-QString withoutUserInfo(const QString& text) { return text.mid(text.lastIndexOf(u'@') + 1); }
+/// Where `QUrl` begins to repeat the text that it couldn't parse.
+const QString kQuotedSource = QStringLiteral("; source was \"");
+
+/// What may be shown of a text that could not be parsed: nothing before its last "@", escaped or not.
+QString textWithoutUserInfo(const QString& text)
+{
+    const QString escaped = QStringLiteral("%40");
+    const qsizetype at = text.lastIndexOf(u'@') + 1;
+    const qsizetype escapedAt = text.lastIndexOf(escaped);
+    return text.mid(escapedAt < 0 ? at : std::max(at, escapedAt + escaped.size()));
+}
 
 /// Whether parsing this text gives an invalid URL like the one with this error.
 bool failsAlike(const QString& text, const QString& error)
@@ -25,9 +36,8 @@ QString invalidTextOf(const QUrl& url)
     if (error.isEmpty()) {
         return {};
     }
-    const QString before = QStringLiteral("; source was \"");
     const QString after = QStringLiteral("\";");
-    const qsizetype begin = error.indexOf(before) + before.size();
+    const qsizetype begin = error.indexOf(kQuotedSource) + kQuotedSource.size();
     for (qsizetype end = error.indexOf(after, begin); end >= 0; end = error.indexOf(after, end + 1)) {
         QString text = error.mid(begin, end - begin);
         if (failsAlike(text, error)) {
@@ -57,7 +67,7 @@ QString Url::toString(QUrl::FormattingOptions options) const
     if (m_invalidText.isEmpty()) {
         return m_url.toString(options);
     }
-    return options.testFlag(QUrl::RemovePassword) ? withoutUserInfo(m_invalidText) : m_invalidText;
+    return options.testFlag(QUrl::RemovePassword) ? textWithoutUserInfo(m_invalidText) : m_invalidText;
 }
 
 std::string Url::toStdString(QUrl::FormattingOptions options) const
@@ -75,6 +85,22 @@ bool Url::isValid() const { return m_url.isValid(); }
 
 bool Url::isEmpty() const { return m_url.isEmpty(); }
 
-QString Url::errorString() const { return m_url.errorString(); }
+Url Url::withoutUserInfo() const
+{
+    Url shown = *this;
+    if (m_invalidText.isEmpty()) {
+        shown.m_url.setUserInfo({});
+    } else {
+        shown.m_url = QUrl();
+        shown.m_invalidText = textWithoutUserInfo(m_invalidText);
+    }
+    return shown;
+}
+
+QString Url::errorString() const
+{
+    const QString error = m_url.errorString();
+    return error.left(error.indexOf(kQuotedSource));
+}
 
 } // namespace tavo::utils

@@ -46,7 +46,11 @@ public:
     bool isValid() const;
     bool isEmpty() const;
 
-    /// Why the URL is invalid; empty when it is valid.
+    /// The URL without name and password, for logs and people. Of an invalid one nothing before its last
+    /// "@" is left, since a password may be anywhere before it.
+    Url withoutUserInfo() const;
+
+    /// Why the URL is invalid; empty when it is valid. Doesn't repeat the URL, which may hold a password.
     QString errorString() const;
 
     bool operator==(const Url& other) const = default;

@@ -10,9 +10,12 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <iostream>
 #include <map>
 #include <optional>
+#include <sstream>
 #include <string>
+#include <string_view>
 
 namespace tavo::tool {
 
@@ -121,8 +124,13 @@ utils::Url readUrl(const std::string& given)
     utils::Url url(text(given));
     const QString scheme = url.scheme().toLower();
     const bool known = scheme == QLatin1String("ldap") || scheme == QLatin1String("ldaps");
+    if (given.find('@') != std::string::npos) {
+        throw UsageError("--url holds a name or password: give them by --admin-dn and by --password-file or "
+                         "--password-env");
+    }
     if (!url.isValid() || url.host().isEmpty() || !known) {
-        throw UsageError("--url " + given + " is not of the form ldap://HOST[:PORT] or ldaps://HOST[:PORT]");
+        throw UsageError("--url " + url.withoutUserInfo().toStdString() +
+                         " is not of the form ldap://HOST[:PORT] or ldaps://HOST[:PORT]");
     }
     return url;
 }
@@ -156,6 +164,18 @@ Options checked(const Arguments& arguments, Command command)
     options.settings.searchPageSize = arguments.pageSize;
     checkCredentials(options.settings);
     return options;
+}
+
+/// The complaint about arguments may repeat them, a URL with a password included.
+std::string withoutUserInfo(const std::string& complaint)
+{
+    const std::string_view beforeUser = "://";
+    const auto begin = complaint.find(beforeUser);
+    const auto at = complaint.rfind('@');
+    if (begin == std::string::npos || at == std::string::npos || at < begin) {
+        return complaint;
+    }
+    return complaint.substr(0, begin + beforeUser.size()) + complaint.substr(at + 1);
 }
 
 void setLogLevel(int verbosity)
@@ -194,7 +214,10 @@ Options parseOptions(int argc, char** argv)
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         // Help and version arrive as "errors" with code 0.
-        throw NothingToDo{app.exit(error) == 0 ? 0 : 2};
+        std::ostringstream complaint;
+        const int code = app.exit(error, std::cout, complaint);
+        std::cerr << withoutUserInfo(complaint.str());
+        throw NothingToDo{code == 0 ? 0 : 2};
     }
     setLogLevel(arguments.verbosity);
     return checked(arguments, command);
