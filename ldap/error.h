@@ -1,5 +1,6 @@
 #pragma once
 
+#include <ldap/connect_failure.h>
 #include <ldap/export.h>
 #include <tavo_utils/exception.h>
 
@@ -39,6 +40,19 @@ public:
     /// The operating system's error code, read right after the failing call; 0 when there is none. The client
     /// library may have changed it by then.
     int systemError;
+
+    /// What the server says about the failure (the diagnostic message of RFC 4511, section 4.1.9); often the
+    /// one text that helps, such as Active Directory's "data 775" for a locked account. Empty when the server
+    /// says nothing or the failure isn't its own. The server's text, unchanged: make it safe where you show
+    /// it. One that repeats the password of the failed bind is withheld.
+    QString serverMessage;
+
+    /// The longest part of the DN that the server knows, for result code 32 and its kin (RFC 4511, section
+    /// 4.1.9); else mostly empty.
+    QString matchedDn;
+
+    /// Why there is no usable connection, where that is why the operation failed.
+    ConnectFailure connectFailure;
 };
 
 /// The server refused the name or the password of a bind (result code 49, RFC 4513).

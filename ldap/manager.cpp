@@ -30,6 +30,7 @@ std::string loggableText(const Settings& settings)
         return settings.toString();
     }
     Settings masked = settings;
+    masked.uri = masked.uri.withoutUserInfo();
     masked.adminPassword = kMaskedPassword;
     return masked.toString();
 }
@@ -74,14 +75,28 @@ public:
 
     SearchContext* fetchUsersAsync(UsersHandler handler, const SearchFilter& filter) override
     {
-        return fetch(
-            UserReader{m_loginAttribute}, std::move(handler), filter, m_userFilter, m_userAttributes);
+        return fetchUsersAsync(std::move(handler), filter, Completeness::asReported, {});
     }
 
     SearchContext* fetchGroupsAsync(GroupsHandler handler, const SearchFilter& filter) override
     {
-        return fetch(GroupReader{QString::fromUtf8(m_memberAttribute)}, std::move(handler), filter,
-            m_groupFilter, m_groupAttributes);
+        return fetchGroupsAsync(std::move(handler), filter, Completeness::asReported, {});
+    }
+
+    SearchContext* fetchUsersAsync(UsersHandler handler, const SearchFilter& filter,
+        Completeness completeness, std::shared_ptr<SearchReport> report) override
+    {
+        return fetch(UserReader{m_loginAttribute}, std::move(handler),
+            {filter.base, combinedFilter(filter.filter, m_userFilter), m_userAttributes, SearchScope::subtree,
+                completeness, std::move(report)});
+    }
+
+    SearchContext* fetchGroupsAsync(GroupsHandler handler, const SearchFilter& filter,
+        Completeness completeness, std::shared_ptr<SearchReport> report) override
+    {
+        return fetch(GroupReader{QString::fromUtf8(m_memberAttribute)}, std::move(handler),
+            {filter.base, combinedFilter(filter.filter, m_groupFilter), m_groupAttributes,
+                SearchScope::subtree, completeness, std::move(report), m_groupAttributes});
     }
 
     void stopAsyncFetch(SearchContext* context) override { m_session->stopAsyncSearch(context); }
@@ -101,20 +116,21 @@ private:
     }
 
     template <class Reader, class Handler>
-    SearchContext* fetch(Reader reader, Handler handler, const SearchFilter& filter,
-        const Filter& configuredFilter, const std::vector<QByteArray>& attributes)
+    SearchContext* fetch(Reader reader, Handler handler, SearchParams params)
     {
+        auto report = params.report;
         return m_session->asyncSearch(
-            {filter.base, combinedFilter(filter.filter, configuredFilter), attributes, SearchScope::subtree},
-            [this, reader = std::move(reader), handler = std::move(handler)](
+            std::move(params),
+            [this, reader = std::move(reader), handler = std::move(handler), report = std::move(report)](
                 Result result, std::vector<SearchEntry> entries) mutable {
-                deliver(reader, handler, result, std::move(entries));
+                deliver(reader, handler, report.get(), result, std::move(entries));
             },
             m_settings.searchPageSize);
     }
 
     template <class Reader, class Handler>
-    void deliver(const Reader& reader, Handler& handler, Result result, std::vector<SearchEntry> entries)
+    void deliver(const Reader& reader, Handler& handler, SearchReport* report, Result result,
+        std::vector<SearchEntry> entries)
     {
         if (!isSuccess(result)) {
             endWithFailure<Reader>(handler, result);
@@ -129,6 +145,9 @@ private:
             // Ends the search, whose final call then comes here.
             throw BaseError(code, QStringLiteral("read entries"), 0);
         } else {
+            if (report != nullptr) {
+                report->ldapCode = code;
+            }
             endWithFailure<Reader>(handler, translateErrorCode(code));
         }
     }

@@ -57,6 +57,15 @@ public:
     /// delivered, those without members included.
     virtual SearchContext* fetchGroupsAsync(GroupsHandler handler, const SearchFilter& filter) = 0;
 
+    /// The same with a say about incomplete lists, as in `SearchParams`. For a host that removes the accounts
+    /// that a list lacks, `Completeness::required` is the right choice.
+    /// \param report filled before the final call of the handler begins; may be null
+    virtual SearchContext* fetchUsersAsync(UsersHandler handler, const SearchFilter& filter,
+        Completeness completeness, std::shared_ptr<SearchReport> report = {}) = 0;
+
+    virtual SearchContext* fetchGroupsAsync(GroupsHandler handler, const SearchFilter& filter,
+        Completeness completeness, std::shared_ptr<SearchReport> report = {}) = 0;
+
     /// Detaches a fetch: its handler is dropped and not called again. Thread-safe. Waits for an intermediate
     /// call that is running on another thread. Comes too late for a fetch whose final call is due: another
     /// thread may be making that call, or be about to, when this returns. What the handler uses must

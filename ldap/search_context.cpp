@@ -3,6 +3,7 @@
 #include <ldap/error.h>
 #include <ldap/private/client_call.h>
 #include <ldap/private/destructor_call.h>
+#include <ldap/private/failure_details.h>
 #include <ldap/private/handle.h>
 #include <ldap/private/page_loop.h>
 #include <ldap/private/positions.h>
@@ -55,9 +56,9 @@ public:
         }
     }
 
-    void finish(int ldapCode, std::vector<SearchEntry> lastPage) override
+    void finish(SearchReport report, std::vector<SearchEntry> lastPage) override
     {
-        m_context.stopAsyncSearch(ldapCode, std::move(lastPage));
+        m_context.stopAsyncSearch(std::move(report), std::move(lastPage));
     }
 
 private:
@@ -86,8 +87,28 @@ SearchContext::~SearchContext()
 
 std::vector<SearchEntry> SearchContext::simpleSearch() const
 {
+    SearchReport report;
+    const utils::ScopeGuard handReport([&] {
+        if (m_params.report) {
+            *m_params.report = std::move(report);
+        }
+    });
+    try {
+        return findEntries(report);
+    } catch (const BaseError& error) {
+        report.ldapCode = error.ldapCode;
+        report.serverMessage = error.serverMessage;
+        report.matchedDn = error.matchedDn;
+        report.connectFailure = error.connectFailure;
+        throw;
+    }
+}
+
+std::vector<SearchEntry> SearchContext::findEntries(SearchReport& report) const
+{
     TAVO_LOG_VERBOSE(log::tag(*this), u"Performing non-paged search");
     SearchRequest request(m_params, m_attributeNames, m_timeout);
+    clearFailureDetails(m_ldap.get());
     LDAPMessage* received = nullptr;
     const auto [rc, systemError] = callClient([&] {
         return ldap_search_ext_s(m_ldap.get(), request.base.constData(), request.scope, request.filter(),
@@ -98,13 +119,16 @@ std::vector<SearchEntry> SearchContext::simpleSearch() const
         stopReading(m_ldap.get());
     }
     if (rc != LDAP_SUCCESS) {
-        int code = rc;
-        if (received != nullptr) {
-            const FinalResult result = readFinalResult(m_ldap.get(), received, /*freeChain*/ true);
-            code = result.code;
-            logFailedSearch(log::tag(*this), m_params.base, result);
+        if (received == nullptr) {
+            BaseError error(rc, QStringLiteral("ldap_search_ext_s"), systemError);
+            addFailureDetails(error, m_ldap.get());
+            throw error;
         }
-        throw BaseError(code, QStringLiteral("ldap_search_ext_s"), systemError);
+        const FinalResult result = readFinalResult(m_ldap.get(), received, /*freeChain*/ true);
+        logFailedSearch(log::tag(*this), m_params.base, result);
+        BaseError error(result.code, QStringLiteral("ldap_search_ext_s"), systemError);
+        addFinalResult(error, result);
+        throw error;
     }
     if (received == nullptr) {
         // The client library's success when another thread has seen the connection end.
@@ -113,6 +137,14 @@ std::vector<SearchEntry> SearchContext::simpleSearch() const
     SearchResponse response(m_ldap.get(), MessagePtr(received, &ldap_msgfree));
     std::vector<SearchEntry> entries = response.entries(m_params.attributes);
     TAVO_LOG_VERBOSE(log::tag(*this), u"Found %1 entries", entries.size());
+    if (response.unreadableEntries() != 0) {
+        report.loss = SearchReport::Loss::unreadableEntry;
+        report.lossDetail = utils::format(
+            u"The DN of %1 entries can't be read; they are left out.", response.unreadableEntries());
+        if (m_params.completeness == Completeness::required) {
+            throw BaseError(LDAP_SIZELIMIT_EXCEEDED, QStringLiteral("ldap_search_ext_s"), 0);
+        }
+    }
     return entries;
 }
 
@@ -177,9 +209,14 @@ void SearchContext::readPages(int pageSize)
 
 bool SearchContext::isAsyncSearchRunning() const { return static_cast<bool>(*m_handler.lock()); }
 
-void SearchContext::stopAsyncSearch() { stopAsyncSearch(LDAP_USER_CANCELLED, {}); }
+void SearchContext::stopAsyncSearch()
+{
+    SearchReport report;
+    report.ldapCode = LDAP_USER_CANCELLED;
+    stopAsyncSearch(std::move(report), {});
+}
 
-void SearchContext::stopAsyncSearch(int ldapCode, std::vector<SearchEntry> entries)
+void SearchContext::stopAsyncSearch(SearchReport report, std::vector<SearchEntry> entries)
 {
     SearchHandler handler;
     std::shared_ptr<SearchTicket> ticket;
@@ -195,7 +232,11 @@ void SearchContext::stopAsyncSearch(int ldapCode, std::vector<SearchEntry> entri
     if (ticket) {
         ticket->giveUp();
     }
-    handler(translateErrorCode(ldapCode), std::move(entries));
+    const Result result = translateErrorCode(report.ldapCode);
+    if (m_params.report) {
+        *m_params.report = std::move(report);
+    }
+    handler(result, std::move(entries));
 }
 
 bool SearchContext::runsOnThisThread() const { return runningOnThisThread == this; }

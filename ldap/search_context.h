@@ -90,7 +90,8 @@ private:
 
     class TAVO_LDAP_NO_EXPORT Pages;
 
-    TAVO_LDAP_NO_EXPORT void stopAsyncSearch(int ldapCode, std::vector<SearchEntry> entries);
+    TAVO_LDAP_NO_EXPORT std::vector<SearchEntry> findEntries(SearchReport& report) const;
+    TAVO_LDAP_NO_EXPORT void stopAsyncSearch(SearchReport report, std::vector<SearchEntry> entries);
     TAVO_LDAP_NO_EXPORT void readPages(int pageSize);
     TAVO_LDAP_NO_EXPORT void reportBrokenOff(const char* reason);
 

@@ -1,10 +1,12 @@
 #pragma once
 
+#include <ldap/search_report.h>
 #include <tavo_utils/formatter.h>
 
 #include <QByteArray>
 #include <QString>
 
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -79,6 +81,18 @@ struct SearchParams
     std::vector<QByteArray> attributes;
 
     SearchScope scope = SearchScope::subtree;
+
+    /// Whether a list that is visibly incomplete fails the search.
+    Completeness completeness = Completeness::asReported;
+
+    /// Filled at the end of the search; may be null.
+    std::shared_ptr<SearchReport> report = {};
+
+    /// Attributes, out of `attributes`, of which a paged search reads all values where the server sends only
+    /// the first range of them (see `RangedValues`). Costs further requests for the entries concerned, which
+    /// are made before their page is delivered. An entry that vanishes meanwhile is left out, with a warning
+    /// in the log. Not followed by `simpleSearch`.
+    std::vector<QByteArray> rangedAttributes = {};
 };
 
 /// Which users or groups are fetched.

@@ -4,10 +4,13 @@
 #include <ldap/private/client_call.h>
 #include <ldap/private/collector.h>
 #include <ldap/private/credentials.h>
+#include <ldap/private/failure_details.h>
 #include <ldap/private/handle.h>
 #include <ldap/private/positions.h>
+#include <ldap/private/reporting_handler.h>
 #include <ldap/private/search_queue.h>
 #include <ldap/private/search_table.h>
+#include <ldap/private/server_url.h>
 #include <ldap/private/tls.h>
 #include <ldap/private/vendor.h>
 #include <ldap/utils.h>
@@ -25,6 +28,22 @@
 
 namespace tavo::ldap {
 
+namespace {
+
+void throwIfRefused(const log::Tag& tag, const utils::Url& url)
+{
+    const QString reason = refusalOf(url);
+    if (reason.isEmpty()) {
+        return;
+    }
+    TAVO_LOG_DEBUG(tag, u"Refusing the URL: %1", reason);
+    BaseError error(LDAP_PARAM_ERROR, QStringLiteral("init"), 0);
+    error.connectFailure = {ConnectFailure::Kind::invalidUrl, QString(), reason};
+    throw error;
+}
+
+} // namespace
+
 Session::Session(const utils::Url& url, bool startTls, bool ignoreCertificateErrors)
     : m_ldap(nullptr, &Session::destroyLdap)
     , m_queue(std::make_shared<SearchQueue>())
@@ -35,6 +54,7 @@ Session::Session(const utils::Url& url, bool startTls, bool ignoreCertificateErr
         m_isSecure = true;
     }
     clearTlsErrors();
+    throwIfRefused(log::tag(*this), url);
     m_ldap = createHandle(url, m_isSecure, ignoreCertificateErrors);
     if (startTls && !m_isSecure) {
         this->startTls();
@@ -52,10 +72,11 @@ void Session::startTls()
     m_isSecure = true;
     TAVO_LOG_VERBOSE(log::tag(*this), u"Upgrading to TLS");
     prepareStartTls(m_ldap.get());
+    clearFailureDetails(m_ldap.get());
     const auto [rc, systemError] =
         callClient([&] { return ldap_start_tls_s(m_ldap.get(), nullptr, nullptr); });
     if (rc != LDAP_SUCCESS) {
-        checkErrorAndThrow(rc, systemError, QStringLiteral("startTls"));
+        throwFailure(rc, systemError, QStringLiteral("startTls"));
     }
 }
 
@@ -68,6 +89,7 @@ void Session::bind(const QString& dn, const QString& password)
     TAVO_LOG_VERBOSE(log::tag(*this), u"Binding to [%1]...", dn);
     const QByteArray name = dn.toUtf8();
     Credentials credentials(password);
+    clearFailureDetails(m_ldap.get());
     const auto [rc, systemError] = callClient([&] {
         return ldap_sasl_bind_s(
             m_ldap.get(), name.constData(), LDAP_SASL_SIMPLE, credentials.get(), nullptr, nullptr, nullptr);
@@ -77,9 +99,11 @@ void Session::bind(const QString& dn, const QString& password)
         return;
     }
     if (rc == LDAP_INVALID_CREDENTIALS) {
-        throw InvalidCredentialsError(dn);
+        InvalidCredentialsError error(dn);
+        explain(error, password);
+        throw error;
     }
-    checkErrorAndThrow(rc, systemError, QStringLiteral("bind"));
+    throwFailure(rc, systemError, QStringLiteral("bind"), password);
 }
 
 QString Session::whoAmI()
@@ -88,10 +112,11 @@ QString Session::whoAmI()
     berval* identity = nullptr;
     const utils::ScopeGuard freeIdentity([&] { ber_bvfree(identity); });
     const bool isShared = m_queue.use_count() > 1;
+    clearFailureDetails(m_ldap.get());
     const auto [rc, systemError] =
         callClient([&] { return ldap_whoami_s(m_ldap.get(), &identity, nullptr, nullptr); });
     if (rc != LDAP_SUCCESS) {
-        checkErrorAndThrow(rc, systemError, QStringLiteral("whoAmI"));
+        throwFailure(rc, systemError, QStringLiteral("whoAmI"));
     }
     if (identity == nullptr && isShared && hasLostConnection(m_ldap.get())) {
         // The client library's success when another thread, a search's, has seen the connection end.
@@ -117,6 +142,28 @@ void Session::checkErrorAndThrow(int ldapCode, int systemError, QString context)
     throw BaseError(ldapCode, std::move(context), systemError);
 }
 
+void Session::throwFailure(int ldapCode, int systemError, QString context, const QString& secret) const
+{
+    try {
+        checkErrorAndThrow(ldapCode, systemError, std::move(context));
+    } catch (BaseError& error) {
+        explain(error, secret);
+        throw;
+    }
+}
+
+void Session::explain(BaseError& error, const QString& secret) const
+{
+    addFailureDetails(error, m_ldap.get(), secret);
+    if (error.ldapCode > 0) {
+        TAVO_LOG_DEBUG(log::tag(*this), u"The server refused, matched DN [%1]; it says: [%2]",
+            error.matchedDn, error.serverMessage);
+    } else if (error.connectFailure.kind != ConnectFailure::Kind::none) {
+        TAVO_LOG_DEBUG(log::tag(*this), u"The connection to %1 failed: %2", error.connectFailure.address,
+            error.connectFailure.detail);
+    }
+}
+
 void Session::destroyLdap(LDAP* ld) { destroyHandle(ld); }
 
 std::unique_ptr<SearchContext> Session::createSearchContext(SearchParams params) const
@@ -140,6 +187,7 @@ std::vector<SearchEntry> Session::simpleSearch(SearchParams params) const
 
 SearchContext* Session::asyncSearch(SearchParams params, SearchHandler handler, int pageSize)
 {
+    handler = reportingHandler(params.report, std::move(handler));
     return m_searches->start(createSharedContext(std::move(params)), m_queue, std::move(handler), pageSize);
 }
 
@@ -154,16 +202,22 @@ std::variant<Result, std::vector<SearchEntry>> Session::search(SearchParams para
     Collector collector;
     std::future<Result> finished = collector.finished();
     const auto entries = collector.entries();
+    const std::shared_ptr<SearchReport> report = params.report;
+    SearchHandler handler = reportingHandler(params.report, std::move(collector));
     auto context = createSharedContext(std::move(params));
     // Forgotten then, or this thread would wait for a final call that nobody is left to make.
     context->m_onBrokenOff = m_searches->brokenOffHandler(context.get());
     try {
-        m_searches->start(std::move(context), m_queue, std::move(collector), pageSize);
+        m_searches->start(std::move(context), m_queue, std::move(handler), pageSize);
     } catch (const BaseError& error) {
         return translateErrorCode(error.ldapCode);
     }
     // From here on the session may be gone: another thread may destroy it while this one waits.
     const Result result = finished.get();
+    if (report && translateErrorCode(report->ldapCode) != result) {
+        // The pages came, but there was no memory to keep them.
+        report->ldapCode = LDAP_NO_MEMORY;
+    }
     if (result != Result::ok) {
         return result;
     }

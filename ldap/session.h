@@ -42,9 +42,12 @@ public:
     /// section 4.14); without, the first operation connects. The first session of a process also makes the
     /// client library read its configuration and look up the machine's own name, which may block.
     ///
-    /// \param url `ldap://host[:port]` or `ldaps://host[:port]`; for the latter `startTls` is ignored
+    /// \param url `ldap://host[:port]` or `ldaps://host[:port]`, for which `startTls` is ignored; also
+    ///        `ldapi://` and a path, or several URLs, separated by blanks, of which the first that answers
+    ///        is used
     /// \param ignoreCertificateErrors accept a certificate that can't be verified, for this session alone
-    /// \throws BaseError, TlsError
+    /// \throws BaseError, TlsError. A URL that is empty, has another scheme, names no host or holds a name or
+    ///         password is refused (LDAP_PARAM_ERROR); `BaseError::connectFailure` says why
     Session(const utils::Url& url, bool startTls, bool ignoreCertificateErrors);
 
     /// Gives the handlers of all running searches `Result::cancelled`, on this thread, and closes the
@@ -129,6 +132,14 @@ public:
 
 private:
     TAVO_LDAP_NO_EXPORT std::shared_ptr<SearchContext> createSharedContext(SearchParams params) const;
+
+    /// Throws the error of a call on the session's own handle, explained.
+    [[noreturn]] TAVO_LDAP_NO_EXPORT void throwFailure(
+        int ldapCode, int systemError, QString context, const QString& secret = {}) const;
+
+    /// Adds to an error, and to the log, what the handle keeps about its last call. A text that contains the
+    /// secret is withheld.
+    TAVO_LDAP_NO_EXPORT void explain(BaseError& error, const QString& secret) const;
 
     std::unique_ptr<LDAP, void (*)(LDAP*)> m_ldap;
     bool m_isSecure = false;

@@ -2,6 +2,7 @@
 
 #include <ldap/error.h>
 #include <ldap/private/handle.h>
+#include <ldap/ranged_values.h>
 #include <tavo_utils/log.h>
 #include <tavo_utils/scope_guard.h>
 
@@ -77,6 +78,34 @@ Attribute LdapSearchEntryAccessor::getAttribute(QString name)
         attribute.values.push_back(QString::fromUtf8((*value)->bv_val, length));
     }
     return attribute;
+}
+
+Attribute LdapSearchEntryAccessor::getRange(const QString& name)
+{
+    BerElement* ber = nullptr;
+    char* description = ldap_first_attribute(m_ldap, m_entry, &ber);
+    const utils::ScopeGuard freeIterator([&] { ber_free(ber, /*freebuf*/ 0); });
+    while (description != nullptr) {
+        QString text = QString::fromUtf8(description);
+        ldap_memfree(description);
+        if (ValueRange::parse(text, name)) {
+            return getAttribute(std::move(text));
+        }
+        description = ldap_next_attribute(m_ldap, m_entry, ber);
+    }
+    return {name, {}};
+}
+
+void LdapSearchEntryAccessor::addRanges(SearchEntry& entry, const std::vector<QByteArray>& attributes)
+{
+    for (const QByteArray& attribute : attributes) {
+        const QString name = QString::fromUtf8(attribute);
+        if (entry.getAttributeFirstValue(name).isNull()) {
+            if (Attribute range = getRange(name); !range.empty()) {
+                entry.attributes.push_back(std::move(range));
+            }
+        }
+    }
 }
 
 } // namespace tavo::ldap

@@ -31,6 +31,14 @@ public:
     /// The attribute with its values; without any when the entry lacks it.
     Attribute getAttribute(QString name);
 
+    /// The first range of the attribute's values (`member;range=0-1499`) that the entry carries; the
+    /// attribute without values when it carries none.
+    Attribute getRange(const QString& name);
+
+    /// Appends to the entry that was made of this message the ranges of those attributes that it has without
+    /// values.
+    void addRanges(SearchEntry& entry, const std::vector<QByteArray>& attributes);
+
 private:
     LDAP* m_ldap;
     LDAPMessage* m_entry;

@@ -75,12 +75,18 @@ void Cookie::release()
 
 bool hasPageControl(const ControlsPtr& controls) { return findPageControl(controls) != nullptr; }
 
-bool hasLivePageCookie(LDAP* ld, const ControlsPtr& controls)
+PageState pageState(LDAP* ld, const ControlsPtr& controls)
 {
     LDAPControl* control = findPageControl(controls);
+    if (control == nullptr) {
+        return PageState::last;
+    }
     berval cookie{0, nullptr};
     const utils::ScopeGuard freeCookie([&] { ber_memfree(cookie.bv_val); });
-    return control != nullptr && parsePageControl(ld, control, cookie) == LDAP_SUCCESS && cookie.bv_len != 0;
+    if (parsePageControl(ld, control, cookie) != LDAP_SUCCESS) {
+        return PageState::unreadable;
+    }
+    return cookie.bv_len != 0 ? PageState::moreRemains : PageState::last;
 }
 
 } // namespace tavo::ldap

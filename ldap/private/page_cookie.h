@@ -38,7 +38,15 @@ private:
 /// Whether a response's controls hold a page control, of whatever content.
 bool hasPageControl(const ControlsPtr& controls);
 
-/// Whether a response's controls hold a page control that says that there is more.
-bool hasLivePageCookie(LDAP* ld, const ControlsPtr& controls);
+/// What a response's page control says.
+enum class PageState
+{
+    /// That this is the last page; also when there is no page control.
+    last,
+    moreRemains,
+    unreadable,
+};
+
+PageState pageState(LDAP* ld, const ControlsPtr& controls);
 
 } // namespace tavo::ldap

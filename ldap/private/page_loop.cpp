@@ -1,30 +1,38 @@
 #include "ldap/private/page_loop.h"
 
 #include <ldap/error.h>
-#include <ldap/private/handle.h>
+#include <ldap/private/range_follower.h>
 #include <ldap/private/search_queue.h>
-#include <ldap/private/search_request.h>
-#include <ldap/tavo_ldap_ini.h>
+#include <tavo_utils/formatter.h>
 #include <tavo_utils/scope_guard.h>
 
-#include <cerrno>
-#include <ctime>
+#include <ldap.h>
+
+#include <algorithm>
+#include <new>
 #include <utility>
 
 namespace tavo::ldap {
 
 namespace {
 
-/// By design: minus one second, whatever the name says. The client library takes it as "wait until the result
-/// is there", so the poll interval matters only when a call comes back without a message.
-constexpr timeval kZeroTimeout{-1, 0};
-
-constexpr timespec kPollInterval{0, 100'000'000};
-
-void sleepPollInterval()
+/// A text about a loss; empty when there is no memory for it, since the loss itself matters more.
+template <class... Arguments>
+QString describe(QStringView pattern, const Arguments&... arguments)
 {
-    timespec remaining = kPollInterval;
-    while (nanosleep(&remaining, &remaining) == -1 && errno == EINTR) {
+    try {
+        return utils::format(pattern, arguments...);
+    } catch (const std::bad_alloc&) {
+        return {};
+    }
+}
+
+PageState stateAfter(LDAP* ld, SearchResponse& response)
+{
+    try {
+        return pageState(ld, response.controls());
+    } catch (const BaseError&) {
+        return PageState::unreadable;
     }
 }
 
@@ -33,6 +41,7 @@ void sleepPollInterval()
 PageLoop::PageLoop(PagedSearch& search, PageSource source)
     : m_search(search)
     , m_source(std::move(source))
+    , m_exchange(m_search, m_source)
     , m_cookie(m_source.ldap)
 {}
 
@@ -44,8 +53,7 @@ void PageLoop::run()
         try {
             more = fetchPage();
         } catch (const BaseError& error) {
-            warnIfItReadsAsSuccess(error);
-            m_search.finish(error.ldapCode, {});
+            fail(error);
         }
     }
 }
@@ -55,14 +63,15 @@ bool PageLoop::fetchPage()
 {
     std::optional<SearchResponse> response = receivePage();
     if (!response) {
-        m_search.finish(LDAP_USER_CANCELLED, {});
+        SearchReport cancelled;
+        cancelled.ldapCode = LDAP_USER_CANCELLED;
+        m_search.finish(std::move(cancelled), {});
         return false;
     }
-    if (ini().logResponseReferences) {
-        response->logReferences();
-    }
-    std::vector<SearchEntry> entries = response->entries(m_source.params.attributes);
+    const SearchParams& params = m_source.params;
+    std::vector<SearchEntry> entries = response->entries(params.attributes, params.rangedAttributes);
     TAVO_LOG_VERBOSE(m_source.tag, u"Found %1 entries on page %2", entries.size(), m_page);
+    noteUnreadableEntries(*response);
     return deliver(*response, std::move(entries));
 }
 
@@ -81,87 +90,35 @@ std::optional<SearchResponse> PageLoop::receivePage()
     TAVO_LOG_VERBOSE(m_source.tag, u"Getting page %1 (cookie size: %2)", m_page, m_cookie.size());
     const int messageId = sendRequest();
     TAVO_LOG_VERBOSE(m_source.tag, u"Polling message id %1 for page %2", messageId, m_page);
-    return pollResult(messageId);
+    return m_exchange.receive(messageId, m_source.params);
 }
 
 int PageLoop::sendRequest()
 {
     const ControlPtr pageControl = m_cookie.createPageControl(m_source.pageSize);
     LDAPControl* controls[] = {pageControl.get(), nullptr};
-    SearchRequest request(m_source.params, m_source.attributeNames, m_source.timeout);
-    int messageId = 0;
-    const int rc = ldap_search_ext(m_source.ldap, request.base.constData(), request.scope, request.filter(),
-        request.attributes(), /*attrsonly*/ 0, controls, nullptr, &request.timeout, /*sizelimit*/ 0,
-        &messageId);
-    const int systemError = errno;
-    if (rc != LDAP_SUCCESS) {
-        throw BaseError(rc, QStringLiteral("ldap_search_ext"), systemError);
-    }
-    return messageId;
-}
-
-/// The page's result; nothing when the search was stopped meanwhile.
-std::optional<SearchResponse> PageLoop::pollResult(int messageId)
-{
-    LDAP* ld = m_source.ldap;
-    while (m_search.isRunning()) {
-        timeval timeout = kZeroTimeout;
-        LDAPMessage* received = nullptr;
-        const int rc = ldap_result(ld, messageId, LDAP_MSG_ALL, &timeout, &received);
-        const int systemError = errno;
-        if (rc == -1) {
-            if (getLdapError(ld) == LDAP_DECODING_ERROR) {
-                stopReading(ld);
-            }
-            throw resultError(received, systemError);
-        }
-        if (received != nullptr) {
-            MessagePtr chain(received, &ldap_msgfree);
-            throwIfFailed(readFinalResult(ld, received, /*freeChain*/ false), systemError);
-            return SearchResponse(ld, std::move(chain));
-        }
-        sleepPollInterval();
-    }
-    // The outstanding request is not abandoned; it dies with the connection.
-    return std::nullopt;
-}
-
-BaseError PageLoop::resultError(LDAPMessage* message, int systemError) const
-{
-    int code = LDAP_SERVER_DOWN;
-    if (message != nullptr) {
-        const int rc = ldap_parse_result(
-            m_source.ldap, message, &code, nullptr, nullptr, nullptr, nullptr, /*freeit*/ 1);
-        code = rc != LDAP_SUCCESS ? rc : code;
-    }
-    return {code, QStringLiteral("ldap_result"), systemError};
-}
-
-/// By design: a result that the server calls a failure is one, whatever entries came with it. They are
-/// few, and a short page would read as the end of the list.
-void PageLoop::throwIfFailed(const FinalResult& result, int systemError) const
-{
-    if (result.code == LDAP_SUCCESS) {
-        return;
-    }
-    logFailedSearch(m_source.tag, m_source.params.base, result);
-    throw BaseError(result.code, QStringLiteral("ldap_result"), systemError);
+    return m_exchange.send(m_source.params, m_source.attributeNames, controls);
 }
 
 /// Hands the page on; false when it was the last.
 bool PageLoop::deliver(SearchResponse& response, std::vector<SearchEntry> entries)
 {
-    m_received += entries.size();
+    const std::size_t count = entries.size();
+    m_received += count;
     // By design: a page shorter than asked for ends the search, even with a live cookie.
-    if (static_cast<int>(entries.size()) < m_source.pageSize) {
-        warnIfCutShort(response);
-        finish(std::move(entries));
-        return false;
+    bool isLast = static_cast<int>(count) < m_source.pageSize;
+    if (isLast) {
+        noteIfCutShort(response);
+    } else {
+        const ControlsPtr controls = response.controls();
+        m_cookie.update(controls);
+        isLast = m_cookie.size() == 0;
+        if (isLast) {
+            noteIfNotPaged(controls);
+        }
     }
-    const ControlsPtr controls = response.controls();
-    m_cookie.update(controls);
-    if (m_cookie.size() == 0) {
-        warnIfNotPaged(controls);
+    completeRanges(entries);
+    if (isLast || mustFail()) {
         finish(std::move(entries));
         return false;
     }
@@ -169,10 +126,30 @@ bool PageLoop::deliver(SearchResponse& response, std::vector<SearchEntry> entrie
     return true;
 }
 
+void PageLoop::completeRanges(std::vector<SearchEntry>& entries)
+{
+    if (m_source.params.rangedAttributes.empty()) {
+        return;
+    }
+    RangeFollower follower(m_exchange, m_search, m_source);
+    const auto vanished = std::remove_if(entries.begin(), entries.end(), [&](SearchEntry& entry) {
+        const bool isThere = follower.complete(entry);
+        if (!isThere) {
+            noteVanishedEntry(entry.dn);
+        }
+        return !isThere;
+    });
+    entries.erase(vanished, entries.end());
+}
+
 void PageLoop::finish(std::vector<SearchEntry> entries)
 {
+    if (mustFail()) {
+        m_report.ldapCode = LDAP_SIZELIMIT_EXCEEDED;
+        entries.clear();
+    }
     try {
-        m_search.finish(LDAP_SUCCESS, std::move(entries));
+        m_search.finish(std::move(m_report), std::move(entries));
     } catch (const BaseError& error) {
         // By design: the handler has had its final call, so nobody is left who could be told.
         TAVO_LOG_WARNING(m_source.tag, u"The last page of the search below [%1] was lost in its handler: %2",
@@ -180,47 +157,95 @@ void PageLoop::finish(std::vector<SearchEntry> entries)
     }
 }
 
-bool PageLoop::saysThatMoreRemains(SearchResponse& response) const
+void PageLoop::fail(const BaseError& error)
 {
-    try {
-        return hasLivePageCookie(m_source.ldap, response.controls());
-    } catch (const BaseError&) {
-        // The page is the last one, and good, whatever came along with it.
-        return false;
+    noteIfItReadsAsSuccess(error);
+    m_report.ldapCode =
+        error.ldapCode == LDAP_SUCCESS && mustFail() ? LDAP_SIZELIMIT_EXCEEDED : error.ldapCode;
+    m_report.serverMessage = error.serverMessage;
+    m_report.matchedDn = error.matchedDn;
+    m_report.connectFailure = error.connectFailure;
+    m_search.finish(std::move(m_report), {});
+}
+
+/// Whether the caller wants all or nothing, and can't have all.
+bool PageLoop::mustFail() const
+{
+    return m_source.params.completeness == Completeness::required && m_report.isIncomplete();
+}
+
+/// The first loss counts: the later ones may follow from it.
+void PageLoop::note(SearchReport::Loss loss, const QString& detail)
+{
+    if (!m_report.isIncomplete()) {
+        m_report.loss = loss;
+        m_report.lossDetail = detail;
     }
 }
 
 /// By design: an error without a code reads as success. Only a handler throws one, from an intermediate call.
-void PageLoop::warnIfItReadsAsSuccess(const BaseError& error) const
+void PageLoop::noteIfItReadsAsSuccess(const BaseError& error)
 {
     if (error.ldapCode == LDAP_SUCCESS) {
-        TAVO_LOG_WARNING(m_source.tag,
-            u"Entries are missing: an error without a code on page %1, which reads as a success, "
-            u"ends the search below [%2] with filter [%3]; %4 entries were received: %5",
-            m_page, m_source.params.base, m_source.params.filter, m_received, error.message());
+        const QString detail =
+            describe(u"Entries are missing: an error without a code on page %1, which reads as a success, "
+                     u"ends the search below [%2] with filter [%3]; %4 entries were received: %5",
+                m_page, m_source.params.base, m_source.params.filter, m_received, error.message());
+        TAVO_LOG_WARNING(m_source.tag, u"%1", detail);
+        note(SearchReport::Loss::handlerError, detail);
     }
 }
 
-void PageLoop::warnIfCutShort(SearchResponse& response) const
+void PageLoop::noteUnreadableEntries(const SearchResponse& response)
 {
-    if (saysThatMoreRemains(response)) {
-        TAVO_LOG_WARNING(m_source.tag,
-            u"Entries are missing: the server says that it has more, but page %1 is shorter than "
-            u"the %2 entries asked for, which ends the search below [%3] with filter [%4]; "
-            u"%5 entries were received. "
-            u"Ask for pages no larger than the server's limit, or raise that limit.",
-            m_page, m_source.pageSize, m_source.params.base, m_source.params.filter, m_received);
+    if (response.unreadableEntries() != 0) {
+        note(SearchReport::Loss::unreadableEntry,
+            describe(u"The DN of %1 entries on page %2 can't be read; they are left out.",
+                response.unreadableEntries(), m_page));
     }
 }
 
-void PageLoop::warnIfNotPaged(const ControlsPtr& controls) const
+void PageLoop::noteVanishedEntry(const QString& dn)
+{
+    const QString detail =
+        describe(u"[%1] is left out: it vanished from the directory before all its values were read.", dn);
+    TAVO_LOG_WARNING(m_source.tag, u"%1", detail);
+    note(SearchReport::Loss::vanishedEntry, detail);
+}
+
+void PageLoop::noteIfCutShort(SearchResponse& response)
+{
+    switch (stateAfter(m_source.ldap, response)) {
+    case PageState::last:
+        return;
+    case PageState::unreadable:
+        // By design: no warning, since the page is the last one, and good, whatever came along with it.
+        note(SearchReport::Loss::unreadablePageControl,
+            describe(u"The page control of page %1, the last, can't be read.", m_page));
+        return;
+    case PageState::moreRemains:
+        break;
+    }
+    const QString detail =
+        describe(u"Entries are missing: the server says that it has more, but page %1 is shorter than "
+                 u"the %2 entries asked for, which ends the search below [%3] with filter [%4]; "
+                 u"%5 entries were received. "
+                 u"Ask for pages no larger than the server's limit, or raise that limit.",
+            m_page, m_source.pageSize, m_source.params.base, m_source.params.filter, m_received);
+    TAVO_LOG_WARNING(m_source.tag, u"%1", detail);
+    note(SearchReport::Loss::shortPage, detail);
+}
+
+void PageLoop::noteIfNotPaged(const ControlsPtr& controls)
 {
     if (!hasPageControl(controls)) {
-        TAVO_LOG_WARNING(m_source.tag,
+        const QString detail = describe(
             u"Entries may be missing: page %1 is full (%2 entries asked for) but came without the server's "
             u"page control, which ends the search below [%3] with filter [%4]; %5 entries were received. "
             u"Check that the server supports paged results (1.2.840.113556.1.4.319) for this account.",
             m_page, m_source.pageSize, m_source.params.base, m_source.params.filter, m_received);
+        TAVO_LOG_WARNING(m_source.tag, u"%1", detail);
+        note(SearchReport::Loss::unreadablePageControl, detail);
     }
 }
 

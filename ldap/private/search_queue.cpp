@@ -57,6 +57,12 @@ void SearchTicket::endPage()
     m_queue->wakeNext();
 }
 
+bool SearchTicket::isGivenUp() const
+{
+    const std::lock_guard lock(m_queue->m_mutex);
+    return m_queue->m_places.count(m_number) == 0;
+}
+
 void SearchTicket::giveUp()
 {
     const std::lock_guard lock(m_queue->m_mutex);

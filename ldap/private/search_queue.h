@@ -52,6 +52,9 @@ public:
     /// The page has come, or will not come.
     void endPage();
 
+    /// Whether the place was given up.
+    bool isGivenUp() const;
+
     /// Lets the next search run as soon as no page is in flight, and ends this one's waiting at once.
     void giveUp();
 

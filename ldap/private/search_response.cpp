@@ -26,6 +26,12 @@ FinalResult readFinalResult(LDAP* ld, LDAPMessage* chain, bool freeChain)
     return {rc != LDAP_SUCCESS ? rc : code, QString::fromUtf8(matchedDn), QString::fromUtf8(diagnostic)};
 }
 
+void addFinalResult(BaseError& error, const FinalResult& result)
+{
+    error.serverMessage = result.diagnostic;
+    error.matchedDn = result.matchedDn;
+}
+
 void logFailedSearch(const log::Tag& tag, const QString& base, const FinalResult& result)
 {
     TAVO_LOG_DEBUG(tag, u"Search failed for [%1], matched DN [%2]; the server says: [%3]", base,
@@ -37,18 +43,30 @@ SearchResponse::SearchResponse(LDAP* ld, MessagePtr chain)
     , m_chain(std::move(chain))
 {}
 
-std::vector<SearchEntry> SearchResponse::entries(const std::vector<QByteArray>& attributes)
+std::vector<SearchEntry> SearchResponse::entries(
+    const std::vector<QByteArray>& attributes, const std::vector<QByteArray>& rangedAttributes)
 {
     std::vector<SearchEntry> entries;
+    m_unreadableEntries = 0;
     for (LDAPMessage* entry = ldap_first_entry(m_ldap, m_chain.get()); entry != nullptr;
          entry = ldap_next_entry(m_ldap, entry)) {
         try {
-            entries.push_back(LdapSearchEntryAccessor(m_ldap, entry).createSearchEntry(attributes));
+            LdapSearchEntryAccessor accessor(m_ldap, entry);
+            entries.push_back(accessor.createSearchEntry(attributes));
+            accessor.addRanges(entries.back(), rangedAttributes);
         } catch (const BaseError& error) {
+            ++m_unreadableEntries;
             TAVO_LOG_DEBUG(log::tag(*this), u"Search entry handling error: %1", error.what());
         }
     }
     return entries;
+}
+
+Attribute SearchResponse::range(const QByteArray& attribute)
+{
+    const QString name = QString::fromUtf8(attribute);
+    LDAPMessage* entry = ldap_first_entry(m_ldap, m_chain.get());
+    return entry != nullptr ? LdapSearchEntryAccessor(m_ldap, entry).getRange(name) : Attribute{name, {}};
 }
 
 ControlsPtr SearchResponse::controls()

@@ -9,9 +9,12 @@
 #include <QByteArray>
 #include <QString>
 
+#include <cstddef>
 #include <vector>
 
 namespace tavo::ldap {
+
+class BaseError;
 
 /// What the final message of a result says.
 struct FinalResult
@@ -24,6 +27,9 @@ struct FinalResult
 /// Reads the final message of a chain; with `freeChain` the chain is gone afterwards.
 FinalResult readFinalResult(LDAP* ld, LDAPMessage* chain, bool freeChain);
 
+/// Adds the server's words to the error of a failed request.
+void addFinalResult(BaseError& error, const FinalResult& result);
+
 /// Logs what the server says about a failed search.
 void logFailedSearch(const log::Tag& tag, const QString& base, const FinalResult& result);
 
@@ -34,7 +40,16 @@ public:
     SearchResponse(LDAP* ld, MessagePtr chain);
 
     /// The entries of the chain; one whose DN can't be read is left out with a line in the log.
-    std::vector<SearchEntry> entries(const std::vector<QByteArray>& attributes);
+    /// \param rangedAttributes of these an entry that has a range, but no values, gets the range as well, as
+    ///        an attribute behind the others
+    std::vector<SearchEntry> entries(
+        const std::vector<QByteArray>& attributes, const std::vector<QByteArray>& rangedAttributes = {});
+
+    /// How many entries the last call of `entries` has left out.
+    std::size_t unreadableEntries() const { return m_unreadableEntries; }
+
+    /// The range of an attribute that the first entry has; without values when there is none.
+    Attribute range(const QByteArray& attribute);
 
     /// The controls of the final message.
     /// \throws BaseError when the message can't be parsed
@@ -46,6 +61,7 @@ public:
 private:
     LDAP* m_ldap;
     MessagePtr m_chain;
+    std::size_t m_unreadableEntries = 0;
 };
 
 } // namespace tavo::ldap

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <ldap.h>
+
+#include <QString>
+
+namespace tavo::ldap {
+
+class BaseError;
+
+/// Forgets what the handle keeps about an earlier failure, so that it isn't taken for a later one's.
+void clearFailureDetails(LDAP* ld);
+
+/// Completes an error of the handle's last call by what the handle keeps about it: the server's words for a
+/// result code of the server's, the TLS library's for one of the client library's own.
+/// \param secret a text that a hostile server may send back; a text that contains it is withheld
+void addFailureDetails(BaseError& error, LDAP* ld, const QString& secret = {});
+
+} // namespace tavo::ldap

@@ -1,0 +1,98 @@
+#include "ldap/private/range_follower.h"
+
+#include <ldap/error.h>
+#include <ldap/private/search_queue.h>
+#include <ldap/private/search_request.h>
+#include <ldap/ranged_values.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace tavo::ldap {
+
+namespace {
+
+/// Takes the range of an attribute out of an entry.
+std::optional<Attribute> takeRange(SearchEntry& entry, const QString& attribute)
+{
+    const auto range = std::find_if(entry.attributes.begin(), entry.attributes.end(),
+        [&](const Attribute& candidate) { return ValueRange::parse(candidate.name, attribute).has_value(); });
+    if (range == entry.attributes.end()) {
+        return std::nullopt;
+    }
+    Attribute taken = std::move(*range);
+    entry.attributes.erase(range);
+    return taken;
+}
+
+void setValues(SearchEntry& entry, const QString& attribute, std::vector<QString> values)
+{
+    const auto whole = std::find_if(entry.attributes.begin(), entry.attributes.end(),
+        [&](const Attribute& candidate) { return candidate.name == attribute; });
+    if (whole != entry.attributes.end()) {
+        whole->values = std::move(values);
+    }
+}
+
+} // namespace
+
+RangeFollower::RangeFollower(SearchExchange& exchange, const PagedSearch& search, const PageSource& source)
+    : m_exchange(exchange)
+    , m_search(search)
+    , m_source(source)
+{}
+
+bool RangeFollower::complete(SearchEntry& entry)
+{
+    try {
+        for (const QByteArray& attribute : m_source.params.rangedAttributes) {
+            complete(entry, attribute);
+        }
+        return true;
+    } catch (const BaseError& error) {
+        if (error.ldapCode != LDAP_NO_SUCH_OBJECT) {
+            throw;
+        }
+        return false;
+    }
+}
+
+void RangeFollower::complete(SearchEntry& entry, const QByteArray& attribute)
+{
+    const QString name = QString::fromUtf8(attribute);
+    std::optional<Attribute> range = takeRange(entry, name);
+    if (!range) {
+        return;
+    }
+    RangedValues values(name);
+    values.add(std::move(*range));
+    while (!values.isComplete() && isWanted()) {
+        range = ask(entry.dn, attribute, values.next());
+        if (!range) {
+            return;
+        }
+        values.add(std::move(*range));
+    }
+    setValues(entry, name, values.take());
+}
+
+/// A search that nobody waits for any more has no need of whole entries, though it runs to its end.
+bool RangeFollower::isWanted() const
+{
+    return m_search.isRunning() && (m_source.ticket == nullptr || !m_source.ticket->isGivenUp());
+}
+
+/// Nothing when the search was stopped meanwhile.
+std::optional<Attribute> RangeFollower::ask(const QString& dn, const QByteArray& attribute, QByteArray range)
+{
+    TAVO_LOG_VERBOSE(m_source.tag, u"Asking [%1] for %2", dn, range);
+    const SearchParams params{dn, QString(), {}, SearchScope::base};
+    const int messageId = m_exchange.send(params, {range.data(), nullptr}, nullptr);
+    std::optional<SearchResponse> response = m_exchange.receive(messageId, params);
+    if (!response) {
+        return std::nullopt;
+    }
+    return response->range(attribute);
+}
+
+} // namespace tavo::ldap
