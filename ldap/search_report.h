@@ -11,7 +11,7 @@ namespace tavo::ldap {
 /// What a search does when it can see that its list is incomplete.
 enum class Completeness : std::int32_t
 {
-    /// By design: it goes by what the server reports. A list that was cut without an error ends as
+    /// It goes by what the server reports. A list that was cut without an error ends as
     /// `Result::ok`, with a warning in the log.
     asReported = 0,
 

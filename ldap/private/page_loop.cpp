@@ -219,7 +219,7 @@ void PageLoop::noteIfCutShort(SearchResponse& response)
     case PageState::last:
         return;
     case PageState::unreadable:
-        // By design: no warning, since the page is the last one, and good, whatever came along with it.
+        // Without a warning: the page is good, and most likely the last one.
         note(SearchReport::Loss::unreadablePageControl,
             describe(u"The page control of page %1, the last, can't be read.", m_page));
         return;

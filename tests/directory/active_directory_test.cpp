@@ -1,6 +1,6 @@
 // Users and groups of a real Active Directory domain.
 #include "active_directory_staff.h"
-#include "support/scripted_server.h"
+#include <ldap/ranged_values.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -449,27 +449,25 @@ TEST_F(ActiveDirectoryTest, FailsTheOldestOfElevenFetchesOfOneManager)
     EXPECT_THAT(outcomes, Each(std::pair(Result::ok, enabledLogins().size())));
 }
 
-/// What Active Directory sends of a group that has more members than it gives at once, which Samba does not.
-TEST(LargeActiveDirectoryGroupTest, ComesWithoutMembers)
+/// Samba sends ranges only when it is asked for them.
+TEST_F(ActiveDirectoryTest, SendsTheRangesOfAGroupThatMakeItWhole)
 {
-    test::ScriptedServer server;
-    server.otherwise([](const test::Request& request) -> test::Steps {
-        if (!request.is<test::SearchRequest>())
-            return test::success();
-        if (request.as<test::SearchRequest>().base.empty())
-            return {test::entry("").attr("forestFunctionality", "7"), test::done()};
-        return {test::entry(staffDn("Big"))
-                    .attr("member", std::vector<test::Bytes>{})
-                    .attr("member;range=0-1499", staffDn("user00")),
-            test::done().page("")};
-    });
-    Settings settings;
-    settings.uri = urlOf(server.url());
-    const auto manager = createManagerOrThrow(settings);
-    Deliveries<Group> groups;
-    manager->fetchGroupsAsync(groups.handler(), {kSuffix, {}});
-    EXPECT_EQ(groups.waitForEnd(), Result::ok);
-    EXPECT_THAT(groups.records(), ElementsAre(Field(&Group::members, IsEmpty())));
+    const auto session = boundSession();
+    const auto ask = [&](const QByteArray& attribute) {
+        const auto found =
+            session->simpleSearch({qt(test::staffDn("Everybody")), {}, {attribute}, SearchScope::base});
+        return found.at(0).attributes.at(0);
+    };
+    const Attribute whole = ask("member");
+    ASSERT_THAT(whole.values, SizeIs(test::kEnabled));
+
+    RangedValues members("member"_s);
+    members.add(ask("member;range=0-9"));
+    EXPECT_FALSE(members.isComplete());
+    members.add(ask(members.next()));
+
+    EXPECT_TRUE(members.isComplete());
+    EXPECT_EQ(members.take(), whole.values);
 }
 
 } // namespace

@@ -225,6 +225,16 @@ TEST_F(LoggedReferences, EndAtTheFirstBrokenOneWhileTheEntriesStay)
             "Failed to parse LDAP reference entry: Decoding error"));
 }
 
+TEST_F(LoggedReferences, AreLoggedOfAPageThatFails)
+{
+    server.expectSearch().answer(reference({"ldap://one/"}), done(51));
+
+    EXPECT_THAT(resultsOf(fetch(2)), ElementsAre(Result::connectError));
+
+    EXPECT_THAT(referenceLines(),
+        ElementsAre("Logging references", "Not chasing reference received from server: ldap://one/"));
+}
+
 TEST_F(ResultReading, LogsNoReferencesUnlessItIsAskedTo)
 {
     const LogCapture log;
