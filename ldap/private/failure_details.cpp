@@ -22,8 +22,9 @@ QString textOption(LDAP* ld, int option)
 
 QString openSslText(unsigned long error)
 {
+    // As much as OpenSSL asks for.
     std::array<char, 256> text{};
-    ERR_error_string_n(error, text.data(), text.size());
+    ERR_error_string(error, text.data());
     return QString::fromUtf8(text.data());
 }
 

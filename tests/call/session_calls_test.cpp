@@ -200,7 +200,7 @@ TEST(SessionCreation, UpgradesAPlainConnectionWhenAskedTo)
         const Session session(plainUrl(), true, false);
     }
 
-    EXPECT_EQ(recorder.count("ldap_set_option"), 4U);
+    EXPECT_EQ(recorder.count("ldap_set_option"), 6U) << "the last two forget an earlier failure's words";
     EXPECT_EQ(describe(recorder.only("ldap_start_tls_s")),
         "ldap_start_tls_s(clientctrls=null, ld=handle 1, serverctrls=null) = 0");
 }
@@ -217,7 +217,7 @@ TEST(SessionCreation, GivesAnUpgradeTheHostsAuthoritiesInATlsContextOfTheirOwn)
 
     EXPECT_THAT(namesAmong(recorder, {"ldap_set_option", "ldap_start_tls_s"}),
         ElementsAre("ldap_set_option", "ldap_set_option", "ldap_set_option", "ldap_set_option",
-            "ldap_set_option", "ldap_set_option", "ldap_start_tls_s"));
+            "ldap_set_option", "ldap_set_option", "ldap_set_option", "ldap_set_option", "ldap_start_tls_s"));
     EXPECT_EQ(recorder.calls("ldap_set_option").at(4).number("option"), LDAP_OPT_X_TLS_CACERTDIR);
     EXPECT_EQ(recorder.calls("ldap_set_option").at(5).number("option"), LDAP_OPT_X_TLS_NEWCTX);
 }
