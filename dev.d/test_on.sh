@@ -1,5 +1,6 @@
 # shellcheck shell=bash
-# The tests on a bare Debian release: of the committed tree, in a root of its own that is made anew each time.
+# The tests on a bare Debian release: of the committed tree, in a root of its own that is made anew each time. What the
+# compiler has made there once is kept beside the roots, and so spares a second run most of the building.
 
 declare -A debian_releases=([debian12]=bookworm [debian13]=trixie)
 
@@ -26,8 +27,14 @@ make_root() {
     as_root rm -rf --one-file-system "$2" && mkdir -p "$2" &&
         as_root env ${proxy:+http_proxy="$proxy"} debootstrap --variant=minbase "$1" "$2" "$mirror" || return
     apt_transport | as_root tee "$2/etc/apt/apt.conf.d/90transport" >/dev/null
-    as_root cp /etc/resolv.conf /etc/hosts "$2/etc/" && as_root mkdir "$2/src" &&
-        git archive HEAD | as_root tar -x -C "$2/src"
+    as_root cp /etc/resolv.conf /etc/hosts "$2/etc/" && as_root mkdir "$2/src" && fill_root "$2"
+}
+
+# fill_root FOLDER: puts the committed tree into /src, in place of the one that may be there. The files are new, whatever
+# their commit: the build takes none of them for older than what was made of another commit's.
+fill_root() {
+    as_root find "$1/src" -mindepth 1 -maxdepth 1 ! -name build -exec rm -rf {} + &&
+        git archive HEAD | as_root tar -x -m -C "$1/src"
 }
 
 # in_root FOLDER COMMAND...: runs as root, with mounts and processes of its own. The kernel removes both when the
@@ -36,23 +43,35 @@ in_root() {
     local root=$1
     shift
     # shellcheck disable=SC2016 # expanded by the inner shell
-    as_root setpriv --pdeathsig KILL unshare --mount --propagation private --pid --fork --kill-child bash -c '
+    as_root mkdir -p "$root.ccache" "$root/root/.cache/ccache" &&
+        as_root setpriv --pdeathsig KILL unshare --mount --propagation private --pid --fork --kill-child bash -c '
         mount --rbind /dev "$0/dev" && mount -t proc proc "$0/proc" &&
+            mount --bind "$0.ccache" "$0/root/.cache/ccache" &&
             exec chroot "$0" /usr/bin/env --ignore-environment HOME=/root TERM="$TERM" \
                 PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin "$@"' "$root" "$@"
 }
 
-cmd_test_on() {
-    local name=${1:-} release root
+# test_in_root COMMAND RELEASE [TEST ARGUMENTS]: COMMAND gets the release and its folder ready for the tests.
+test_in_root() {
+    local prepare=$1 name=${2:-} release root
     release=${debian_releases[${name:-none}]:-}
     if [ -z "$release" ]; then
-        echo "usage: ./dev test-on RELEASE [TEST ARGUMENTS], with one of ${!debian_releases[*]}" >&2
+        echo "usage: ./dev $command RELEASE [TEST ARGUMENTS], with one of ${!debian_releases[*]}" >&2
         return 2
     fi
-    shift
+    shift 2
     root=$PWD/build/roots/$name
     install_missing roots
-    step "root $name" make_root "$release" "$root" || return
+    step "root $name" "$prepare" "$release" "$root" || return
     echo "From here on, what is said of build/logs is in build/roots/$name/src:"
     in_root "$root" /src/dev test "$@"
 }
+
+refill_root() {
+    [ -e "$2/src/dev" ] || { echo "there is none yet: ./dev test-on makes it" && return 1; }
+    fill_root "$2"
+}
+
+cmd_test_on() { test_in_root make_root "$@"; }
+
+cmd_retest_on() { test_in_root refill_root "$@"; }
