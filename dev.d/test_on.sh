@@ -24,17 +24,22 @@ make_root() {
     local mirror proxy
     mirror=$(debian_mirror) && [ -n "$mirror" ] || return
     proxy=$(apt-config dump --format '%v' Acquire::http::Proxy)
-    as_root rm -rf --one-file-system "$2" && mkdir -p "$2" &&
+    rm -f "$2.commit" && as_root rm -rf --one-file-system "$2" && mkdir -p "$2" &&
         as_root env ${proxy:+http_proxy="$proxy"} debootstrap --variant=minbase "$1" "$2" "$mirror" || return
     apt_transport | as_root tee "$2/etc/apt/apt.conf.d/90transport" >/dev/null
-    as_root cp /etc/resolv.conf /etc/hosts "$2/etc/" && as_root mkdir "$2/src" && fill_root "$2"
+    as_root cp /etc/resolv.conf /etc/hosts "$2/etc/" && as_root mkdir "$2/src" &&
+        git archive HEAD | as_root tar -x -C "$2/src" && git rev-parse HEAD >"$2.commit"
 }
 
-# fill_root FOLDER: puts the committed tree into /src, in place of the one that may be there. The files are new, whatever
-# their commit: the build takes none of them for older than what was made of another commit's.
-fill_root() {
-    as_root find "$1/src" -mindepth 1 -maxdepth 1 ! -name build -exec rm -rf {} + &&
-        git archive HEAD | as_root tar -x -m -C "$1/src"
+# update_root RELEASE FOLDER: brings the committed tree into a root that has an earlier one, and all that was built of it.
+# A file that has changed gets the present time, not that of its commit, or the build might think it had it already.
+update_root() {
+    local former
+    [ -e "$2.commit" ] || { echo "there is no root yet: ./dev test-on makes it" && return 1; }
+    former=$(cat "$2.commit")
+    git diff -z --name-only --no-renames --diff-filter=D "$former" HEAD | (cd "$2/src" && as_root xargs -0 -r rm -f) &&
+        git diff -z --name-only --no-renames --diff-filter=d "$former" HEAD | xargs -0 -r git archive HEAD -- |
+        as_root tar -x -i -m -C "$2/src" && git rev-parse HEAD >"$2.commit"
 }
 
 # in_root FOLDER COMMAND...: runs as root, with mounts and processes of its own. The kernel removes both when the
@@ -56,7 +61,7 @@ test_in_root() {
     local prepare=$1 name=${2:-} release root
     release=${debian_releases[${name:-none}]:-}
     if [ -z "$release" ]; then
-        echo "usage: ./dev $command RELEASE [TEST ARGUMENTS], with one of ${!debian_releases[*]}" >&2
+        echo "usage: ./dev test-on RELEASE [TEST ARGUMENTS], with one of ${!debian_releases[*]}" >&2
         return 2
     fi
     shift 2
@@ -67,11 +72,6 @@ test_in_root() {
     in_root "$root" /src/dev test "$@"
 }
 
-refill_root() {
-    [ -e "$2/src/dev" ] || { echo "there is none yet: ./dev test-on makes it" && return 1; }
-    fill_root "$2"
-}
-
 cmd_test_on() { test_in_root make_root "$@"; }
 
-cmd_retest_on() { test_in_root refill_root "$@"; }
+cmd_retest_on() { test_in_root update_root "$@"; }
