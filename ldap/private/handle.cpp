@@ -5,6 +5,7 @@
 #include <ldap/private/client_library.h>
 #include <ldap/private/positions.h>
 #include <ldap/private/tls.h>
+#include <ldap/private/wire/socket_layer.h>
 #include <tavo_utils/assert.h>
 #include <tavo_utils/log.h>
 
@@ -55,6 +56,7 @@ LdapHandle createHandle(const utils::Url& url, bool isSecure, bool ignoreCertifi
     LdapHandle handle(nullptr, &destroyHandle);
     MutexLocker lock(initMutex());
     initialize(handle, url);
+    addSocketLayer(handle.get());
     if (tlsIsSetUp) {
         lock.unlock();
         setOptions(handle.get(), isSecure, ignoreCertificateErrors);

@@ -341,7 +341,8 @@ TEST_P(EveryCall, MayFailAndTheFetchEndsOnceLeavingNothingBehind)
 // - an entry without a DN is left out with a line;
 // - an attribute without values is one that the entry lacks. A user without a login is left out with a line.
 INSTANTIATE_TEST_SUITE_P(ClientLibrary, EveryCall,
-    ::testing::Values(withPassword("sec\0ret"_s, copyFault()), TAVO_FAULT(ber_strdup, nullptr, ENOMEM),
+    ::testing::Values(withPassword("sec\0ret"_s, copyFault()), TAVO_FAULT(ber_sockbuf_add_io, -1, ENOMEM),
+        TAVO_FAULT(ber_strdup, nullptr, ENOMEM),
         shortensTheList({"Page control not found"}, TAVO_FAULT(ldap_control_find, nullptr, 0)),
         TAVO_FAULT(ldap_create_page_control, LDAP_NO_MEMORY, ENOMEM),
         isLogged("Error destroying ldap: ", TAVO_FAULT(ldap_destroy, LDAP_OTHER, EIO)),

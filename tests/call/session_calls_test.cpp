@@ -118,9 +118,10 @@ TEST(SessionCreation, ClearsTheErrorQueueBeforeItAsksForAHandle)
         const Session session(plainUrl(), false, false);
     }
 
-    EXPECT_THAT(recorder.names(),
-        ElementsAre("ldap_is_ldaps_url", "ERR_clear_error", "ldap_initialize", "ldap_set_option",
-            "ldap_set_option", "ldap_set_option", "ldap_set_option", "ldap_destroy"));
+    EXPECT_THAT(
+        recorder.names(), ElementsAre("ldap_is_ldaps_url", "ERR_clear_error", "ldap_initialize",
+                              "ldap_get_option", "ber_sockbuf_add_io", "ldap_set_option", "ldap_set_option",
+                              "ldap_set_option", "ldap_set_option", "ldap_destroy"));
     EXPECT_EQ(recorder.only("ldap_initialize").text("uri"), "ldap://127.0.0.1:1");
 }
 
@@ -145,7 +146,7 @@ TEST(SessionCreation, WaivesTheCertificateOnlyOnRequestAndBeforeTheTlsContext)
         EXPECT_THAT(described(recorder.calls("ldap_set_option")),
             ElementsAre(setOption(0x11, "3"), setOption(0x08, "null"), setOption(0x6006, "0"),
                 setOption(0x600f, "0")));
-        EXPECT_EQ(recorder.count("ldap_get_option"), 0U);
+        EXPECT_EQ(recorder.only("ldap_get_option").number("option"), LDAP_OPT_SOCKBUF);
     }
 }
 
@@ -256,6 +257,42 @@ TEST(SessionCreation, DestroysTheHandleThatAFailureLeftBehind)
     expectError(
         thrownBy<BaseError>([] { Session(plainUrl(), false, false); }), LDAP_NO_MEMORY, "init"_s, EXDEV);
     EXPECT_EQ(recorder.only("ldap_destroy").handle(), 1);
+}
+
+TEST(SessionCreation, PutsItsLayerBetweenTheSocketAndTls)
+{
+    CallRecorder recorder;
+    {
+        const Session session(plainUrl(), false, false);
+    }
+
+    EXPECT_EQ(describe(recorder.only("ber_sockbuf_add_io")), "ber_sockbuf_add_io(arg=null, layer=11) = 0");
+    EXPECT_LT(LBER_SBIOD_LEVEL_PROVIDER, 11);
+    EXPECT_LT(11, LBER_SBIOD_LEVEL_TRANSPORT);
+}
+
+TEST(SessionCreation, ReportsThatItCannotReachItsConnection)
+{
+    CallRecorder recorder;
+    recorder.leaveErrnoWhenFreeing(ENOTEMPTY);
+    recorder.fail(ldap_get_option, LDAP_OPT_ERROR, {.error = EXDEV});
+
+    expectError(thrownBy<BaseError>([] { Session(plainUrl(), false, false); }), LDAP_OPT_ERROR,
+        "get LDAP_OPT_SOCKBUF"_s, 0);
+    EXPECT_EQ(recorder.count("ber_sockbuf_add_io"), 0U);
+    EXPECT_EQ(recorder.count("ldap_destroy"), 1U);
+}
+
+TEST(SessionCreation, ReportsThatThereIsNoMemoryForItsLayer)
+{
+    CallRecorder recorder;
+    recorder.leaveErrnoWhenFreeing(ENOTEMPTY);
+    recorder.fail(ber_sockbuf_add_io, -1, {.error = ENOMEM});
+
+    expectError(thrownBy<BaseError>([] { Session(plainUrl(), false, false); }), LDAP_NO_MEMORY,
+        "ber_sockbuf_add_io"_s, ENOMEM);
+    EXPECT_EQ(recorder.count("ldap_set_option"), 0U);
+    EXPECT_EQ(recorder.count("ldap_destroy"), 1U);
 }
 
 TEST(SessionCreation, StopsAtTheFirstOptionThatFails)

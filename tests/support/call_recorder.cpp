@@ -28,6 +28,7 @@
     X(ber_mem2bv)                                                                                            \
     X(ber_memfree)                                                                                           \
     X(ber_memvfree)                                                                                          \
+    X(ber_sockbuf_add_io)                                                                                    \
     X(ber_sockbuf_ctrl)                                                                                      \
     X(ber_strdup)                                                                                            \
     X(ldap_control_find)                                                                                     \
@@ -1096,6 +1097,14 @@ void __wrap_ber_free(BerElement* element, int freeBuffer)
         .argument("freebuf", [&] { return numberValue(freeBuffer); })
         .frees(element, [&] { __real_ber_free(element, freeBuffer); })
         .call(element, freeBuffer);
+}
+
+int __wrap_ber_sockbuf_add_io(Sockbuf* connection, Sockbuf_IO* functions, int level, void* argument)
+{
+    return TAVO_INTERCEPT(ber_sockbuf_add_io)
+        .argument("layer", [&] { return numberValue(level); })
+        .argument("arg", [&] { return opaqueValue(argument); })
+        .call(connection, functions, level, argument);
 }
 
 int __wrap_ber_sockbuf_ctrl(Sockbuf* connection, int option, void* value)

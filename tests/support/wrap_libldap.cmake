@@ -11,6 +11,7 @@ function(tavo_wrap_libldap target)
         ber_mem2bv
         ber_memfree
         ber_memvfree
+        ber_sockbuf_add_io
         ber_sockbuf_ctrl
         ber_strdup
         ldap_control_find
