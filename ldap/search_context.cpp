@@ -68,13 +68,13 @@ private:
 SearchContext::SearchContext(
     std::unique_ptr<LDAP, void (*)(LDAP*)> ldap, SearchParams params, std::chrono::seconds timeout)
     : m_ldap(std::move(ldap))
-    , m_params(std::move(params))
+    , m_params(std::make_unique<SearchParams>(std::move(params)))
     , m_timeout(timeout)
-    , m_attributeNames(attributeNamePointers(m_params.attributes))
+    , m_attributeNames(attributeNamePointers(m_params->attributes))
     , m_handler(Mutex::RecursionMode::recursive)
 {
-    TAVO_LOG_DEBUG(log::tag(*this), u"Created for [%1] with [%2] filter (attributes: %3)", m_params.base,
-        m_params.filter, listText(m_params.attributes));
+    TAVO_LOG_DEBUG(log::tag(*this), u"Created for [%1] with [%2] filter (attributes: %3)", m_params->base,
+        m_params->filter, listText(m_params->attributes));
 }
 
 SearchContext::~SearchContext()
@@ -89,8 +89,8 @@ std::vector<SearchEntry> SearchContext::simpleSearch() const
 {
     SearchReport report;
     const utils::ScopeGuard handReport([&] {
-        if (m_params.report) {
-            *m_params.report = std::move(report);
+        if (m_params->report) {
+            *m_params->report = std::move(report);
         }
     });
     try {
@@ -107,7 +107,7 @@ std::vector<SearchEntry> SearchContext::simpleSearch() const
 std::vector<SearchEntry> SearchContext::findEntries(SearchReport& report) const
 {
     TAVO_LOG_VERBOSE(log::tag(*this), u"Performing non-paged search");
-    SearchRequest request(m_params, m_attributeNames, m_timeout);
+    SearchRequest request(*m_params, m_attributeNames, m_timeout);
     clearFailureDetails(m_ldap.get());
     LDAPMessage* received = nullptr;
     const auto [rc, systemError] = callClient([&] {
@@ -125,7 +125,7 @@ std::vector<SearchEntry> SearchContext::findEntries(SearchReport& report) const
             throw error;
         }
         const FinalResult result = readFinalResult(m_ldap.get(), received, /*freeChain*/ true);
-        logFailedSearch(log::tag(*this), m_params.base, result);
+        logFailedSearch(log::tag(*this), m_params->base, result);
         BaseError error(result.code, QStringLiteral("ldap_search_ext_s"), systemError);
         addFinalResult(error, result);
         throw error;
@@ -135,13 +135,13 @@ std::vector<SearchEntry> SearchContext::findEntries(SearchReport& report) const
         throw BaseError(LDAP_SERVER_DOWN, QStringLiteral("ldap_search_ext_s"), systemError);
     }
     SearchResponse response(m_ldap.get(), MessagePtr(received, &ldap_msgfree));
-    std::vector<SearchEntry> entries = response.entries(m_params.attributes);
+    std::vector<SearchEntry> entries = response.entries(m_params->attributes);
     TAVO_LOG_VERBOSE(log::tag(*this), u"Found %1 entries", entries.size());
     if (response.unreadableEntries() != 0) {
         report.loss = SearchReport::Loss::unreadableEntry;
         report.lossDetail = utils::format(
             u"The DN of %1 entries can't be read; they are left out.", response.unreadableEntries());
-        if (m_params.completeness == Completeness::required) {
+        if (m_params->completeness == Completeness::required) {
             throw BaseError(LDAP_SIZELIMIT_EXCEEDED, QStringLiteral("ldap_search_ext_s"), 0);
         }
     }
@@ -196,7 +196,7 @@ void SearchContext::readPages(int pageSize)
     Pages pages(*this);
     try {
         PageLoop(pages,
-            {m_ldap.get(), m_params, m_attributeNames, m_timeout, pageSize, m_ticket.get(), log::tag(*this)})
+            {m_ldap.get(), *m_params, m_attributeNames, m_timeout, pageSize, m_ticket.get(), log::tag(*this)})
             .run();
     } catch (const std::exception& error) {
         reportBrokenOff(error.what());
@@ -233,8 +233,8 @@ void SearchContext::stopAsyncSearch(SearchReport report, std::vector<SearchEntry
         ticket->giveUp();
     }
     const Result result = translateErrorCode(report.ldapCode);
-    if (m_params.report) {
-        *m_params.report = std::move(report);
+    if (m_params->report) {
+        *m_params->report = std::move(report);
     }
     handler(result, std::move(entries));
 }
@@ -251,7 +251,7 @@ void SearchContext::giveUpTurn()
 void SearchContext::reportBrokenOff(const char* reason)
 {
     TAVO_LOG_WARNING(
-        log::tag(*this), u"The search below [%1] was ended by an exception: %2", m_params.base, reason);
+        log::tag(*this), u"The search below [%1] was ended by an exception: %2", m_params->base, reason);
     if (m_onBrokenOff) {
         m_onBrokenOff();
     }

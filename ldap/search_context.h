@@ -102,10 +102,11 @@ private:
     TAVO_LDAP_NO_EXPORT void giveUpTurn();
 
     std::unique_ptr<LDAP, void (*)(LDAP*)> m_ldap;
-    SearchParams m_params;
+    /// Apart, because the session keeps the storage of its ended contexts for a while.
+    std::unique_ptr<SearchParams> m_params;
     std::chrono::seconds m_timeout;
 
-    /// The attribute list as the client library takes it: pointers into `m_params.attributes`, then a null
+    /// The attribute list as the client library takes it: pointers into `m_params->attributes`, then a null
     /// pointer; empty for an empty list.
     std::vector<char*> m_attributeNames;
 

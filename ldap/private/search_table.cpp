@@ -11,6 +11,10 @@
 
 namespace tavo::ldap {
 
+/// What a session's ended searches may cost: for each a context's storage with the counters of its owners and
+/// the heap's own share, and a weak owner.
+static_assert(EndedAddresses::kKept * (sizeof(SearchContext) + 6 * sizeof(void*)) < 1'500'000);
+
 SearchContext* SearchTable::start(std::shared_ptr<SearchContext> search, std::shared_ptr<SearchQueue> queue,
     SearchHandler handler, int pageSize)
 {
@@ -24,6 +28,7 @@ SearchContext* SearchTable::start(std::shared_ptr<SearchContext> search, std::sh
             // By a final call; nobody would be left to make the new search's own.
             throw BaseError(LDAP_USER_CANCELLED, QStringLiteral("asyncSearch"), 0);
         }
+        m_ended.makeRoomFor(m_asyncSearches.size() + 1);
         owner->m_ticket = std::make_shared<SearchTicket>(std::move(queue));
         m_asyncSearches.emplace(context, std::make_pair(owner, std::move(handler)));
     }
@@ -70,17 +75,26 @@ void SearchTable::complete(SearchContext* context, Result result, std::vector<Se
         search->second.second(result, std::move(entries));
         return;
     }
-    auto [owner, handler] = std::move(search->second);
-    m_asyncSearches.erase(search);
+    const auto ended = takeOut(context);
     lock.unlock();
-    handler(result, std::move(entries));
+    ended.mapped().second(result, std::move(entries));
+}
+
+/// Takes a search out of the table, if it is there: it has ended, as its caller sees it.
+SearchTable::AsyncSearches::node_type SearchTable::takeOut(SearchContext* context)
+{
+    auto search = m_asyncSearches.extract(context);
+    if (search) {
+        m_ended.add(search.mapped().first);
+    }
+    return search;
 }
 
 void SearchTable::forget(SearchContext* context)
 {
     MutexLocker lock(m_mutex, positions::forgetSearchLock);
     // Released after the lock: the handler is the caller's code, and the context may be the last of its own.
-    auto forgotten = m_asyncSearches.extract(context);
+    auto forgotten = takeOut(context);
     if (!forgotten) {
         return;
     }

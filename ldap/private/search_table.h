@@ -1,5 +1,6 @@
 #pragma once
 
+#include <ldap/private/ended_addresses.h>
 #include <ldap/search_context.h>
 #include <tavo_utils/async_operation_guard.h>
 #include <tavo_utils/log.h>
@@ -30,7 +31,8 @@ public:
     SearchContext* start(std::shared_ptr<SearchContext> search, std::shared_ptr<SearchQueue> queue,
         SearchHandler handler, int pageSize);
 
-    /// Drops the handler of a search, uncalled. An unknown address does nothing.
+    /// Drops the handler of a search, uncalled. An unknown address does nothing; so does that of an ended
+    /// search, which no other search gets before `EndedAddresses::kKept` more have ended.
     void forget(SearchContext* context);
 
     /// Makes what a search's thread calls when an exception ends the search without a final call. It forgets
@@ -49,12 +51,15 @@ private:
     using AsyncSearches = std::map<SearchContext*, std::pair<std::shared_ptr<SearchContext>, SearchHandler>>;
 
     void complete(SearchContext* context, Result result, std::vector<SearchEntry> entries);
+    AsyncSearches::node_type takeOut(SearchContext* context);
 
     utils::AsyncOperationGuard m_asyncGuard;
     Mutex m_mutex{Mutex::RecursionMode::recursive};
     AsyncSearches m_asyncSearches;
     /// What a handler forgets while its intermediate call runs.
     AsyncSearches m_forgotten;
+    /// Has room for every search in the table.
+    EndedAddresses m_ended;
     bool m_isDelivering = false;
     bool m_isEnding = false;
 };

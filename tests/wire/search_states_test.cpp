@@ -12,6 +12,7 @@
 #include <future>
 #include <memory>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -498,6 +499,71 @@ TEST_F(SearchStates, CannotBeForgottenOnceTheyAreOver)
     EXPECT_EQ(calls.count(), 1U);
     server.expectSearch().answer(entries(1, 1), done());
     EXPECT_THAT(std::get<std::vector<ldap::SearchEntry>>(session->search(below("dc=x"), 2)), SizeIs(1));
+}
+
+TEST_F(SearchStates, AreUnharmedByLateStopsOfOthers)
+{
+    constexpr int kRounds = 300;
+    server.otherwise([](const Request&) -> Steps { return {entries(1, 1), done()}; });
+    std::vector<SearchContext*> ended;
+    for (int round = 0; round < kRounds; ++round) {
+        HandlerCalls calls;
+        SearchContext* const context = session->asyncSearch(below("dc=x"), calls.handler(), 2);
+        for (SearchContext* const former : ended)
+            session->stopAsyncSearch(former);
+        EXPECT_THAT(resultsOf(calls.waitForEnd()), ElementsAre(Result::ok));
+        ended.push_back(context);
+    }
+}
+
+TEST_F(SearchStates, BlockToTheirEndDuringLateStopsOfOthers)
+{
+    constexpr int kRounds = 300;
+    server.otherwise([](const Request&) -> Steps { return {entries(1, 1), done()}; });
+    HandlerCalls calls;
+    SearchContext* const ended = session->asyncSearch(below("dc=x"), calls.handler(), 2);
+    calls.waitForEnd();
+    std::atomic<bool> isOver = false;
+    std::thread stopper([&] {
+        while (!isOver)
+            session->stopAsyncSearch(ended);
+    });
+
+    for (int round = 0; round < kRounds; ++round) {
+        EXPECT_NO_THROW({
+            EXPECT_THAT(
+                std::get<std::vector<ldap::SearchEntry>>(session->search(below("dc=x"), 2)), SizeIs(1));
+        });
+    }
+    isOver = true;
+    stopper.join();
+}
+
+// A refused start ends a search at the least expense.
+TEST_F(SearchStates, GetNoAddressTwiceInFourThousandOfThem)
+{
+    constexpr std::size_t kSearches = 4096;
+    const AssertionCapture assertions;
+    const Gate never;
+    server.expectSearch().answer(done());
+    server.expectSearch().answer(waitFor(never), done());
+    HandlerCalls calls;
+    UncalledHandler uncalled;
+    std::set<SearchContext*> addresses{session->asyncSearch(below("dc=x"), calls.handler(), 2)};
+    calls.waitForEnd();
+    SearchContext* const stopped = session->asyncSearch(below("dc=x"), uncalled.handler(), 2);
+    addresses.insert(stopped);
+    waitForSearches(2);
+    session->stopAsyncSearch(stopped);
+    never.open();
+
+    while (addresses.size() <= kSearches) {
+        const bool isNew = addresses
+                               .insert(session->asyncSearch(
+                                   below("dc=x"), [](Result, const auto&) {}, 0))
+                               .second;
+        ASSERT_TRUE(isNew) << "after " << addresses.size();
+    }
 }
 
 // Searches of a server that is asked for one page at a time, as OpenLDAP has to be.
