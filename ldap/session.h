@@ -51,7 +51,10 @@ public:
     Session(const utils::Url& url, bool startTls, bool ignoreCertificateErrors);
 
     /// Gives the handlers of all running searches `Result::cancelled`, on this thread, and closes the
-    /// connection. Waits for a handler that runs on another thread, not for a server that doesn't answer.
+    /// connection. Waits for a handler that runs on another thread, not for a server that doesn't answer: a
+    /// page that a search is waiting for keeps the search's thread, and the connection, until it comes. All
+    /// searches of this session, detached ones included, end with the page under way; those of
+    /// `createSearchContext` go on.
     ~Session();
 
     Session(const Session&) = delete;
@@ -117,7 +120,7 @@ public:
     /// session have ended. For this a session keeps up to 1.5 MB, about 270 bytes for each ended search.
     ///
     /// By design: the search itself runs to its end in the background, unless it hasn't begun or would
-    /// disturb another paged search of the session.
+    /// disturb another paged search of the session. When the session goes, it ends with the page under way.
     void stopAsyncSearch(SearchContext* context);
 
     /// Runs a paged search and waits for all of it: returns the entries of all pages in the server's order,

@@ -41,16 +41,20 @@ SearchContext* SearchTable::start(std::shared_ptr<SearchContext> search, std::sh
     // The context's address and not its owner: the wrapper is kept by the context itself.
     context->asyncSearch(
         [this, guard, context](Result result, std::vector<SearchEntry> entries) {
-            if (const auto alive = guard.lock()) {
-                const bool isEnd = result != Result::moreResults && context->runsOnThisThread();
-                // While the guard is held, so that a session that ends doesn't miss it.
-                const utils::ScopeGuard announceEnd([isEnd] {
-                    if (isEnd) {
-                        search_threads::announceEnd();
-                    }
-                });
-                complete(context, result, std::move(entries));
+            const auto alive = guard.lock();
+            if (!alive) {
+                // Nobody wants to know any more: let its thread read no further page.
+                context->stopAsyncSearch();
+                return;
             }
+            const bool isEnd = result != Result::moreResults && context->runsOnThisThread();
+            // While the guard is held, so that a session that ends doesn't miss it.
+            const utils::ScopeGuard announceEnd([isEnd] {
+                if (isEnd) {
+                    search_threads::announceEnd();
+                }
+            });
+            complete(context, result, std::move(entries));
         },
         pageSize);
     unregister.dismiss();

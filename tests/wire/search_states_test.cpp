@@ -487,6 +487,81 @@ TEST_F(SearchStates, OutliveTheirSessionUncalledWhenTheyAreForgotten)
     EXPECT_EQ(calls.count(), 0U);
 }
 
+/// Full pages for ever, the first one when the gate opens.
+void serveEndlessPages(ScriptedServer& server, const Gate& first)
+{
+    server.expectSearch().answer(waitFor(first), entries(1, 2), done().page("more"));
+    server.otherwise([](const Request&) -> Steps { return {entries(1, 2), done().page("more")}; });
+}
+
+TEST_F(SearchStates, AskForNoMorePagesWhenTheirSessionIsGone)
+{
+    const Gate answer;
+    serveEndlessPages(server, answer);
+    HandlerCalls calls;
+    session->asyncSearch(below("dc=x"), calls.handler(), 2);
+    waitForSearches(1);
+
+    session.reset();
+    EXPECT_THAT(resultsOf(calls.waitForEnd()), ElementsAre(Result::cancelled));
+    const std::size_t asked = countOf<SearchRequest>();
+    answer.open();
+
+    server.waitForClose(0);
+    EXPECT_EQ(countOf<SearchRequest>(), asked);
+    EXPECT_EQ(calls.count(), 1U);
+}
+
+TEST_F(SearchStates, AskForNoMorePagesWhenTheyWereForgottenAndTheirSessionIsGone)
+{
+    const Gate answer;
+    serveEndlessPages(server, answer);
+    UncalledHandler uncalled;
+    SearchContext* const context = session->asyncSearch(below("dc=x"), uncalled.handler(), 2);
+    waitForSearches(1);
+    session->stopAsyncSearch(context);
+    const std::size_t asked = countOf<SearchRequest>();
+
+    session.reset();
+    answer.open();
+
+    server.waitForClose(0);
+    EXPECT_EQ(countOf<SearchRequest>(), asked);
+}
+
+// For ThreadSanitizer and AddressSanitizer: the pages come and go while the sessions do.
+TEST_F(SearchStates, MayLoseTheirSessionBetweenAnyPages)
+{
+    constexpr int kRounds = 50;
+    server.otherwise([](const Request&) -> Steps { return {entries(1, 2), done().page("more")}; });
+    session.reset();
+    for (int round = 0; round < kRounds; ++round) {
+        HandlerCalls calls;
+        Session own(utils::Url(QString::fromStdString(server.url())), false, false);
+        own.asyncSearch(below("dc=x"), calls.handler(), 2);
+        UncalledHandler uncalled;
+        own.stopAsyncSearch(own.asyncSearch(below("dc=y"), uncalled.handler(), 2));
+        calls.waitForCalls(static_cast<std::size_t>(round % 4));
+    }
+    server.waitForClose(0);
+}
+
+TEST_F(SearchStates, GoOnWithoutTheirSessionWithAContextOfTheirOwn)
+{
+    const Gate answer;
+    server.expectSearch().answer(waitFor(answer), entries(1, 2), done().page("more"));
+    server.expectSearch().answer(entries(3, 1), done());
+    HandlerCalls calls;
+    const std::shared_ptr<SearchContext> context = session->createSearchContext(below("dc=x"));
+    context->asyncSearch(calls.handler(), 2);
+    waitForSearches(1);
+
+    session.reset();
+    answer.open();
+
+    EXPECT_THAT(resultsOf(calls.waitForEnd()), ElementsAre(Result::moreResults, Result::ok));
+}
+
 TEST_F(SearchStates, CannotBeForgottenOnceTheyAreOver)
 {
     server.expectSearch().answer(entries(1, 1), done());
