@@ -96,10 +96,7 @@ std::vector<SearchEntry> SearchContext::simpleSearch() const
     try {
         return findEntries(report);
     } catch (const BaseError& error) {
-        report.ldapCode = error.ldapCode;
-        report.serverMessage = error.serverMessage;
-        report.matchedDn = error.matchedDn;
-        report.connectFailure = error.connectFailure;
+        fillReport(report, error);
         throw;
     }
 }

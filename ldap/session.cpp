@@ -22,6 +22,7 @@
 
 #include <QByteArray>
 
+#include <exception>
 #include <future>
 #include <system_error>
 #include <utility>
@@ -199,18 +200,29 @@ std::variant<Result, std::vector<SearchEntry>> Session::search(SearchParams para
         throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur),
             "tavo::ldap::Session::search, called by a handler from an intermediate call");
     }
-    Collector collector;
-    std::future<Result> finished = collector.finished();
-    const auto entries = collector.entries();
     const std::shared_ptr<SearchReport> report = params.report;
-    SearchHandler handler = reportingHandler(params.report, std::move(collector));
-    auto context = createSharedContext(std::move(params));
-    // Forgotten then, or this thread would wait for a final call that nobody is left to make.
-    context->m_onBrokenOff = m_searches->brokenOffHandler(context.get());
+    std::future<Result> finished;
+    std::shared_ptr<std::vector<SearchEntry>> entries;
     try {
+        Collector collector;
+        finished = collector.finished();
+        entries = collector.entries();
+        SearchHandler handler = reportingHandler(params.report, std::move(collector));
+        auto context = createSharedContext(std::move(params));
+        // Or this thread would wait for a final call that nobody is left to make.
+        context->m_onBrokenOff = m_searches->brokenOffHandler(context.get());
         m_searches->start(std::move(context), m_queue, std::move(handler), pageSize);
     } catch (const BaseError& error) {
+        if (report) {
+            fillReport(*report, error);
+        }
         return translateErrorCode(error.ldapCode);
+    } catch (const std::exception& error) {
+        TAVO_LOG_DEBUG(log::tag(*this), u"Could not start a search: %1", error.what());
+        if (report) {
+            report->ldapCode = LDAP_LOCAL_ERROR;
+        }
+        return Result::connectError;
     }
     // From here on the session may be gone: another thread may destroy it while this one waits.
     const Result result = finished.get();

@@ -126,11 +126,13 @@ public:
     /// Runs a paged search and waits for all of it: returns the entries of all pages in the server's order,
     /// or the `Result` that ended the search, without entries. Waits for its turn behind earlier searches.
     ///
+    /// Every failure is a `Result`: `Result::connectError` also when the handle can't be duplicated, no thread
+    /// can be had or there is no memory, `Result::cancelled` when the session is destroyed meanwhile.
+    ///
     /// A handler can't use it in an intermediate call of the same session, during which no other search can
-    /// deliver: refused with `std::errc::resource_deadlock_would_occur`.
-    /// \throws std::future_error when `stopAsyncSearch` has detached the search, or when it ran out of
-    ///         memory; BaseError when the handle can't be duplicated; std::system_error when no thread can
-    ///         be had, or on that refusal
+    /// deliver.
+    /// \throws std::future_error when `stopAsyncSearch` has detached the search; std::system_error
+    ///         (`std::errc::resource_deadlock_would_occur`) in an intermediate call
     std::variant<Result, std::vector<SearchEntry>> search(SearchParams params, int pageSize);
 
     /// Reads the root DSE to find out which kind of directory this is. Blocks. A server that can't be asked

@@ -1,6 +1,7 @@
 #include "ldap/private/failure_details.h"
 
 #include <ldap/error.h>
+#include <ldap/search_report.h>
 #include <tavo_utils/scope_guard.h>
 
 #include <openssl/err.h>
@@ -59,6 +60,14 @@ void addFailureDetails(BaseError& error, LDAP* ld, const QString& secret)
     if (!message.isEmpty()) {
         error.connectFailure = {ConnectFailure::Kind::tls, textOption(ld, LDAP_OPT_URI), std::move(message)};
     }
+}
+
+void fillReport(SearchReport& report, const BaseError& error)
+{
+    report.ldapCode = error.ldapCode;
+    report.serverMessage = error.serverMessage;
+    report.matchedDn = error.matchedDn;
+    report.connectFailure = error.connectFailure;
 }
 
 } // namespace tavo::ldap

@@ -7,6 +7,7 @@
 namespace tavo::ldap {
 
 class BaseError;
+struct SearchReport;
 
 /// Forgets what the handle keeps about an earlier failure, so that it isn't taken for a later one's.
 void clearFailureDetails(LDAP* ld);
@@ -15,5 +16,8 @@ void clearFailureDetails(LDAP* ld);
 /// result code of the server's, the TLS library's for one of the client library's own.
 /// \param secret a text that a hostile server may send back; a text that contains it is withheld
 void addFailureDetails(BaseError& error, LDAP* ld, const QString& secret = {});
+
+/// Makes the report of a search that an error has ended; a loss stays in it.
+void fillReport(SearchReport& report, const BaseError& error);
 
 } // namespace tavo::ldap

@@ -1,6 +1,7 @@
 #include "ldap/private/page_loop.h"
 
 #include <ldap/error.h>
+#include <ldap/private/failure_details.h>
 #include <ldap/private/range_follower.h>
 #include <ldap/private/search_queue.h>
 #include <tavo_utils/formatter.h>
@@ -160,11 +161,10 @@ void PageLoop::finish(std::vector<SearchEntry> entries)
 void PageLoop::fail(const BaseError& error)
 {
     noteIfItReadsAsSuccess(error);
-    m_report.ldapCode =
-        error.ldapCode == LDAP_SUCCESS && mustFail() ? LDAP_SIZELIMIT_EXCEEDED : error.ldapCode;
-    m_report.serverMessage = error.serverMessage;
-    m_report.matchedDn = error.matchedDn;
-    m_report.connectFailure = error.connectFailure;
+    fillReport(m_report, error);
+    if (error.ldapCode == LDAP_SUCCESS && mustFail()) {
+        m_report.ldapCode = LDAP_SIZELIMIT_EXCEEDED;
+    }
     m_search.finish(std::move(m_report), {});
 }
 

@@ -114,7 +114,7 @@ utils::MoveOnlyFunc<void()> SearchTable::brokenOffHandler(SearchContext* context
 {
     return [this, guard = m_asyncGuard.sharedGuard(), context] {
         if (const auto alive = guard.lock()) {
-            forget(context);
+            complete(context, Result::connectError, {});
             search_threads::announceEnd();
         }
     };

@@ -35,8 +35,8 @@ public:
     /// search, which no other search gets before `EndedAddresses::kKept` more have ended.
     void forget(SearchContext* context);
 
-    /// Makes what a search's thread calls when an exception ends the search without a final call. It forgets
-    /// the search; after the table is gone it does nothing.
+    /// Makes what a search's thread calls when an exception ends the search without a final call. It makes
+    /// that call, `Result::connectError`; after the table is gone it does nothing.
     utils::MoveOnlyFunc<void()> brokenOffHandler(SearchContext* context);
 
     /// Whether this thread is in an intermediate call of a handler.

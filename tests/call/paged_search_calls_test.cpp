@@ -723,6 +723,21 @@ TEST_F(SearchStart, FailsWithoutATraceWhenNoThreadCanBeHad)
     expectNoTrace(uncalled);
 }
 
+TEST_F(SearchStart, FailsAsAResultWhenItIsWaitedFor)
+{
+    const auto resultOfSearch = [&] { return std::get<Result>(session->search(params(), 2)); };
+    recorder.fail(ldap_dup, nullptr, {.nth = 1, .error = ENOMEM});
+    EXPECT_EQ(resultOfSearch(), Result::connectError);
+    {
+        const NoThreads noThreads;
+        EXPECT_EQ(resultOfSearch(), Result::connectError);
+    }
+    EXPECT_TRUE(log.contains("Could not start a search: "));
+
+    server.expectSearch().answer(entries(1, 1), done());
+    EXPECT_THAT(std::get<std::vector<ldap::SearchEntry>>(session->search(params(), 2)), SizeIs(1));
+}
+
 TEST_F(SearchStart, NeedsASharedOwner)
 {
     const std::unique_ptr<SearchContext> context = session->createSearchContext(params());
