@@ -134,9 +134,6 @@ void Session::setResponseTimeout(std::chrono::seconds timeout) { m_responseTimeo
 
 void Session::checkErrorAndThrow(int ldapCode, int systemError, QString context) const
 {
-    if (ldapCode == LDAP_DECODING_ERROR) {
-        stopReading(m_ldap.get());
-    }
     if (m_isSecure) {
         throwTlsErrorIfAny(ldapCode, systemError);
     }
@@ -145,6 +142,9 @@ void Session::checkErrorAndThrow(int ldapCode, int systemError, QString context)
 
 void Session::throwFailure(int ldapCode, int systemError, QString context, const QString& secret) const
 {
+    if (ldapCode == LDAP_DECODING_ERROR) {
+        stopReading(m_ldap.get());
+    }
     try {
         checkErrorAndThrow(ldapCode, systemError, std::move(context));
     } catch (BaseError& error) {

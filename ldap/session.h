@@ -82,7 +82,8 @@ public:
     void setResponseTimeout(std::chrono::seconds timeout);
 
     /// Throws the error that fits a failed call of the client library: `TlsError` when the connection is
-    /// secure and this thread's OpenSSL queue has a TLS error, else `BaseError`.
+    /// secure and this thread's OpenSSL queue has a TLS error, else `BaseError`. Takes the earliest error off
+    /// that queue; changes nothing about the connection.
     [[noreturn]] void checkErrorAndThrow(int ldapCode, int systemError, QString context) const;
 
     /// Frees a connection handle; the deleter of every handle in this library. Logs a failure, never throws.
@@ -142,7 +143,7 @@ public:
 private:
     TAVO_LDAP_NO_EXPORT std::shared_ptr<SearchContext> createSharedContext(SearchParams params) const;
 
-    /// Throws the error of a call on the session's own handle, explained.
+    /// Throws the error of a call on the session's own handle, explained. The connection is over after some.
     [[noreturn]] TAVO_LDAP_NO_EXPORT void throwFailure(
         int ldapCode, int systemError, QString context, const QString& secret = {}) const;
 

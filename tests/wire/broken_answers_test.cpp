@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <ldap.h>
 
 #include <string>
 #include <vector>
@@ -161,6 +162,19 @@ TEST(UndecodableAnswers, EndTheConnectionOfABind)
 
     EXPECT_THROW(session.bind(QStringLiteral("cn=a"), QStringLiteral("b")), ldap::BaseError);
     EXPECT_EQ(std::get<Result>(session.search(below("dc=x"), 2)), Result::connectError);
+}
+
+TEST(UndecodableAnswers, AreNoneWhenTheCallerOnlyAsksForTheirError)
+{
+    ScriptedServer server;
+    server.expectBind().answer(success());
+    server.expectSearch().answer(entries(1, 1), done());
+    ldap::Session session(utils::Url(QString::fromStdString(server.url())), false, false);
+    session.bind(QStringLiteral("cn=a"), QStringLiteral("b"));
+
+    EXPECT_THROW(session.checkErrorAndThrow(LDAP_DECODING_ERROR, 0, QString()), ldap::BaseError);
+
+    EXPECT_EQ(session.simpleSearch(below("dc=x")).size(), 1U);
 }
 
 TEST_F(StrangeAnswers, OfAnotherSearchGoToThatSearch)
