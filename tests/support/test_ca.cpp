@@ -26,6 +26,8 @@ struct Free
 using Key = std::unique_ptr<EVP_PKEY, Free<&EVP_PKEY_free>>;
 using KeyContext = std::unique_ptr<EVP_PKEY_CTX, Free<&EVP_PKEY_CTX_free>>;
 using Certificate = std::unique_ptr<X509, Free<&X509_free>>;
+using RevocationList = std::unique_ptr<X509_CRL, Free<&X509_CRL_free>>;
+using Time = std::unique_ptr<ASN1_TIME, Free<&ASN1_TIME_free>>;
 using Extension = std::unique_ptr<X509_EXTENSION, Free<&X509_EXTENSION_free>>;
 using File = std::unique_ptr<std::FILE, Free<&std::fclose>>;
 
@@ -86,6 +88,27 @@ void writeKey(const std::filesystem::path& path, EVP_PKEY& key)
         path.c_str());
 }
 
+Certificate readCertificate(const std::filesystem::path& path)
+{
+    const File file(std::fopen(path.c_str(), "r"));
+    Certificate certificate(file ? PEM_read_X509(file.get(), nullptr, nullptr, nullptr) : nullptr);
+    check(certificate != nullptr, path.c_str());
+    return certificate;
+}
+
+Time fromNow(std::chrono::seconds offset)
+{
+    return Time(X509_gmtime_adj(nullptr, static_cast<long>(offset.count())));
+}
+
+void addRevoked(X509_CRL& list, const X509& certificate)
+{
+    X509_REVOKED* const entry = X509_REVOKED_new();
+    check(entry != nullptr && X509_CRL_add0_revoked(&list, entry) > 0, "revocation");
+    X509_REVOKED_set_serialNumber(entry, const_cast<ASN1_INTEGER*>(X509_get0_serialNumber(&certificate)));
+    X509_REVOKED_set_revocationDate(entry, fromNow(-1h).get());
+}
+
 std::string join(const std::vector<std::string>& parts)
 {
     std::string result;
@@ -125,7 +148,7 @@ ServerCertificate TestCa::issue(const CertificateOptions& options)
         newCertificate(options.commonName, *key, serial, options.notBefore, options.notAfter);
     addExtension(*certificate, NID_basic_constraints, "critical,CA:FALSE");
     addExtension(*certificate, NID_key_usage, "critical,digitalSignature");
-    addExtension(*certificate, NID_ext_key_usage, "serverAuth");
+    addExtension(*certificate, NID_ext_key_usage, options.extendedKeyUsage);
     if (!options.subjectAltNames.empty())
         addExtension(*certificate, NID_subject_alt_name, join(options.subjectAltNames));
     if (options.isSelfSigned)
@@ -138,6 +161,37 @@ ServerCertificate TestCa::issue(const CertificateOptions& options)
     writeCertificate(result.certificate, *certificate);
     writeKey(result.key, *key);
     return result;
+}
+
+std::filesystem::path TestCa::revoke(const std::vector<ServerCertificate>& revoked)
+{
+    const RevocationList list(X509_CRL_new());
+    check(list != nullptr, "revocation list");
+    X509_CRL_set_version(list.get(), 1);
+    X509_CRL_set_issuer_name(list.get(), X509_get_subject_name(m_identity->certificate.get()));
+    X509_CRL_set1_lastUpdate(list.get(), fromNow(-24h).get());
+    X509_CRL_set1_nextUpdate(list.get(), fromNow(24h).get());
+    for (const ServerCertificate& each : revoked)
+        addRevoked(*list, *readCertificate(each.certificate));
+    X509_CRL_sort(list.get());
+    check(X509_CRL_sign(list.get(), m_identity->key.get(), EVP_sha256()) > 0, "signature");
+
+    const std::filesystem::path path = m_directory.path() / ("revoked-" + std::to_string(++m_made) + ".pem");
+    const File file(std::fopen(path.c_str(), "w"));
+    check(file && PEM_write_X509_CRL(file.get(), list.get()) > 0, path.c_str());
+    return path;
+}
+
+std::filesystem::path TestCa::makeDirectory(const std::optional<std::filesystem::path>& revocations)
+{
+    const std::filesystem::path directory = m_directory.path() / ("directory-" + std::to_string(++m_made));
+    std::filesystem::create_directory(directory);
+    char hash[9] = {};
+    std::snprintf(hash, sizeof hash, "%08lx", X509_subject_name_hash(m_identity->certificate.get()));
+    std::filesystem::copy_file(certificate(), directory / (std::string(hash) + ".0"));
+    if (revocations)
+        std::filesystem::copy_file(*revocations, directory / (std::string(hash) + ".r0"));
+    return directory;
 }
 
 ServerCertificate TestCa::issueExpired() { return issue({.notBefore = -24h, .notAfter = -1h}); }

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,8 @@ struct CertificateOptions
     /// The start and the end of its validity, counted from now.
     std::chrono::seconds notBefore = -std::chrono::hours(24);
     std::chrono::seconds notAfter = std::chrono::hours(24);
+    /// What it is for, in OpenSSL's notation; "clientAuth" for a client's.
+    std::string extendedKeyUsage = "serverAuth";
     /// Signed with its own key instead of the authority's.
     bool isSelfSigned = false;
 };
@@ -52,12 +55,20 @@ public:
     ServerCertificate issueForOtherHost();
     ServerCertificate issueSelfSigned();
 
+    /// Makes a list of the authority's revoked certificates, as a PEM file; every call gives another one.
+    std::filesystem::path revoke(const std::vector<ServerCertificate>& revoked);
+
+    /// Makes a directory, of the kind that OpenSSL expects, that holds the authority's certificate and, if
+    /// given, its list of revoked ones; every call gives another one.
+    std::filesystem::path makeDirectory(const std::optional<std::filesystem::path>& revocations = {});
+
 private:
     struct Identity;
 
     TemporaryDirectory m_directory;
     std::unique_ptr<Identity> m_identity;
     long m_issued = 1;
+    int m_made = 0;
 };
 
 } // namespace tavo::test
