@@ -92,6 +92,13 @@ TEST(CallRecorder, CopiesOptionsByTheirKind)
     ldap_set_option(ld, LDAP_OPT_X_TLS_CACERTFILE, "/some/file");
     int version = 0;
     ldap_get_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
+    char bytes[] = {'a', '\0', 'b'};
+    const berval key{sizeof bytes, bytes};
+    ldap_set_option(ld, LDAP_OPT_X_TLS_KEY, &key);
+    berval copy{};
+    ldap_get_option(ld, LDAP_OPT_X_TLS_KEY, &copy);
+    ber_memfree(copy.bv_val);
+    ldap_set_option(ld, LDAP_OPT_X_TLS_KEY, nullptr);
     ldap_destroy(ld);
 
     const auto set = recorder.calls("ldap_set_option");
@@ -100,7 +107,11 @@ TEST(CallRecorder, CopiesOptionsByTheirKind)
     EXPECT_TRUE(set.at(1).isNull("invalue"));
     EXPECT_EQ(set.at(2).time("invalue"), (RecordedCall::Time{5, 6}));
     EXPECT_EQ(set.at(3).text("invalue"), "/some/file");
-    EXPECT_EQ(recorder.only("ldap_get_option").number("outvalue"), 3);
+    EXPECT_EQ(set.at(4).text("invalue"), Bytes("a\0b", 3));
+    EXPECT_TRUE(set.at(5).isNull("invalue"));
+    const auto got = recorder.calls("ldap_get_option");
+    EXPECT_EQ(got.at(0).number("outvalue"), 3);
+    EXPECT_EQ(got.at(1).text("outvalue"), Bytes("a\0b", 3));
 }
 
 TEST(CallRecorder, NumbersHandlesSoThatADuplicateIsToldFromItsOriginal)

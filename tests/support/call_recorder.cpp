@@ -149,6 +149,7 @@ enum class OptionKind
 {
     number,
     text,
+    bytes,
     time,
     opaque
 };
@@ -166,6 +167,8 @@ OptionKind kindOfOption(int option)
     case LDAP_OPT_X_TLS_REQUIRE_CERT:
     case LDAP_OPT_X_TLS_NEWCTX:
     case LDAP_OPT_X_TLS_PROTOCOL_MIN:
+    case LDAP_OPT_X_TLS_PROTOCOL_MAX:
+    case LDAP_OPT_X_TLS:
         return OptionKind::number;
     case LDAP_OPT_URI:
     case LDAP_OPT_HOST_NAME:
@@ -175,8 +178,15 @@ OptionKind kindOfOption(int option)
     case LDAP_OPT_X_TLS_CACERTDIR:
     case LDAP_OPT_X_TLS_CERTFILE:
     case LDAP_OPT_X_TLS_KEYFILE:
+    case LDAP_OPT_X_TLS_CIPHER_SUITE:
+    case LDAP_OPT_X_TLS_ECNAME:
+    case LDAP_OPT_X_TLS_CRLFILE:
     case LDAP_OPT_X_TLS_PACKAGE:
         return OptionKind::text;
+    case LDAP_OPT_X_TLS_CACERT:
+    case LDAP_OPT_X_TLS_CERT:
+    case LDAP_OPT_X_TLS_KEY:
+        return OptionKind::bytes;
     case LDAP_OPT_TIMEOUT:
     case LDAP_OPT_NETWORK_TIMEOUT:
         return OptionKind::time;
@@ -194,6 +204,8 @@ Value optionToSet(int option, const void* value)
         return numberValue(*static_cast<const int*>(value));
     case OptionKind::text:
         return textValue(static_cast<const char*>(value));
+    case OptionKind::bytes:
+        return bytesValue(static_cast<const berval*>(value));
     case OptionKind::time:
         return timeValue(static_cast<const timeval*>(value));
     case OptionKind::opaque:
@@ -785,12 +797,23 @@ int __wrap_ldap_get_option(LDAP* ld, int option, void* value)
         .afterwards([&](Results& results) {
             if (!results.isZero())
                 return;
-            if (kindOfOption(option) == OptionKind::number)
+            switch (kindOfOption(option)) {
+            case OptionKind::number:
                 results.add("outvalue", numberValue(*static_cast<int*>(value)));
-            if (kindOfOption(option) != OptionKind::text)
-                return;
-            results.add("outvalue", textValue(*static_cast<char**>(value)));
-            results.handsOut(*static_cast<char**>(value), "a text of ldap_get_option", {"ldap_memfree"});
+                break;
+            case OptionKind::text:
+                results.add("outvalue", textValue(*static_cast<char**>(value)));
+                results.handsOut(*static_cast<char**>(value), "a text of ldap_get_option", {"ldap_memfree"});
+                break;
+            case OptionKind::bytes:
+                results.add("outvalue", bytesValue(static_cast<berval*>(value)));
+                results.handsOut(static_cast<berval*>(value)->bv_val, "the bytes of ldap_get_option",
+                    {"ber_memfree", "ldap_memfree"});
+                break;
+            case OptionKind::time:
+            case OptionKind::opaque:
+                break;
+            }
         })
         .call(ld, option, value);
 }
