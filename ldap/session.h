@@ -28,8 +28,9 @@ class SearchTable;
 ///     auto entries = session.simpleSearch(
 ///         {u"dc=corp,dc=example"_qs, u"(uid=ann)"_qs, {}, SearchScope::subtree});
 ///
-/// LDAP version 3 (RFC 4511); referrals are never followed. The client library's configuration decides which
-/// certificates are trusted (ldap.conf, `LDAPTLS_CACERT`).
+/// LDAP version 3 (RFC 4511); referrals are never followed. The client library's configuration decides about
+/// TLS: which certificates are trusted, which protocols are good, what the client's own certificate is
+/// (ldap.conf, `LDAPTLS_CACERT` and others).
 ///
 /// Threads: one thread at a time uses a session, except that any thread may call `stopAsyncSearch`. Each
 /// asynchronous search calls its handler on a thread of its own. A handler may start and stop searches from

@@ -4,14 +4,15 @@
 
 namespace tavo::ldap {
 
-/// Sets how strictly the handle verifies certificates, and gives it a TLS context of its own that does so.
+/// Sets how strictly the handle verifies certificates, and gives it a TLS context of its own that does so,
+/// and is otherwise what the host has configured.
 /// \param isSecure whether the handle's connection uses TLS from the first byte
 /// \throws BaseError
 void setUpTls(LDAP* ld, bool isSecure, bool ignoreCertificateErrors);
 
-/// Gives a handle that verifies certificates the authorities that the host trusts, for the StartTLS that
+/// Gives the handle of a plain connection the TLS context that the host has configured, for the StartTLS that
 /// follows.
-/// \throws BaseError
+/// \throws BaseError; the handle then sends nothing more in the clear
 void prepareStartTls(LDAP* ld);
 
 /// Clears what earlier calls have left in this thread's OpenSSL error queue.

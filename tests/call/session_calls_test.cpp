@@ -13,9 +13,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <new>
 #include <type_traits>
+#include <variant>
 
 namespace tavo::test {
 
@@ -64,6 +66,7 @@ using ldap::Session;
 using ldap::TlsError;
 
 using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
@@ -85,16 +88,55 @@ std::string setOption(int option, const std::string& value)
     return "ldap_set_option(invalue=" + value + ", ld=handle 1, option=" + std::to_string(option) + ") = 0";
 }
 
-/// Has the host's configuration name these authorities.
-void configureAuthorities(CallRecorder& recorder, const std::string& file, const std::string& directory)
+/// What the host has configured for TLS: texts, numbers, and bytes where an option has those.
+using HostsOptions = std::map<int, std::variant<std::string, int>>;
+
+const HostsOptions everyHostsOption{{LDAP_OPT_X_TLS_CACERTFILE, "ca.pem"}, {LDAP_OPT_X_TLS_CACERTDIR, "cas"},
+    {LDAP_OPT_X_TLS_CACERT, Bytes("c\0a", 3)}, {LDAP_OPT_X_TLS_CRLFILE, "crl.pem"},
+    {LDAP_OPT_X_TLS_CERTFILE, "own.pem"}, {LDAP_OPT_X_TLS_KEYFILE, "own.key"},
+    {LDAP_OPT_X_TLS_CERT, Bytes("own\0", 4)}, {LDAP_OPT_X_TLS_KEY, Bytes("\0key", 4)},
+    {LDAP_OPT_X_TLS_CIPHER_SUITE, "SUITE"}, {LDAP_OPT_X_TLS_PROTOCOL_MIN, LDAP_OPT_X_TLS_PROTOCOL_TLS1_2},
+    {LDAP_OPT_X_TLS_PROTOCOL_MAX, LDAP_OPT_X_TLS_PROTOCOL_TLS1_3}, {LDAP_OPT_X_TLS_ECNAME, "P-256"}};
+
+bool holdsBytes(int option)
+{
+    return option == LDAP_OPT_X_TLS_CACERT || option == LDAP_OPT_X_TLS_CERT || option == LDAP_OPT_X_TLS_KEY;
+}
+
+/// Like the client library's function for the global options.
+int getHostsOption(const HostsOptions& options, int option, void* value)
+{
+    const auto found = options.find(option);
+    if (option == LDAP_OPT_X_TLS_PROTOCOL_MIN || option == LDAP_OPT_X_TLS_PROTOCOL_MAX)
+        *static_cast<int*>(value) = found == options.end() ? 0 : std::get<int>(found->second);
+    else if (holdsBytes(option) && found == options.end())
+        *static_cast<berval*>(value) = {};
+    else if (holdsBytes(option))
+        CallRecorder::real(ber_mem2bv)(std::get<std::string>(found->second).data(),
+            std::get<std::string>(found->second).size(), 1, static_cast<berval*>(value));
+    else if (found == options.end())
+        *static_cast<char**>(value) = nullptr;
+    else
+        *static_cast<char**>(value) =
+            CallRecorder::real(ber_strdup)(std::get<std::string>(found->second).c_str());
+    return LDAP_OPT_SUCCESS;
+}
+
+void configure(CallRecorder& recorder, const HostsOptions& options)
 {
     recorder.replace(ldap_get_option, [=](LDAP* ld, int option, void* value) {
         if (ld != nullptr || option == LDAP_OPT_DEBUG_LEVEL)
             return CallRecorder::real(ldap_get_option)(ld, option, value);
-        const std::string& path = option == LDAP_OPT_X_TLS_CACERTFILE ? file : directory;
-        *static_cast<char**>(value) = path.empty() ? nullptr : CallRecorder::real(ber_strdup)(path.c_str());
-        return LDAP_OPT_SUCCESS;
+        return getHostsOption(options, option, value);
     });
+}
+
+/// What is set to give a context the host's options that have nothing to do with verification.
+std::vector<std::string> settingOfUnconcernedOptions()
+{
+    return {setOption(0x6004, "\"own.pem\""), setOption(0x6005, "\"own.key\""),
+        setOption(0x6017, "\"own\\00\""), setOption(0x6018, "\"\\00key\""), setOption(0x6008, "\"SUITE\""),
+        setOption(0x6007, "771"), setOption(0x601b, "772"), setOption(0x6012, "\"P-256\"")};
 }
 
 TEST(SessionCreation, MakesNoCopies)
@@ -139,6 +181,7 @@ TEST(SessionCreation, WaivesTheCertificateOnlyOnRequestAndBeforeTheTlsContext)
 {
     for (const auto& url : {plainUrl(), secureUrl()}) {
         CallRecorder recorder;
+        configure(recorder, {});
         {
             const Session session(url, false, true);
         }
@@ -150,28 +193,66 @@ TEST(SessionCreation, WaivesTheCertificateOnlyOnRequestAndBeforeTheTlsContext)
     }
 }
 
-TEST(SessionCreation, GivesAStrictTlsContextTheHostsAuthorities)
+TEST(SessionCreation, GivesAStrictTlsContextAllOfTheHostsOptions)
 {
-    const TemporaryDirectory directory;
-    const std::string file = directory.path() / "ca.pem";
-    std::ofstream(file) << "not read here";
     CallRecorder recorder;
-    configureAuthorities(recorder, file, directory.path());
+    configure(recorder, everyHostsOption);
     recorder.fail(ldap_set_option, LDAP_OPT_SUCCESS);
     {
         const Session session(secureUrl(), false, false);
     }
 
-    EXPECT_THAT(described(recorder.calls("ldap_set_option")),
-        ElementsAre(setOption(0x11, "3"), setOption(0x08, "null"), setOption(0x6006, "1"),
-            setOption(0x6002, "\"" + file + "\""),
-            setOption(0x6003, "\"" + std::string(directory.path()) + "\""), setOption(0x600f, "0")));
+    std::vector<std::string> expected{setOption(0x11, "3"), setOption(0x08, "null"), setOption(0x6006, "1"),
+        setOption(0x6002, "\"ca.pem\""), setOption(0x6003, "\"cas\""), setOption(0x6016, "\"c\\00a\""),
+        setOption(0x6010, "\"crl.pem\"")};
+    for (const auto& call : settingOfUnconcernedOptions())
+        expected.push_back(call);
+    for (const auto& call : {setOption(0x600f, "0"), setOption(0x6016, "null"), setOption(0x6017, "null"),
+             setOption(0x6018, "null")})
+        expected.push_back(call);
+    EXPECT_THAT(described(recorder.calls("ldap_set_option")), ElementsAreArray(expected));
 }
 
-TEST(SessionCreation, LeavesOutAuthoritiesThatAreNotThereOrNotConfigured)
+TEST(SessionCreation, GivesALenientTlsContextNoAuthoritiesAndRevocations)
 {
     CallRecorder recorder;
-    configureAuthorities(recorder, "/nowhere/ca.pem", "");
+    recorder.fail(ldap_set_option, LDAP_OPT_SUCCESS);
+    recorder.replace(ldap_get_option, [](LDAP* ld, int option, void* value) {
+        if (ld == nullptr)
+            return getHostsOption(everyHostsOption, option, value);
+        *static_cast<int*>(value) = LDAP_OPT_X_TLS_NEVER;
+        return LDAP_OPT_SUCCESS;
+    });
+    {
+        const Session session(secureUrl(), false, true);
+    }
+
+    std::vector<std::string> expected{setOption(0x11, "3"), setOption(0x08, "null"), setOption(0x6006, "0")};
+    for (const auto& call : settingOfUnconcernedOptions())
+        expected.push_back(call);
+    for (const auto& call : {setOption(0x600f, "0"), setOption(0x6017, "null"), setOption(0x6018, "null")})
+        expected.push_back(call);
+    EXPECT_THAT(described(recorder.calls("ldap_set_option")), ElementsAreArray(expected));
+}
+
+TEST(SessionCreation, ReadsNoneOfTheHostsOptionsForAPlainConnection)
+{
+    for (const bool ignoresCertificateErrors : {false, true}) {
+        CallRecorder recorder;
+        configure(recorder, everyHostsOption);
+        {
+            const Session session(plainUrl(), false, ignoresCertificateErrors);
+        }
+
+        EXPECT_EQ(recorder.count("ldap_get_option"), 0U);
+        EXPECT_EQ(recorder.count("ldap_set_option"), 4U);
+    }
+}
+
+TEST(SessionCreation, LeavesOutWhatTheHostHasNotConfigured)
+{
+    CallRecorder recorder;
+    configure(recorder, {});
     {
         const Session session(secureUrl(), false, false);
     }
@@ -184,18 +265,91 @@ TEST(SessionCreation, FailsRatherThanTrustOthersWhenTheAuthoritiesCannotBeRead)
     const TemporaryDirectory directory;
     const std::string file = directory.path() / "file";
     std::ofstream(file) << "no directory";
+    for (const std::string& unreadable : {file + "/ca.pem", file + ".missing"}) {
+        CallRecorder recorder;
+        configure(recorder, {{LDAP_OPT_X_TLS_CACERTFILE, unreadable}});
+
+        const auto error = thrownBy<BaseError>([] { Session(secureUrl(), false, false); });
+
+        EXPECT_EQ(error.context, "set LDAP_OPT_X_TLS_NEWCTX"_s);
+        EXPECT_EQ(recorder.calls("ldap_set_option").at(3).number("option"), LDAP_OPT_X_TLS_CACERTFILE);
+    }
+}
+
+TEST(SessionCreation, FailsWhenAnOptionOfTheHostCannotBeRead)
+{
+    for (const auto& [option, name] : {std::pair(LDAP_OPT_X_TLS_CACERTFILE, "CACERTFILE"),
+             {LDAP_OPT_X_TLS_PROTOCOL_MIN, "PROTOCOL_MIN"}, {LDAP_OPT_X_TLS_KEY, "KEY"}}) {
+        for (const int code : {LDAP_OPT_ERROR, LDAP_OPT_SUCCESS}) {
+            CallRecorder recorder;
+            recorder.leaveErrnoWhenFreeing(ENOTEMPTY);
+            // Out of memory, the client library reports success and no value.
+            recorder.replace(ldap_get_option, [=, wanted = option](LDAP* ld, int current, void* value) {
+                if (ld != nullptr)
+                    return CallRecorder::real(ldap_get_option)(ld, current, value);
+                getHostsOption({}, current, value);
+                errno = current == wanted ? ENOMEM : 0;
+                return current == wanted ? code : LDAP_OPT_SUCCESS;
+            });
+
+            expectError(thrownBy<BaseError>([] { Session(secureUrl(), false, false); }),
+                code == LDAP_OPT_SUCCESS ? LDAP_NO_MEMORY : code,
+                QString::fromUtf8(("get LDAP_OPT_X_TLS_" + std::string(name)).c_str()), ENOMEM);
+            EXPECT_EQ(recorder.count("ldap_destroy"), 1U);
+        }
+    }
+}
+
+TEST(SessionCreation, FailsWhenAnOptionOfTheHostCannotBeSet)
+{
+    for (const auto& [option, name] : {std::pair(LDAP_OPT_X_TLS_CACERTFILE, "CACERTFILE"),
+             {LDAP_OPT_X_TLS_PROTOCOL_MIN, "PROTOCOL_MIN"}, {LDAP_OPT_X_TLS_KEY, "KEY"}}) {
+        for (const int code : {LDAP_OPT_ERROR, LDAP_OPT_SUCCESS}) {
+            CallRecorder recorder;
+            recorder.leaveErrnoWhenFreeing(ENOTEMPTY);
+            configure(recorder, everyHostsOption);
+            recorder.replace(ldap_set_option, [=, wanted = option](LDAP*, int current, const void* value) {
+                errno = current == wanted ? ENOMEM : 0;
+                return current == wanted && value != nullptr ? code : LDAP_OPT_SUCCESS;
+            });
+
+            expectError(thrownBy<BaseError>([] { Session(secureUrl(), false, false); }),
+                code == LDAP_OPT_SUCCESS ? LDAP_NO_MEMORY : code,
+                QString::fromUtf8(("set LDAP_OPT_X_TLS_" + std::string(name)).c_str()), ENOMEM);
+            EXPECT_EQ(recorder.count("ldap_destroy"), 1U);
+        }
+    }
+}
+
+TEST(SessionCreation, ForgetsCertificatesInMemoryWhenTheContextFails)
+{
     CallRecorder recorder;
-    configureAuthorities(recorder, file + "/ca.pem", "");
+    configure(recorder, {{LDAP_OPT_X_TLS_CACERT, "no certificate"}});
 
     EXPECT_THROW(Session(secureUrl(), false, false), BaseError);
 
-    EXPECT_EQ(recorder.calls("ldap_set_option").at(3).number("option"), LDAP_OPT_X_TLS_CACERTFILE);
+    EXPECT_EQ(describe(recorder.calls("ldap_set_option").at(4)),
+        "ldap_set_option(invalue=0, ld=handle 1, option=24591) = -1");
+    EXPECT_EQ(describe(recorder.calls("ldap_set_option").at(5)), setOption(0x6016, "null"));
+}
+
+TEST(SessionCreation, WipesItsCopyOfTheHostsKey)
+{
+    CallRecorder recorder;
+    configure(recorder, everyHostsOption);
+    recorder.fail(ldap_set_option, LDAP_OPT_SUCCESS);
+    const Wipes wipes;
+    {
+        const Session session(secureUrl(), false, false);
+    }
+
+    EXPECT_THAT(wipes.texts(), ElementsAre(Bytes("c\0a", 3), Bytes("own\0", 4), Bytes("\0key", 4)));
 }
 
 TEST(SessionCreation, UpgradesAPlainConnectionWhenAskedTo)
 {
     CallRecorder recorder;
-    configureAuthorities(recorder, "", "");
+    configure(recorder, {});
     recorder.fail(ldap_start_tls_s, LDAP_SUCCESS);
     {
         const Session session(plainUrl(), true, false);
@@ -206,21 +360,32 @@ TEST(SessionCreation, UpgradesAPlainConnectionWhenAskedTo)
         "ldap_start_tls_s(clientctrls=null, ld=handle 1, serverctrls=null) = 0");
 }
 
-TEST(SessionCreation, GivesAnUpgradeTheHostsAuthoritiesInATlsContextOfTheirOwn)
+TEST(SessionCreation, GivesAnUpgradeTheHostsOptionsInATlsContextOfTheirOwn)
 {
-    const TemporaryDirectory directory;
-    CallRecorder recorder;
-    configureAuthorities(recorder, "", directory.path());
-    recorder.fail(ldap_start_tls_s, LDAP_SUCCESS);
-    {
-        const Session session(plainUrl(), true, false);
-    }
+    for (const bool ignoresCertificateErrors : {false, true}) {
+        CallRecorder recorder;
+        configure(recorder, {{LDAP_OPT_X_TLS_CACERTFILE, "/missing"},
+                                {LDAP_OPT_X_TLS_PROTOCOL_MIN, LDAP_OPT_X_TLS_PROTOCOL_TLS1_2}});
+        recorder.replace(ldap_set_option, [](LDAP* ld, int option, const void* value) {
+            // There is no such file to make a context from.
+            return option == LDAP_OPT_X_TLS_CACERTFILE
+                       ? LDAP_OPT_SUCCESS
+                       : CallRecorder::real(ldap_set_option)(ld, option, value);
+        });
+        recorder.fail(ldap_start_tls_s, LDAP_SUCCESS);
+        {
+            const Session session(plainUrl(), true, ignoresCertificateErrors);
+        }
 
-    EXPECT_THAT(namesAmong(recorder, {"ldap_set_option", "ldap_start_tls_s"}),
-        ElementsAre("ldap_set_option", "ldap_set_option", "ldap_set_option", "ldap_set_option",
-            "ldap_set_option", "ldap_set_option", "ldap_set_option", "ldap_set_option", "ldap_start_tls_s"));
-    EXPECT_EQ(recorder.calls("ldap_set_option").at(4).number("option"), LDAP_OPT_X_TLS_CACERTDIR);
-    EXPECT_EQ(recorder.calls("ldap_set_option").at(5).number("option"), LDAP_OPT_X_TLS_NEWCTX);
+        std::vector<std::string> expected{setOption(0x11, "3"), setOption(0x08, "null"),
+            setOption(0x6006, ignoresCertificateErrors ? "0" : "1"), setOption(0x600f, "0"),
+            setOption(0x6007, "771"), setOption(0x600f, "0"), setOption(0x32, "null"),
+            setOption(0x33, "null")};
+        if (!ignoresCertificateErrors)
+            expected.insert(expected.begin() + 4, setOption(0x6002, "\"/missing\""));
+        EXPECT_THAT(described(recorder.calls("ldap_set_option")), ElementsAreArray(expected));
+        EXPECT_EQ(recorder.names().at(recorder.names().size() - 2), "ldap_start_tls_s");
+    }
 }
 
 TEST(SessionCreation, NeverUpgradesAnLdapsConnection)
@@ -365,6 +530,19 @@ TEST(SessionCreationDeathTest, InitializesTlsOnceUnderTheProcessWideLock)
     GTEST_FLAG_SET(death_test_style, "threadsafe");
 
     EXPECT_EXIT(makeFirstSession(), ::testing::ExitedWithCode(0), "");
+}
+
+TEST(StartTls, IsNotTriedWithoutTheContextThatTheHostWants)
+{
+    CallRecorder recorder;
+    configure(recorder, {{LDAP_OPT_X_TLS_CACERTFILE, "/missing/ca.pem"}});
+    Session session(plainUrl(), false, false);
+
+    const auto error = thrownBy<BaseError>([&] { session.startTls(); });
+
+    EXPECT_EQ(error.context, "set LDAP_OPT_X_TLS_NEWCTX"_s);
+    EXPECT_EQ(recorder.count("ldap_start_tls_s"), 0U);
+    EXPECT_EQ(describe(recorder.calls("ldap_set_option").back()), setOption(0x6000, "1"));
 }
 
 TEST(StartTls, ReportsASecondUpgradeAndCallsAllTheSame)

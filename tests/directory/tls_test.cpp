@@ -307,6 +307,26 @@ TEST_F(TlsTest, AFailedSessionLeavesNothingBehindForTheNext)
     }
 }
 
+TEST_F(TlsTest, AnUpgradeWithoutItsContextSendsNothingInTheClear)
+{
+    Slapd slapd(withCertificate(issue({})));
+    for (const bool isConnected : {false, true}) {
+        Session session(urlOf(slapd.url()), false, false);
+        if (isConnected)
+            session.whoAmI();
+        // The host asks for what no context can be made of.
+        ldap_set_option(nullptr, LDAP_OPT_X_TLS_CIPHER_SUITE, "NO-SUCH-SUITE");
+        EXPECT_THROW(session.startTls(), BaseError);
+        ldap_set_option(nullptr, LDAP_OPT_X_TLS_CIPHER_SUITE, nullptr);
+
+        EXPECT_THROW(session.bind("cn=admin,dc=example,dc=test"_s, "secret"_s), BaseError);
+        EXPECT_THROW(session.whoAmI(), BaseError);
+    }
+    slapd.stop();
+    EXPECT_THAT(slapd.log(), ::testing::Not(HasSubstr("BIND")));
+    EXPECT_THAT(slapd.log(), HasSubstr("WHOAMI")) << "the log tells what was received";
+}
+
 TEST_F(TlsTest, AServerThatStaysSilentIsWaitedFor)
 {
     const test::Gate reached;
