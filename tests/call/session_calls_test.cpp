@@ -189,7 +189,6 @@ TEST(SessionCreation, WaivesTheCertificateOnlyOnRequestAndBeforeTheTlsContext)
         EXPECT_THAT(described(recorder.calls("ldap_set_option")),
             ElementsAre(setOption(0x11, "3"), setOption(0x08, "null"), setOption(0x6006, "0"),
                 setOption(0x600f, "0")));
-        EXPECT_EQ(recorder.only("ldap_get_option").number("option"), LDAP_OPT_SOCKBUF);
     }
 }
 
@@ -220,6 +219,8 @@ TEST(SessionCreation, GivesALenientTlsContextNoAuthoritiesAndRevocations)
     recorder.replace(ldap_get_option, [](LDAP* ld, int option, void* value) {
         if (ld == nullptr)
             return getHostsOption(everyHostsOption, option, value);
+        if (option != LDAP_OPT_X_TLS_REQUIRE_CERT)
+            return CallRecorder::real(ldap_get_option)(ld, option, value);
         *static_cast<int*>(value) = LDAP_OPT_X_TLS_NEVER;
         return LDAP_OPT_SUCCESS;
     });
@@ -244,7 +245,7 @@ TEST(SessionCreation, ReadsNoneOfTheHostsOptionsForAPlainConnection)
             const Session session(plainUrl(), false, ignoresCertificateErrors);
         }
 
-        EXPECT_EQ(recorder.count("ldap_get_option"), 0U);
+        EXPECT_EQ(recorder.only("ldap_get_option").number("option"), LDAP_OPT_SOCKBUF);
         EXPECT_EQ(recorder.count("ldap_set_option"), 4U);
     }
 }

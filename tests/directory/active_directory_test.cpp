@@ -1,5 +1,6 @@
 // Users and groups of a real Active Directory domain.
 #include "active_directory_staff.h"
+#include "support/scripted_server.h"
 #include <ldap/ranged_values.h>
 
 #include <gmock/gmock.h>
