@@ -34,9 +34,9 @@ using GroupsHandler = utils::MoveOnlyFunc<void(Result, std::vector<Group>)>;
 ///
 /// Threads: one thread at a time uses a manager, except that any thread may call `stopAsyncFetch`. Each fetch
 /// calls its handler on a thread of its own. A handler may start and stop fetches from any call, and destroy
-/// the manager from a final call, but not from an intermediate one. Destroying the manager gives the handlers
-/// of running fetches `Result::cancelled`, on the destroying thread, and waits for a handler that runs on
-/// another thread.
+/// the manager from a final call, but not from an intermediate one: that is reported as an assertion failure,
+/// and what follows is undefined. Destroying the manager gives the handlers of running fetches
+/// `Result::cancelled`, on the destroying thread, and waits for a handler that runs on another thread.
 class TAVO_LDAP_EXPORT Manager
 {
 public:

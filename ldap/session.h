@@ -35,7 +35,7 @@ class SearchTable;
 /// Threads: one thread at a time uses a session, except that any thread may call `stopAsyncSearch`. Each
 /// asynchronous search calls its handler on a thread of its own. A handler may start and stop searches from
 /// any call, and destroy the session from a final call, but not from an intermediate one, which runs under
-/// the session's lock.
+/// the session's lock: that is reported as an assertion failure, and what follows is undefined.
 class TAVO_LDAP_EXPORT Session
 {
 public:

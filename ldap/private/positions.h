@@ -16,6 +16,7 @@ inline constexpr SourcePosition unknownScope{"ldap/search_context", 24};
 inline constexpr SourcePosition pageSizeNotPositive{"ldap/search_context", 186};
 inline constexpr SourcePosition searchAlreadyRunning{"ldap/search_context", 192};
 
+inline constexpr SourcePosition sessionEndsInIntermediateCall{"ldap/session", 64};
 inline constexpr SourcePosition sessionDestructorLock{"ldap/session", 65};
 inline constexpr SourcePosition halfEmptyCredentials{"ldap/session", 80};
 inline constexpr SourcePosition alreadySecure{"ldap/session", 107};

@@ -5,6 +5,7 @@
 #include <ldap/private/positions.h>
 #include <ldap/private/search_queue.h>
 #include <ldap/private/search_threads.h>
+#include <tavo_utils/assert.h>
 #include <tavo_utils/scope_guard.h>
 
 #include <ldap.h>
@@ -130,6 +131,11 @@ bool SearchTable::isDeliveringOnThisThread()
 void SearchTable::cancelAll(const log::Tag& tag)
 {
     MutexLocker lock(m_mutex, positions::sessionDestructorLock);
+    if (m_isDelivering) {
+        // On this thread, as the lock is held during that call.
+        assertFailure(positions::sessionEndsInIntermediateCall, "!m_isDelivering",
+            QStringLiteral("a handler must not destroy its session or manager in an intermediate call"));
+    }
     m_isEnding = true;
     auto searches = std::exchange(m_asyncSearches, {});
     lock.unlock();

@@ -43,7 +43,8 @@ public:
     bool isDeliveringOnThisThread();
 
     /// Gives all handlers `Result::cancelled` and lets no search start or complete from now on; waits for a
-    /// handler that runs on another thread. The last call before the table goes.
+    /// handler that runs on another thread. The last call before the table goes; in an intermediate call it is
+    /// reported as an assertion failure.
     /// \param tag the session's, under which the exceptions of handlers are logged
     void cancelAll(const log::Tag& tag);
 

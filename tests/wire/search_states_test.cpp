@@ -7,8 +7,11 @@
 #include <gtest/gtest.h>
 #include <ldap.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <future>
 #include <memory>
 #include <optional>
@@ -812,6 +815,29 @@ TEST(SessionEnd, UnbindsAndCloses)
         session.bind(QStringLiteral("cn=a"), QStringLiteral("b"));
     }
     server.waitForClose(0);
+}
+
+/// Ends the process with 0 at the first failed assertion, which it prints; what follows one is undefined.
+void endInAnIntermediateCall()
+{
+    setAssertionHandler([](SourcePosition position, const char* condition, const QString&) {
+        std::fprintf(stderr, "%s:%d (%s)", position.file, position.line, condition);
+        _exit(0);
+    });
+    ScriptedServer server;
+    server.expectSearch().answer(entries(1, 2), done().page("more"));
+    auto session = std::make_unique<Session>(utils::Url(QString::fromStdString(server.url())), false, false);
+    const Gate never;
+    session->asyncSearch(
+        below("dc=x"), [&](Result, const std::vector<ldap::SearchEntry>&) { session.reset(); }, 2);
+    never.wait("the end of the process");
+}
+
+TEST(SessionEndDeathTest, IsReportedFirstInAnIntermediateCall)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        endInAnIntermediateCall(), ::testing::ExitedWithCode(0), "ldap/session:64 \\(!m_isDelivering");
 }
 
 TEST(SearchThreads, AreNotThereBeforeASearch)
