@@ -16,7 +16,8 @@ Ini::Ini()
 
 Ini& ini()
 {
-    static Ini instance;
+    // Never destroyed: a detached search may read it while the process exits.
+    static Ini& instance = *new Ini;
     return instance;
 }
 

@@ -14,7 +14,8 @@ struct Ini : public kit::IniConfig
     int openldapDebugLevel = 0;
 };
 
-/// The process's only instance, read from the file on first use. Thread-safe.
+/// The process's only instance, read from the file on first use; lives until the process's very end.
+/// Thread-safe.
 Ini& ini();
 
 } // namespace tavo::ldap

@@ -6,7 +6,8 @@ namespace tavo::ldap {
 
 Mutex& initMutex()
 {
-    static Mutex mutex(Mutex::RecursionMode::recursive);
+    // Never destroyed: a handler may open a session while the process exits.
+    static Mutex& mutex = *new Mutex(Mutex::RecursionMode::recursive);
     return mutex;
 }
 

@@ -7,7 +7,10 @@
 #include <gtest/gtest.h>
 #include <ldap.h>
 
+#include <unistd.h>
+
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 
 namespace tavo::ldap {
@@ -58,6 +61,29 @@ TEST_F(IniTest, IsReadOncePerProcess)
     write("openldapDebugLevel = 7\n");
     EXPECT_EQ(&ini(), &first);
     EXPECT_EQ(ini().openldapDebugLevel, 0);
+}
+
+/// Ends the process with 0 if the instance can still be read when all that was made after this call is gone.
+void readAtExit()
+{
+    std::atexit([] {
+        const std::filesystem::path directory = std::getenv("TAVO_CONFIG_DIR");
+        std::ofstream(directory / "tavo_ldap.ini") << "openldapDebugLevel = 7\n";
+        ini().reload();
+        std::filesystem::remove_all(directory);
+        _exit(ini().openldapDebugLevel == 7 ? 0 : 1);
+    });
+    ini();
+    std::exit(2);
+}
+
+class IniDeathTest : public IniTest
+{};
+
+TEST_F(IniDeathTest, IsThereUntilTheVeryEndOfTheProcess)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(readAtExit(), ::testing::ExitedWithCode(0), "");
 }
 
 TEST(EnableOpenldapDebugOutputTest, SetsTheClientLibrarysLevel)
