@@ -1,6 +1,7 @@
 #include "call_test.h"
 #include "support/assertion_capture.h"
 #include "support/log_capture.h"
+#include "support/scripted_server.h"
 #include "support/temporary_directory.h"
 #include <ldap/private/client_library.h>
 #include <ldap/private/handle.h>
@@ -160,10 +161,10 @@ TEST(SessionCreation, ClearsTheErrorQueueBeforeItAsksForAHandle)
         const Session session(plainUrl(), false, false);
     }
 
-    EXPECT_THAT(
-        recorder.names(), ElementsAre("ldap_is_ldaps_url", "ERR_clear_error", "ldap_initialize",
-                              "ldap_get_option", "ber_sockbuf_add_io", "ldap_set_option", "ldap_set_option",
-                              "ldap_set_option", "ldap_set_option", "ldap_destroy"));
+    EXPECT_THAT(recorder.names(),
+        ElementsAre("ldap_is_ldaps_url", "ERR_clear_error", "ldap_initialize", "ldap_get_option",
+            "ber_sockbuf_add_io", "ldap_set_urllist_proc", "ldap_set_option", "ldap_set_option",
+            "ldap_set_option", "ldap_set_option", "ldap_destroy"));
     EXPECT_EQ(recorder.only("ldap_initialize").text("uri"), "ldap://127.0.0.1:1");
 }
 
@@ -435,6 +436,62 @@ TEST(SessionCreation, PutsItsLayerBetweenTheSocketAndTls)
     EXPECT_EQ(describe(recorder.only("ber_sockbuf_add_io")), "ber_sockbuf_add_io(arg=null, layer=11) = 0");
     EXPECT_LT(LBER_SBIOD_LEVEL_PROVIDER, 11);
     EXPECT_LT(11, LBER_SBIOD_LEVEL_TRANSPORT);
+}
+
+/// The layers that are added while it lives; they can be taken away, as a newer client library takes them when
+/// a handshake fails.
+class Layers
+{
+public:
+    explicit Layers(CallRecorder& recorder)
+    {
+        recorder.replace(ber_sockbuf_add_io,
+            [this](Sockbuf* connection, Sockbuf_IO* functions, int level, void* argument) {
+                m_connection = connection;
+                m_functions = functions;
+                m_level = level;
+                return CallRecorder::real(ber_sockbuf_add_io)(connection, functions, level, argument);
+            });
+    }
+
+    bool isThere() const
+    {
+        return CallRecorder::real(ber_sockbuf_ctrl)(m_connection, LBER_SB_OPT_HAS_IO, m_functions) == 1;
+    }
+
+    void takeAway() { ber_sockbuf_remove_io(m_connection, m_functions, m_level); }
+
+private:
+    Sockbuf* m_connection = nullptr;
+    Sockbuf_IO* m_functions = nullptr;
+    int m_level = 0;
+};
+
+TEST(SessionCreation, HasItsLayerOnEachConnectionThatComesAbout)
+{
+    ScriptedServer server;
+    server.expectBind().answer(success());
+    CallRecorder recorder;
+    Layers layer(recorder);
+    Session session(utils::Url(QString::fromStdString(server.url())), false, false);
+    EXPECT_TRUE(layer.isThere());
+
+    layer.takeAway();
+    EXPECT_FALSE(layer.isThere());
+    session.bind(QString(), QString());
+    EXPECT_TRUE(layer.isThere());
+    EXPECT_EQ(recorder.count("ber_sockbuf_add_io"), 2U);
+}
+
+TEST(SessionCreation, AddsItsLayerOnce)
+{
+    ScriptedServer server;
+    server.expectBind().answer(success());
+    CallRecorder recorder;
+    Session session(utils::Url(QString::fromStdString(server.url())), false, false);
+    session.bind(QString(), QString());
+
+    EXPECT_EQ(recorder.count("ber_sockbuf_add_io"), 1U);
 }
 
 TEST(SessionCreation, ReportsThatItCannotReachItsConnection)

@@ -63,6 +63,7 @@
     X(ldap_search_ext)                                                                                       \
     X(ldap_search_ext_s)                                                                                     \
     X(ldap_set_option)                                                                                       \
+    X(ldap_set_urllist_proc)                                                                                 \
     X(ldap_start_tls_s)                                                                                      \
     X(ldap_str2dn)                                                                                           \
     X(ldap_value_free_len)                                                                                   \
@@ -787,6 +788,15 @@ int __wrap_ldap_set_option(LDAP* ld, int option, const void* value)
         .argument("option", [&] { return numberValue(option); })
         .argument("invalue", [&] { return optionToSet(option, value); })
         .call(ld, option, value);
+}
+
+int __wrap_ldap_set_urllist_proc(LDAP* ld, LDAP_URLLIST_PROC* function, void* parameters)
+{
+    return TAVO_INTERCEPT(ldap_set_urllist_proc)
+        .handle(ld)
+        .argument("proc", [&] { return opaqueValue(reinterpret_cast<const void*>(function)); })
+        .argument("params", [&] { return opaqueValue(parameters); })
+        .call(ld, function, parameters);
 }
 
 int __wrap_ldap_get_option(LDAP* ld, int option, void* value)

@@ -46,6 +46,7 @@ function(tavo_wrap_libldap target)
         ldap_search_ext
         ldap_search_ext_s
         ldap_set_option
+        ldap_set_urllist_proc
         ldap_start_tls_s
         ldap_str2dn
         ldap_value_free_len

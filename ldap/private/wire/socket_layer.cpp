@@ -59,9 +59,7 @@ int closeSocket(Sockbuf_IO_Desc* layer) noexcept
     return 0;
 }
 
-} // namespace
-
-void addSocketLayer(LDAP* ld)
+Sockbuf_IO& socketLayer()
 {
     static Sockbuf_IO layer{
         .sbi_setup = nullptr,
@@ -71,16 +69,35 @@ void addSocketLayer(LDAP* ld)
         .sbi_write = &writeSocket,
         .sbi_close = &closeSocket,
     };
+    return layer;
+}
+
+/// Called with each connection that has come about, under the lock. Newer client libraries (2.6.10) free all
+/// layers of a connection whose TLS handshake fails, this one included, before the next attempt.
+int restoreLayer(LDAP*, LDAPURLDesc**, LDAPURLDesc**, void* connection) noexcept
+{
+    auto* const sockbuf = static_cast<Sockbuf*>(connection);
+    if (ber_sockbuf_ctrl(sockbuf, LBER_SB_OPT_HAS_IO, &socketLayer()) == 0) {
+        ber_sockbuf_add_io(sockbuf, &socketLayer(), kLevel, nullptr);
+    }
+    return LDAP_SUCCESS;
+}
+
+} // namespace
+
+void addSocketLayer(LDAP* ld)
+{
     Sockbuf* connection = nullptr;
     const int rc = ldap_get_option(ld, LDAP_OPT_SOCKBUF, &connection);
     if (rc != LDAP_OPT_SUCCESS) {
         throw BaseError(rc, QStringLiteral("get LDAP_OPT_SOCKBUF"), 0);
     }
-    const int added = ber_sockbuf_add_io(connection, &layer, kLevel, nullptr);
+    const int added = ber_sockbuf_add_io(connection, &socketLayer(), kLevel, nullptr);
     const int systemError = errno;
     if (added != 0) {
         throw BaseError(LDAP_NO_MEMORY, QStringLiteral("ber_sockbuf_add_io"), systemError);
     }
+    ldap_set_urllist_proc(ld, &restoreLayer, connection);
 }
 
 } // namespace tavo::ldap
