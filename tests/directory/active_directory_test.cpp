@@ -460,7 +460,7 @@ TEST_F(ActiveDirectoryTest, SendsTheRangesOfAGroupThatMakeItWhole)
         return found.at(0).attributes.at(0);
     };
     const Attribute whole = ask("member");
-    ASSERT_THAT(whole.values, SizeIs(test::kEnabled));
+    ASSERT_EQ(whole.values.size(), std::size_t{kEnabled});
 
     RangedValues members("member"_s);
     members.add(ask("member;range=0-9"));
