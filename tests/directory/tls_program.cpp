@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <memory>
 #include <stdexcept>
 #include <string>
 
@@ -74,13 +75,13 @@ void connectRaw(const Attempt& attempt)
     check(ldap_set_option(nullptr, LDAP_OPT_X_TLS_REQUIRE_CERT, &requirement), "REQUIRE_CERT");
     LDAP* ld = nullptr;
     check(ldap_initialize(&ld, attempt.url.c_str()), "ldap_initialize");
+    const std::unique_ptr<LDAP, int (*)(LDAP*)> handle(ld, &ldap_destroy);
     const int version = LDAP_VERSION3;
     check(ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version), "PROTOCOL_VERSION");
     if (attempt.connection == "StartTLS")
         check(ldap_start_tls_s(ld, nullptr, nullptr), "ldap_start_tls_s");
     berval noPassword{0, nullptr};
     check(ldap_sasl_bind_s(ld, "", LDAP_SASL_SIMPLE, &noPassword, nullptr, nullptr, nullptr), "bind");
-    ldap_destroy(ld);
 }
 
 void connectSession(const Attempt& attempt)
