@@ -419,7 +419,8 @@ std::string outcome(const Attempt& attempt, const Slapd& slapd, Environment envi
     const test::TemporaryDirectory directory;
     // Nothing of this user's, and nothing of the machine's authorities.
     environment.insert({{"HOME", directory.path()}, {"LDAPNOINIT", std::nullopt}, {"LDAPCONF", std::nullopt},
-        {"LDAPRC", std::nullopt}, {"LDAPTLS_CACERT", ca().certificate()}, {"LDAPTLS_CACERTDIR", ""}});
+        {"LDAPRC", std::nullopt}, {"LDAPTLS_CACERT", ca().certificate()}, {"LDAPTLS_CACERTDIR", ""},
+        {"SSL_CERT_FILE", otherCa().certificate()}, {"SSL_CERT_DIR", directory.path()}});
     const std::string url = attempt.connection == "ldaps" ? slapd.ldapsUrl() : slapd.url();
     const int status = test::run({.words = {TAVO_TLS_PROGRAM, attempt.program, attempt.connection,
                                       attempt.isStrict ? "strict" : "lenient", url},
