@@ -81,6 +81,8 @@ SearchContext::~SearchContext()
 {
     callFromDestructor(log::tag(*this), [this] { stopAsyncSearch(); });
     if (runsOnThisThread()) {
+        // Others may wait for this thread from now on, so it must have nothing more to log.
+        m_ldap.reset();
         search_threads::joinLater(std::move(m_asyncSearch));
     }
 }
@@ -189,7 +191,13 @@ void SearchContext::asyncSearch(SearchHandler handler, int pageSize)
 
 void SearchContext::readPages(int pageSize)
 {
-    const utils::ScopeGuard endTurn([this] { giveUpTurn(); });
+    const utils::ScopeGuard end([this] {
+        giveUpTurn();
+        // For the searches of sessions, whose handles are the library's to destroy.
+        if (m_ticket && !isAsyncSearchRunning()) {
+            search_threads::announceEnd();
+        }
+    });
     Pages pages(*this);
     try {
         PageLoop(pages,

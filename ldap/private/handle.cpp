@@ -4,6 +4,7 @@
 #include <ldap/private/client_call.h>
 #include <ldap/private/client_library.h>
 #include <ldap/private/positions.h>
+#include <ldap/private/search_threads.h>
 #include <ldap/private/tls.h>
 #include <ldap/private/wire/socket_layer.h>
 #include <tavo_utils/assert.h>
@@ -83,6 +84,7 @@ void destroyHandle(LDAP* ld)
     if (rc != LDAP_SUCCESS) {
         struct destroyLdap
         {};
+        const search_threads::NotAwaited whileLogging;
         TAVO_LOG_DEBUG(log::scopeTag<struct destroyLdap>(), u"Error destroying ldap: %1",
             BaseError::ldapErrorString(rc));
     }

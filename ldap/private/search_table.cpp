@@ -48,28 +48,27 @@ SearchContext* SearchTable::start(std::shared_ptr<SearchContext> search, std::sh
                 context->stopAsyncSearch();
                 return;
             }
-            const bool isEnd = result != Result::moreResults && context->runsOnThisThread();
-            // While the guard is held, so that a session that ends doesn't miss it.
-            const utils::ScopeGuard announceEnd([isEnd] {
-                if (isEnd) {
-                    search_threads::announceEnd();
-                }
-            });
-            complete(context, result, std::move(entries));
+            const bool isOwnThread = context->runsOnThisThread();
+            const bool wasLastCall = complete(context, result, std::move(entries));
+            // While the guard is held, so that a session that ends doesn't miss it. Not if the handler has
+            // thrown, which its thread has yet to log.
+            if (wasLastCall && isOwnThread) {
+                search_threads::announceEnd();
+            }
         },
         pageSize);
     unregister.dismiss();
     return context;
 }
 
-void SearchTable::complete(SearchContext* context, Result result, std::vector<SearchEntry> entries)
+bool SearchTable::complete(SearchContext* context, Result result, std::vector<SearchEntry> entries)
 {
     // Released after the lock: a handler that forgets its own search may own the session.
     AsyncSearches forgotten;
     MutexLocker lock(m_mutex, positions::completeSearchLock);
     const auto search = m_asyncSearches.find(context);
     if (search == m_asyncSearches.end()) {
-        return;
+        return false;
     }
     if (result == Result::moreResults) {
         m_isDelivering = true;
@@ -78,11 +77,13 @@ void SearchTable::complete(SearchContext* context, Result result, std::vector<Se
             forgotten.swap(m_forgotten);
         });
         search->second.second(result, std::move(entries));
-        return;
+        return false;
     }
+    const bool isWithinIntermediateCall = m_isDelivering;
     const auto ended = takeOut(context);
     lock.unlock();
     ended.mapped().second(result, std::move(entries));
+    return !isWithinIntermediateCall;
 }
 
 /// Takes a search out of the table, if it is there: it has ended, as its caller sees it.

@@ -51,7 +51,8 @@ public:
 private:
     using AsyncSearches = std::map<SearchContext*, std::pair<std::shared_ptr<SearchContext>, SearchHandler>>;
 
-    void complete(SearchContext* context, Result result, std::vector<SearchEntry> entries);
+    /// \return whether that was the last of a caller's code that this thread has to run for the search
+    bool complete(SearchContext* context, Result result, std::vector<SearchEntry> entries);
     AsyncSearches::node_type takeOut(SearchContext* context);
 
     utils::AsyncOperationGuard m_asyncGuard;

@@ -17,10 +17,11 @@ void EndingThreads::add(Node& thread)
     }
 }
 
-void EndingThreads::remove(const Node& thread)
+void EndingThreads::remove(Node& thread)
 {
     if (thread.number != 0) {
         *linkTo(&thread) = thread.next;
+        thread = {};
     }
 }
 
@@ -65,6 +66,19 @@ std::future<void> exchangeLast(std::future<void> task)
     return std::exchange(threads().last, std::move(task));
 }
 
+/// \return whether it had announced its end
+bool withdrawEnd()
+{
+    if (own == nullptr) {
+        return false;
+    }
+    const std::lock_guard lock(threads().mutex);
+    const bool wasAnnounced = own->number != 0;
+    threads().ending.remove(*own);
+    threads().changed.notify_all();
+    return wasAnnounced;
+}
+
 /// Leaves no thread behind that has ended without being joined when the process exits. In a forked child
 /// there are no such threads, only the memory of them.
 struct JoinAtExit
@@ -90,10 +104,8 @@ SearchThread::SearchThread() { own = &m_node; }
 
 SearchThread::~SearchThread()
 {
+    withdrawEnd();
     own = nullptr;
-    const std::lock_guard lock(threads().mutex);
-    threads().ending.remove(m_node);
-    threads().changed.notify_all();
 }
 
 void announceEnd()
@@ -101,6 +113,17 @@ void announceEnd()
     if (own != nullptr) {
         const std::lock_guard lock(threads().mutex);
         threads().ending.add(*own);
+    }
+}
+
+NotAwaited::NotAwaited()
+    : m_hasAnnouncedItsEnd(withdrawEnd())
+{}
+
+NotAwaited::~NotAwaited()
+{
+    if (m_hasAnnouncedItsEnd) {
+        announceEnd();
     }
 }
 

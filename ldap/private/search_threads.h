@@ -21,7 +21,7 @@ public:
     /// Does nothing when the node is in the list already.
     void add(Node& thread);
     /// Does nothing when the node isn't in the list.
-    void remove(const Node& thread);
+    void remove(Node& thread);
 
     /// The number of the latest announcement; the numbers grow.
     std::uint64_t lastNumber() const { return m_lastNumber; }
@@ -49,14 +49,28 @@ private:
     EndingThreads::Node m_node;
 };
 
-/// Says that the calling search thread has run the last of any caller's code and is about to end;
-/// `joinAnnounced` waits for it from now on. Does nothing on a thread that isn't a search's.
+/// Says that the calling search thread has run the last of any caller's code, the log's sink included, and is
+/// about to end; `joinAnnounced` waits for it from now on. Does nothing on a thread that isn't a search's.
 void announceEnd();
+
+/// While it lives, nobody waits for the calling thread, though it has announced its end: it writes to the log
+/// after all, whose sink may need what a waiting thread holds.
+class NotAwaited
+{
+public:
+    NotAwaited();
+    ~NotAwaited();
+    NotAwaited(const NotAwaited&) = delete;
+    NotAwaited& operator=(const NotAwaited&) = delete;
+
+private:
+    const bool m_hasAnnouncedItsEnd;
+};
 
 /// Takes over the future of a task that is ending on the calling thread and can't wait for itself.
 ///
 /// Waits for the thread that was handed over before, so at most one, the last, is left; it has nothing more
-/// to do than to return.
+/// to do than to return, and nothing to log.
 void joinLater(std::future<void> task);
 
 /// Waits for the threads that have announced their end before this call, except the calling one. Threads that

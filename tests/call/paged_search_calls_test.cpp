@@ -2,18 +2,23 @@
 #include "search_calls_test.h"
 #include "support/assertion_capture.h"
 #include "support/no_threads.h"
+#include "support/threads_end_here.h"
 
 #include <gmock/gmock.h>
 
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <functional>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
+#include <string>
 #include <system_error>
 #include <thread>
+#include <vector>
 
 namespace tavo::test {
 
@@ -86,25 +91,115 @@ constexpr RecordedCall::Time kPollInterval{0, 100'000'000};
 
 TEST_F(PagedSearchCalls, AreAwaitedByTheSessionsEndEvenIfTheFinalCallThrows)
 {
-    const Gate ending;
-    const Gate mayEnd;
-    server.expectSearch().answer(done());
-    const auto former = log::setSink([=](log::Level, const QString&, const QString& text) {
-        if (text.contains("was ended by an exception: no disk"_s)) {
-            ending.open();
-            mayEnd.wait("the test");
+    for (const bool throws : {false, true}) {
+        const Gate isStarted;
+        const Gate ending;
+        const Gate mayEnd;
+        server.expectSearch().answer(waitFor(isStarted), done());
+        auto own =
+            std::make_unique<ldap::Session>(utils::Url(QString::fromStdString(server.url())), false, false);
+        recorder.replace(ldap_destroy, [=, isFirst = std::make_shared<std::atomic<bool>>(true)](LDAP* ld) {
+            if (isFirst->exchange(false)) {
+                ending.open();
+                mayEnd.wait("the test");
+            }
+            return CallRecorder::real(ldap_destroy)(ld);
+        });
+        own->asyncSearch(
+            params(),
+            [=](Result, const auto&) {
+                if (throws)
+                    throw std::runtime_error("no disk");
+            },
+            2);
+        isStarted.open();
+        ending.wait("the end of the search's thread");
+
+        auto ended = std::async(std::launch::async, [&] { own.reset(); });
+
+        EXPECT_EQ(ended.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+        mayEnd.open();
+        ended.get();
+    }
+}
+
+/// A search whose thread writes this line when its session has become idle.
+struct LateLine
+{
+    std::string text;
+    std::function<void(Result)> handler = [](Result) {};
+};
+
+/// A lock of the host that its log takes for one line.
+class LockedLine
+{
+public:
+    explicit LockedLine(const std::string& text)
+        : m_held(m_lock)
+        , m_former(log::setSink(
+              [this, text = QString::fromStdString(text)](log::Level, const QString&, const QString& line) {
+                  if (line.contains(text)) {
+                      m_isDue.open();
+                      const std::lock_guard lock(m_lock);
+                  }
+              }))
+    {}
+    ~LockedLine()
+    {
+        m_held.unlock();
+        // Waits for the line.
+        log::setSink(std::move(m_former));
+    }
+    LockedLine(const LockedLine&) = delete;
+    LockedLine& operator=(const LockedLine&) = delete;
+
+    void waitUntilItIsDue() const { m_isDue.wait("the line"); }
+
+private:
+    std::mutex m_lock;
+    std::unique_lock<std::mutex> m_held;
+    Gate m_isDue;
+    log::Sink m_former;
+};
+
+// The host holds a lock that its log takes, so whoever waits for the line waits for ever.
+TEST_F(PagedSearchCalls, AreNotAwaitedByTheEndOfASessionWhileTheyLog)
+{
+    std::promise<SearchContext*> started;
+    const auto stopInCall = [&, own = started.get_future().share()](Result result) {
+        if (result == Result::moreResults) {
+            own.get()->stopAsyncSearch();
+            throw BaseError(LDAP_SUCCESS, "no disk"_s, 0);
         }
-    });
-    session->asyncSearch(
-        params(), [](Result, const auto&) { throw std::runtime_error("no disk"); }, 2);
-    ending.wait("the end of the search's thread");
+    };
+    const std::vector<LateLine> lines{
+        {"was lost in its handler: no disk", [](Result) { throw BaseError(LDAP_OTHER, "no disk"_s, 0); }},
+        {"was ended by an exception: no disk", [](Result) { throw std::runtime_error("no disk"); }},
+        {"Error destroying ldap: "}, {"an error without a code", stopInCall}};
+    for (const auto& late : lines) {
+        SCOPED_TRACE(late.text);
+        const ThreadsEndHere searchThread;
+        const LockedLine line(late.text);
+        const Gate isStarted;
+        server.expectSearch().answer(
+            waitFor(isStarted), entries(1, 2), late.text.starts_with("an") ? done().page("more") : done());
+        auto own =
+            std::make_unique<ldap::Session>(utils::Url(QString::fromStdString(server.url())), false, false);
+        recorder.replace(ldap_destroy, [=, isFirst = std::make_shared<std::atomic<bool>>(true)](LDAP* ld) {
+            const int rc = CallRecorder::real(ldap_destroy)(ld);
+            return isFirst->exchange(false) ? LDAP_OTHER : rc;
+        });
+        SearchContext* const context = own->asyncSearch(
+            params(), [handler = late.handler](Result result, const auto&) { handler(result); }, 2);
+        if (late.text.starts_with("an"))
+            started.set_value(context);
+        isStarted.open();
+        line.waitUntilItIsDue();
 
-    auto ended = std::async(std::launch::async, [&] { session.reset(); });
-
-    EXPECT_EQ(ended.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
-    mayEnd.open();
-    ended.get();
-    log::setSink(former);
+        own.reset();
+        std::make_unique<ldap::Session>(utils::Url(QString::fromStdString(server.url())), false, false)
+            .reset();
+    }
 }
 
 TEST_F(PagedSearchCalls, AskReceiveReadAndFreePageByPageOnOneHandleAndThread)

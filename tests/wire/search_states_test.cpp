@@ -103,6 +103,37 @@ TEST_F(SearchStates, DoNotDelayOtherSessionsAfterAnExceptionAndADestroyedSession
     otherDestroyed.open();
 }
 
+TEST_F(SearchStates, DoNotDelayOtherSessionsAfterStoppingAnotherSearch)
+{
+    const Gate bothRun;
+    const Gate never;
+    server.otherwise([=](const Request& request) -> Steps {
+        return {waitFor(request.as<SearchRequest>().base == "dc=stops" ? bothRun : never), done()};
+    });
+    HandlerCalls calls;
+    const Gate stopped;
+    const Gate otherDestroyed;
+    std::atomic<SearchContext*> other = nullptr;
+    session->asyncSearch(
+        below("dc=stops"),
+        [&, stopped, otherDestroyed](Result, const auto&) {
+            other.load()->stopAsyncSearch();
+            stopped.open();
+            otherDestroyed.wait("the end of the other session");
+        },
+        2);
+    other = session->asyncSearch(below("dc=stopped"), calls.handler(), 2);
+    bothRun.open();
+    stopped.wait("the end of the stopped search");
+
+    std::make_unique<Session>(utils::Url(QString::fromStdString(server.url())), false, false).reset();
+    otherDestroyed.open();
+
+    EXPECT_THAT(resultsOf(calls.waitForEnd()), ElementsAre(Result::cancelled));
+    session.reset();
+    never.open();
+}
+
 // For ThreadSanitizer: nothing orders the two accesses.
 TEST_F(SearchStates, MayBeStartedByAHandlerWhileTheTimeLimitIsSet)
 {

@@ -54,6 +54,21 @@ TEST(SearchThreadsTest, DoNotWaitForThemselves)
     EXPECT_TRUE(threads.isDoneWith(threads.lastNumber(), &self));
 }
 
+TEST(SearchThreadsTest, AreNotAwaitedAfterTheyHaveWithdrawn)
+{
+    EndingThreads threads;
+    EndingThreads::Node thread;
+    threads.add(thread);
+    const std::uint64_t before = threads.lastNumber();
+    threads.remove(thread);
+    EXPECT_TRUE(threads.isDoneWith(threads.lastNumber(), nullptr));
+
+    threads.add(thread);
+
+    EXPECT_TRUE(threads.isDoneWith(before, nullptr));
+    EXPECT_FALSE(threads.isDoneWith(threads.lastNumber(), nullptr));
+}
+
 TEST(SearchThreadsTest, LeaveTheQueueOnlyIfTheyWereInIt)
 {
     EndingThreads threads;
