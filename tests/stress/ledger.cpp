@@ -22,6 +22,7 @@ constexpr std::array<const char*, static_cast<std::size_t>(Event::count)> kEvent
     "testLdapConnection",
     "testLdapConnectionAsync",
     "forget from any thread",
+    "forget one that has ended",
     "a handler forgets its search",
     "a handler stops its search",
     "a handler starts a search",

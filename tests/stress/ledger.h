@@ -28,6 +28,7 @@ enum class Event : std::size_t
     testConnection,
     testConnectionAsync,
     forget,
+    stopLate,
     // What handlers do in their calls.
     forgetInCall,
     stopInCall,

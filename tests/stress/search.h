@@ -80,6 +80,9 @@ public:
     /// The same for its own handler, which must not wait.
     void forgetInCall(const Stop& stop);
 
+    /// The pointer by which it was known; null if it never was.
+    ldap::SearchContext* context() const { return m_context; }
+
     /// Whether no more calls of the handler can come while the session lives.
     bool isSettled() const;
 

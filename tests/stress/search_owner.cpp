@@ -17,6 +17,9 @@ using ldap::Result;
 /// A handler starts another search only while fewer than these are under way.
 constexpr std::size_t kSearchesOfHandlers = 8;
 
+/// Fewer than the searches that must end before an address may come back.
+constexpr std::size_t kAddressesKept = 256;
+
 const QString kBase = QStringLiteral("dc=example,dc=test");
 const QString kPeopleFilter = QStringLiteral("(objectClass=inetOrgPerson)");
 const QString kGroupFilter = QStringLiteral("(objectClass=groupOfNames)");
@@ -140,6 +143,8 @@ private:
             throw std::runtime_error("a handler's own");
         } else if (what < 20) {
             std::this_thread::yield();
+        } else if (what < 25) {
+            m_owner->stopLateInCall(search.dice());
         }
     }
 
@@ -355,6 +360,45 @@ void SearchOwner::forgetOne(Dice& dice)
     search->forget([this](ldap::SearchContext* context) { forget(context); });
 }
 
+void SearchOwner::stopLate(Dice& dice)
+{
+    const std::shared_lock life(m_life);
+    if (!m_hasEnded) {
+        stopLateInCall(dice);
+    }
+}
+
+void SearchOwner::stopLateInCall(Dice& dice)
+{
+    ldap::SearchContext* ended = nullptr;
+    {
+        const std::lock_guard lock(m_mutex);
+        retireEnded();
+        if (m_ended.empty()) {
+            return;
+        }
+        ended = m_ended[static_cast<std::size_t>(dice.below(static_cast<int>(m_ended.size())))];
+    }
+    m_ledger.count(Event::stopLate);
+    forget(ended);
+}
+
+/// To be called with the mutex held.
+void SearchOwner::retireEnded()
+{
+    const auto ended = std::stable_partition(
+        m_searches.begin(), m_searches.end(), [](const SearchPtr& search) { return !search->isOver(); });
+    for (auto search = ended; search != m_searches.end(); ++search) {
+        if ((*search)->context() != nullptr) {
+            m_ended.push_back((*search)->context());
+        }
+    }
+    m_searches.erase(ended, m_searches.end());
+    while (m_ended.size() > kAddressesKept) {
+        m_ended.pop_front();
+    }
+}
+
 void SearchOwner::forget(ldap::SearchContext* context)
 {
     if (m_session != nullptr) {
@@ -411,9 +455,7 @@ SearchOwner::SearchPtr SearchOwner::newSearch(
             }
         });
     const std::lock_guard lock(m_mutex);
-    m_searches.erase(std::remove_if(m_searches.begin(), m_searches.end(),
-                         [](const SearchPtr& former) { return former->isOver(); }),
-        m_searches.end());
+    retireEnded();
     m_searches.push_back(search);
     return search;
 }

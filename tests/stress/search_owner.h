@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
@@ -80,6 +81,9 @@ public:
     /// Forgets one of the searches. For any thread, but not for a handler.
     void forgetOne(Dice& dice);
 
+    /// Forgets a search that has ended, which must harm no other. For any thread, but not for a handler.
+    void stopLate(Dice& dice);
+
     /// Destroys the manager or session, and checks that this has ended every search.
     void end();
 
@@ -118,6 +122,8 @@ private:
     template <class Condition>
     bool waitFor(std::chrono::milliseconds time, Condition holds) const;
     void forget(ldap::SearchContext* context);
+    void stopLateInCall(Dice& dice);
+    void retireEnded();
     void endFromCall();
     void operateFromCall(Dice& dice);
 
@@ -139,6 +145,8 @@ private:
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_changed;
     std::vector<SearchPtr> m_searches;
+    /// By what searches were known that have ended: the latest.
+    std::deque<ldap::SearchContext*> m_ended;
 };
 
 } // namespace tavo::stress

@@ -51,6 +51,8 @@ void Worker::step()
         renew(slot);
     } else if (m_dice.chance(15)) {
         owner->forgetOne(m_dice);
+    } else if (m_dice.chance(10)) {
+        owner->stopLate(m_dice);
     } else {
         use(*owner);
     }
