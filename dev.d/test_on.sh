@@ -1,6 +1,6 @@
 # shellcheck shell=bash
-# The tests on a bare Debian release: of the committed tree, in a root of its own that is made anew each time. What the
-# compiler has made there once is kept beside the roots, and so spares a second run most of the building.
+# The tests on a bare Debian release: of the committed tree, in a root of its own that is made anew each time, or brought
+# up to date.
 
 declare -A debian_releases=([debian12]=bookworm [debian13]=trixie)
 
@@ -48,10 +48,8 @@ in_root() {
     local root=$1
     shift
     # shellcheck disable=SC2016 # expanded by the inner shell
-    as_root mkdir -p "$root.ccache" "$root/root/.cache/ccache" &&
-        as_root setpriv --pdeathsig KILL unshare --mount --propagation private --pid --fork --kill-child bash -c '
+    as_root setpriv --pdeathsig KILL unshare --mount --propagation private --pid --fork --kill-child bash -c '
         mount --rbind /dev "$0/dev" && mount -t proc proc "$0/proc" &&
-            mount --bind "$0.ccache" "$0/root/.cache/ccache" &&
             exec chroot "$0" /usr/bin/env --ignore-environment HOME=/root TERM="$TERM" \
                 PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin "$@"' "$root" "$@"
 }
