@@ -116,7 +116,7 @@ private:
     }
 
     template <class Reader, class Handler>
-    SearchContext* fetch(Reader reader, Handler handler, SearchParams params)
+    SearchContext* fetch(Reader reader, Handler handler, SearchParams&& params)
     {
         auto report = params.report;
         return m_session->asyncSearch(
