@@ -122,6 +122,7 @@ TEST_F(SearchStates, DoNotDelayOtherSessionsAfterStoppingAnotherSearch)
             otherDestroyed.wait("the end of the other session");
         },
         2);
+    waitForSearches(1);
     other = session->asyncSearch(below("dc=stopped"), calls.handler(), 2);
     bothRun.open();
     stopped.wait("the end of the stopped search");
