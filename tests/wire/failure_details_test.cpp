@@ -125,6 +125,50 @@ TEST_F(FailureDetails, AreEmptyForAServerThatSaysNothing)
     EXPECT_EQ(error.connectFailure.kind, ConnectFailure::Kind::none);
 }
 
+TEST_F(FailureDetails, NeverTakeAServersWordsForThoseOfTls)
+{
+    server.expectBind().answer(result(-1).diagnostic("your certificate is good"));
+    EXPECT_EQ(refusedBind().connectFailure.kind, ConnectFailure::Kind::none);
+
+    server.expectBind().answer(rawOperation(Answer::bindResponse,
+        berNumber(0, 0x0a) + tlv(0x04, "") + tlv(0x04, "your certificate is good") + tlv(0xa3, "junk")));
+    EXPECT_EQ(refusedBind().connectFailure.kind, ConnectFailure::Kind::none);
+}
+
+TEST_F(FailureDetails, NameNoUserOfAnotherUrlOfTheList)
+{
+    ScriptedServer noTls;
+    noTls.greet(raw("no TLS here\r\n\r\n"));
+    const LogCapture log;
+    const auto url = noTls.url("ldaps") + " ldapi://joe%3Asecret%40nowhere";
+
+    const auto error = thrownBy<BaseError>(
+        [&] { Session(utils::Url(QString::fromStdString(url)), false, true).bind("cn=joe"_s, "other"_s); });
+
+    EXPECT_THAT(utf8(error.connectFailure.address), Not(HasSubstr("secret")));
+    EXPECT_THAT(log.texts(log::Level::debug), Each(Not(HasSubstr("secret"))));
+    noTls.takeProblems();
+}
+
+TEST_F(FailureDetails, OfAListNeverSendInTheClearWhatStartTlsProtects)
+{
+    std::string gone;
+    {
+        const ScriptedServer closed;
+        gone = closed.url("ldaps");
+    }
+    const auto url = gone + " " + server.url();
+    try {
+        Session listed(utils::Url(QString::fromStdString(url)), /*startTls*/ true, false);
+        listed.bind("cn=joe"_s, "secret"_s);
+    } catch (const BaseError&) {
+        // A refusal is as good.
+    }
+    server.takeProblems();
+    for (const Request& request : server.requests())
+        EXPECT_FALSE(request.is<BindRequest>()) << "a password was sent in the clear";
+}
+
 TEST(RefusedUrl, SaysWhyWithoutRepeatingIt)
 {
     const LogCapture log;

@@ -244,6 +244,28 @@ TEST_F(ReportedSearch, LeavesTheReportAloneWhenItIsDetached)
     EXPECT_EQ(report->ldapCode, LDAP_BUSY);
 }
 
+TEST_F(ReportedSearch, ReadsNoRefusedStartAsACompleteList)
+{
+    const auto calls = fetch(0, Completeness::required);
+
+    EXPECT_NE(calls.back().result, Result::ok);
+    EXPECT_TRUE(report->isIncomplete());
+}
+
+TEST_F(ReportedSearch, LosesNoRangedValuesByTheCaseOfAName)
+{
+    server.expectSearch().answer(
+        entry("cn=g").attr("member", std::vector<Bytes>()).attr("member;range=0-0", "a"), done().page(""));
+    server.expectSearch().answer(entry("cn=g").attr("member;range=1-*", "b"), done());
+    ldap::SearchParams asked = params(Completeness::required);
+    asked.attributes = {"Member"};
+    asked.rangedAttributes = {"member"};
+
+    const auto found = std::get<1>(session.search(asked, 2));
+
+    EXPECT_THAT(found.at(0).getAttribute("Member"_s).values, SizeIs(2));
+}
+
 TEST_F(ReportedSearch, SaysCancelledWhenItsContextIsStopped)
 {
     server.expectSearch();
