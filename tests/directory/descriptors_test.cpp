@@ -26,7 +26,6 @@ namespace {
 using test::operator""_s;
 using test::Entries;
 using test::Gate;
-using test::qt;
 using test::ReservedPort;
 using test::ScriptedServer;
 using test::Slapd;
