@@ -25,11 +25,12 @@ struct ConnectFailure
 
     Kind kind = Kind::none;
 
-    /// The URL of the server that was tried; empty when none was.
+    /// The URL, or list of URLs, that was tried; empty when none was, or when nothing is known.
     QString address;
 
     /// The reason in words: those of the TLS library for `Kind::tls`. They depend on that library and its
-    /// version, so show them and don't compare them. May be empty.
+    /// version, so show them and don't compare them. A server that has proved its identity can put in words
+    /// of its own. May be empty.
     QString detail;
 };
 

@@ -53,18 +53,10 @@ public:
     ///         being destroyed; `handler` is dropped then
     virtual SearchContext* fetchUsersAsync(UsersHandler handler, const SearchFilter& filter) = 0;
 
-    /// Starts fetching the groups below `filter.base`; otherwise like `fetchUsersAsync`. Every group is
-    /// delivered, those without members included.
+    /// Starts fetching the groups below `filter.base`; otherwise like `fetchUsersAsync`. Groups
+    /// without members are delivered, too. Those that Active Directory sends in ranges are read whole; one that
+    /// vanishes meanwhile is left out, with a warning in the log.
     virtual SearchContext* fetchGroupsAsync(GroupsHandler handler, const SearchFilter& filter) = 0;
-
-    /// The same with a say about incomplete lists, as in `SearchParams`. For a host that removes the accounts
-    /// that a list lacks, `Completeness::required` is the right choice.
-    /// \param report filled before the final call of the handler begins; may be null
-    virtual SearchContext* fetchUsersAsync(UsersHandler handler, const SearchFilter& filter,
-        Completeness completeness, std::shared_ptr<SearchReport> report = {}) = 0;
-
-    virtual SearchContext* fetchGroupsAsync(GroupsHandler handler, const SearchFilter& filter,
-        Completeness completeness, std::shared_ptr<SearchReport> report = {}) = 0;
 
     /// Detaches a fetch: its handler is dropped and not called again. Thread-safe. Waits for an intermediate
     /// call that is running on another thread. Comes too late for a fetch whose final call is due: another
@@ -75,6 +67,17 @@ public:
     /// address before 4,096 more fetches of this manager have ended. For this a manager keeps up to 1.5 MB,
     /// about 270 bytes for each ended fetch.
     virtual void stopAsyncFetch(SearchContext* context) = 0;
+
+    /// `fetchUsersAsync` with a say about incomplete lists, as in `SearchParams`. A host that removes the
+    /// accounts that a list lacks asks for `Completeness::required`. Entries without a login are no loss; where
+    /// the kind of directory couldn't be found out when the manager was made, that may be all of them.
+    /// \param report filled before the final call of the handler begins; may be null
+    virtual SearchContext* fetchUsersAsync(UsersHandler handler, const SearchFilter& filter,
+        Completeness completeness, std::shared_ptr<SearchReport> report = {}) = 0;
+
+    /// `fetchGroupsAsync` with a say about incomplete lists.
+    virtual SearchContext* fetchGroupsAsync(GroupsHandler handler, const SearchFilter& filter,
+        Completeness completeness, std::shared_ptr<SearchReport> report = {}) = 0;
 
 protected:
     Manager();

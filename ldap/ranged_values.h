@@ -43,7 +43,7 @@ struct ValueRange
 class TAVO_LDAP_EXPORT RangedValues
 {
 public:
-    /// More values than this are refused, so that a server that never ends can't fill the memory.
+    /// More values than this are refused, so that a server can't go on for ever.
     static constexpr std::size_t kMaxValues = 16'000'000;
 
     /// \param attribute the attribute without a range, such as `member`
@@ -53,8 +53,8 @@ public:
     /// values stay. How many values a server sends at a time is its choice.
     ///
     /// \throws BaseError (LDAP_DECODING_ERROR) when `range` is no range of the attribute, leaves a gap behind
-    ///         the values so far, has another number of values than it says, brings none that is new, or one
-    ///         more than `kMaxValues`
+    ///         the values so far, has another number of values than it says, brings none that is new, or
+    ///         would make more than `kMaxValues`
     void add(Attribute range);
 
     /// Whether the last range has come.

@@ -90,13 +90,17 @@ SearchContext::~SearchContext()
 std::vector<SearchEntry> SearchContext::simpleSearch() const
 {
     SearchReport report;
+    // Unless there is another outcome: an exception of another kind, for want of memory.
+    report.ldapCode = LDAP_NO_MEMORY;
     const utils::ScopeGuard handReport([&] {
         if (m_params->report) {
             *m_params->report = std::move(report);
         }
     });
     try {
-        return findEntries(report);
+        std::vector<SearchEntry> entries = findEntries(report);
+        report.ldapCode = LDAP_SUCCESS;
+        return entries;
     } catch (const BaseError& error) {
         fillReport(report, error);
         throw;
@@ -120,7 +124,7 @@ std::vector<SearchEntry> SearchContext::findEntries(SearchReport& report) const
     if (rc != LDAP_SUCCESS) {
         if (received == nullptr) {
             BaseError error(rc, QStringLiteral("ldap_search_ext_s"), systemError);
-            addFailureDetails(error, m_ldap.get());
+            addFailureDetails(error, m_ldap.get(), isSecure(m_ldap.get()));
             throw error;
         }
         const FinalResult result = readFinalResult(m_ldap.get(), received, /*freeChain*/ true);
@@ -138,8 +142,9 @@ std::vector<SearchEntry> SearchContext::findEntries(SearchReport& report) const
     TAVO_LOG_VERBOSE(log::tag(*this), u"Found %1 entries", entries.size());
     if (response.unreadableEntries() != 0) {
         report.loss = SearchReport::Loss::unreadableEntry;
-        report.lossDetail = utils::format(
-            u"The DN of %1 entries can't be read; they are left out.", response.unreadableEntries());
+        report.lossDetail =
+            utils::format(u"Entries whose DN can't be read are left out: %1.", response.unreadableEntries());
+        TAVO_LOG_WARNING(log::tag(*this), u"%1", report.lossDetail);
         if (m_params->completeness == Completeness::required) {
             throw BaseError(LDAP_SIZELIMIT_EXCEEDED, QStringLiteral("ldap_search_ext_s"), 0);
         }
@@ -155,8 +160,15 @@ void SearchContext::asyncSearch(SearchHandler handler, int pageSize)
         if (!isAsyncSearchRunning()) {
             giveUpTurn();
         }
-        // By design: a refused start reads as an empty result, not as an error.
-        handler(Result::ok, {});
+        // By design: a refused start reads as an empty result, not as an error; but not as a complete one.
+        const bool mustBeComplete = m_params->completeness == Completeness::required;
+        if (m_params->report) {
+            *m_params->report = SearchReport();
+            m_params->report->ldapCode = mustBeComplete ? LDAP_SIZELIMIT_EXCEEDED : LDAP_SUCCESS;
+            m_params->report->loss = SearchReport::Loss::refusedStart;
+            m_params->report->lossDetail = QStringLiteral("The page size is below 1.");
+        }
+        handler(mustBeComplete ? Result::sizeLimitExceeded : Result::ok, {});
         return;
     }
     // A handler that has stopped its own search still runs on that search's thread.

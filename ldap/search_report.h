@@ -12,7 +12,7 @@ namespace tavo::ldap {
 enum class Completeness : std::int32_t
 {
     /// It goes by what the server reports. A list that was cut without an error ends as
-    /// `Result::ok`, with a warning in the log.
+    /// `Result::ok`, mostly with a warning in the log.
     asReported = 0,
 
     /// It fails: with `Result::sizeLimitExceeded` and no more entries, or with an exception where it throws.
@@ -37,7 +37,7 @@ struct SearchReport
         /// A page was shorter than asked for, though the server says that it has more.
         shortPage = 1,
 
-        /// The last page came without a page control that says that it is the last.
+        /// The last page came with a page control that can't be read, or is full and came without one.
         unreadablePageControl = 2,
 
         /// An entry was left out, because its DN can't be read.
@@ -48,6 +48,9 @@ struct SearchReport
 
         /// A handler ended the search by an error without a code.
         handlerError = 5,
+
+        /// The search was refused: its page size is below 1.
+        refusedStart = 6,
     };
 
     /// The LDAP result code (`LDAP_*`) with which the search ended; the `Result` is its translation.
@@ -62,11 +65,11 @@ struct SearchReport
     /// See `BaseError::connectFailure`.
     ConnectFailure connectFailure;
 
-    /// The first loss that was seen. `Loss::none` says nothing about a search that failed: its list is cut in
+    /// The first loss that was seen; others may have followed from it. `Loss::none` says nothing about a search that failed: its list is cut in
     /// any case.
     Loss loss = Loss::none;
 
-    /// The loss in words, for an administrator; empty when there is none.
+    /// The losses in words, for an administrator; empty when there is none.
     QString lossDetail;
 
     /// Whether the list was cut without the server reporting it.

@@ -77,6 +77,8 @@ void Session::startTls()
     const auto [rc, systemError] =
         callClient([&] { return ldap_start_tls_s(m_ldap.get(), nullptr, nullptr); });
     if (rc != LDAP_SUCCESS) {
+        // Or a bind that is tried all the same would send its password to whoever has spoilt the handshake.
+        refusePlainConnections(m_ldap.get());
         throwFailure(rc, systemError, QStringLiteral("startTls"));
     }
 }
@@ -155,7 +157,7 @@ void Session::throwFailure(int ldapCode, int systemError, QString context, const
 
 void Session::explain(BaseError& error, const QString& secret) const
 {
-    addFailureDetails(error, m_ldap.get(), secret);
+    addFailureDetails(error, m_ldap.get(), m_isSecure, secret);
     if (error.ldapCode > 0) {
         TAVO_LOG_DEBUG(log::tag(*this), u"The server refused, matched DN [%1]; it says: [%2]",
             error.matchedDn, error.serverMessage);
@@ -183,7 +185,18 @@ std::shared_ptr<SearchContext> Session::createSharedContext(SearchParams params)
 
 std::vector<SearchEntry> Session::simpleSearch(SearchParams params) const
 {
-    return createSearchContext(std::move(params))->simpleSearch();
+    const std::shared_ptr<SearchReport> report = params.report;
+    std::unique_ptr<SearchContext> context;
+    try {
+        context = createSearchContext(std::move(params));
+    } catch (const BaseError& error) {
+        if (report) {
+            *report = SearchReport();
+            fillReport(*report, error);
+        }
+        throw;
+    }
+    return context->simpleSearch();
 }
 
 SearchContext* Session::asyncSearch(SearchParams params, SearchHandler handler, int pageSize)

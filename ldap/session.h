@@ -48,7 +48,8 @@ public:
     ///        is used
     /// \param ignoreCertificateErrors accept a certificate that can't be verified, for this session alone
     /// \throws BaseError, TlsError. A URL that is empty, has another scheme, names no host or holds a name or
-    ///         password is refused (LDAP_PARAM_ERROR); `BaseError::connectFailure` says why
+    ///         password is refused (LDAP_PARAM_ERROR), and so is a list that mixes `ldaps` with others;
+    ///         `BaseError::connectFailure` says why
     Session(const utils::Url& url, bool startTls, bool ignoreCertificateErrors);
 
     /// Gives the handlers of all running searches `Result::cancelled`, on this thread, and closes the
@@ -63,7 +64,7 @@ public:
 
     /// Upgrades the plain connection to TLS. Blocks for the handshake. At most once, before `bind`.
     ///
-    /// After a failure the session is of no further use.
+    /// After a failure the session is of no further use: it sends nothing in the clear.
     /// \throws BaseError, TlsError
     void startTls();
 

@@ -6,6 +6,7 @@
 #include <tavo_utils/log.h>
 #include <tavo_utils/scope_guard.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace tavo::ldap {
@@ -86,10 +87,12 @@ Attribute LdapSearchEntryAccessor::getRange(const QString& name)
     char* description = ldap_first_attribute(m_ldap, m_entry, &ber);
     const utils::ScopeGuard freeIterator([&] { ber_free(ber, /*freebuf*/ 0); });
     while (description != nullptr) {
-        QString text = QString::fromUtf8(description);
-        ldap_memfree(description);
-        if (ValueRange::parse(text, name)) {
-            return getAttribute(std::move(text));
+        {
+            const utils::ScopeGuard freeDescription([&] { ldap_memfree(description); });
+            QString text = QString::fromUtf8(description);
+            if (ValueRange::parse(text, name)) {
+                return getAttribute(std::move(text));
+            }
         }
         description = ldap_next_attribute(m_ldap, m_entry, ber);
     }
@@ -100,7 +103,11 @@ void LdapSearchEntryAccessor::addRanges(SearchEntry& entry, const std::vector<QB
 {
     for (const QByteArray& attribute : attributes) {
         const QString name = QString::fromUtf8(attribute);
-        if (entry.getAttributeFirstValue(name).isNull()) {
+        const bool isThere =
+            std::any_of(entry.attributes.begin(), entry.attributes.end(), [&](const Attribute& read) {
+                return read.name.compare(name, Qt::CaseInsensitive) == 0 && !read.empty();
+            });
+        if (!isThere) {
             if (Attribute range = getRange(name); !range.empty()) {
                 entry.attributes.push_back(std::move(range));
             }

@@ -7,6 +7,7 @@
 #include <openssl/err.h>
 
 #include <array>
+#include <new>
 #include <utility>
 
 namespace tavo::ldap {
@@ -29,12 +30,38 @@ QString openSslText(unsigned long error)
     return QString::fromUtf8(text.data());
 }
 
-QString withoutSecret(QString text, const QString& secret)
+/// Whether a text holds what was sent: the password as UTF-8, which has no lone surrogates.
+bool contains(const QString& text, const QString& secret)
 {
-    if (!secret.isEmpty() && text.contains(secret)) {
-        return QStringLiteral("(withheld: the text contains the password)");
+    return !secret.isEmpty() && text.contains(QString::fromUtf8(secret.toUtf8()));
+}
+
+void addServersWords(BaseError& error, LDAP* ld, const QString& secret)
+{
+    error.serverMessage = textOption(ld, LDAP_OPT_DIAGNOSTIC_MESSAGE);
+    if (contains(error.serverMessage, secret)) {
+        error.serverMessage = QStringLiteral("(withheld: the text contains the password)");
     }
-    return text;
+    error.matchedDn = textOption(ld, LDAP_OPT_MATCHED_DN);
+    if (contains(error.matchedDn, secret)) {
+        error.matchedDn.clear();
+    }
+}
+
+/// The codes with which the client library reports that there is no connection. For others its text may be
+/// what it has read of a broken answer.
+bool meansNoConnection(int code) { return code == LDAP_SERVER_DOWN || code == LDAP_CONNECT_ERROR; }
+
+void addTlsWords(BaseError& error, LDAP* ld, const QString& secret)
+{
+    QString words = textOption(ld, LDAP_OPT_DIAGNOSTIC_MESSAGE);
+    if (const auto* const tlsError = dynamic_cast<const TlsError*>(&error);
+        tlsError != nullptr && words.isEmpty()) {
+        words = openSslText(tlsError->sslError);
+    }
+    if (!words.isEmpty() && !contains(words, secret)) {
+        error.connectFailure = {ConnectFailure::Kind::tls, textOption(ld, LDAP_OPT_URI), std::move(words)};
+    }
 }
 
 } // namespace
@@ -45,21 +72,25 @@ void clearFailureDetails(LDAP* ld)
     ldap_set_option(ld, LDAP_OPT_MATCHED_DN, nullptr);
 }
 
-void addFailureDetails(BaseError& error, LDAP* ld, const QString& secret)
+void addFailureDetails(BaseError& error, LDAP* ld, bool isSecure, const QString& secret)
 {
-    QString message = withoutSecret(textOption(ld, LDAP_OPT_DIAGNOSTIC_MESSAGE), secret);
-    if (error.ldapCode > 0) {
-        error.serverMessage = std::move(message);
-        error.matchedDn = withoutSecret(textOption(ld, LDAP_OPT_MATCHED_DN), secret);
-        return;
+    try {
+        if (error.ldapCode > 0) {
+            addServersWords(error, ld, secret);
+        } else if (isSecure && meansNoConnection(error.ldapCode)) {
+            addTlsWords(error, ld, secret);
+        }
+    } catch (const std::bad_alloc&) {
+        // The error matters more than its details.
     }
-    if (const auto* const tlsError = dynamic_cast<const TlsError*>(&error);
-        tlsError != nullptr && message.isEmpty()) {
-        message = openSslText(tlsError->sslError);
-    }
-    if (!message.isEmpty()) {
-        error.connectFailure = {ConnectFailure::Kind::tls, textOption(ld, LDAP_OPT_URI), std::move(message)};
-    }
+}
+
+bool isSecure(LDAP* ld)
+{
+    void* tlsSession = nullptr;
+    ldap_get_option(ld, LDAP_OPT_X_TLS_SSL_CTX, static_cast<void*>(&tlsSession));
+    return tlsSession != nullptr ||
+           textOption(ld, LDAP_OPT_URI).startsWith(QLatin1String("ldaps:"), Qt::CaseInsensitive);
 }
 
 void fillReport(SearchReport& report, const BaseError& error)

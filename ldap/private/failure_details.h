@@ -13,9 +13,13 @@ struct SearchReport;
 void clearFailureDetails(LDAP* ld);
 
 /// Completes an error of the handle's last call by what the handle keeps about it: the server's words for a
-/// result code of the server's, the TLS library's for one of the client library's own.
-/// \param secret a text that a hostile server may send back; a text that contains it is withheld
-void addFailureDetails(BaseError& error, LDAP* ld, const QString& secret = {});
+/// result code of the server's, the TLS library's for a secure connection that failed. Leaves out what there
+/// is no memory for.
+/// \param secret what a hostile server may send back; a text that contains it literally is withheld
+void addFailureDetails(BaseError& error, LDAP* ld, bool isSecure, const QString& secret = {});
+
+/// Whether the handle's connection speaks TLS, or will.
+bool isSecure(LDAP* ld);
 
 /// Makes the report of a search that an error has ended; a loss stays in it.
 void fillReport(SearchReport& report, const BaseError& error);

@@ -9,7 +9,6 @@
 
 #include <ldap.h>
 
-#include <algorithm>
 #include <new>
 #include <utility>
 
@@ -133,14 +132,16 @@ void PageLoop::completeRanges(std::vector<SearchEntry>& entries)
         return;
     }
     RangeFollower follower(m_exchange, m_search, m_source);
-    const auto vanished = std::remove_if(entries.begin(), entries.end(), [&](SearchEntry& entry) {
-        const bool isThere = follower.complete(entry);
-        if (!isThere) {
+    std::vector<SearchEntry> kept;
+    kept.reserve(entries.size());
+    for (SearchEntry& entry : entries) {
+        if (follower.complete(entry)) {
+            kept.push_back(std::move(entry));
+        } else {
             noteVanishedEntry(entry.dn);
         }
-        return !isThere;
-    });
-    entries.erase(vanished, entries.end());
+    }
+    entries = std::move(kept);
 }
 
 void PageLoop::finish(std::vector<SearchEntry> entries)
@@ -174,12 +175,15 @@ bool PageLoop::mustFail() const
     return m_source.params.completeness == Completeness::required && m_report.isIncomplete();
 }
 
-/// The first loss counts: the later ones may follow from it.
+/// The first loss counts: the later ones may follow from it. The words have all of them, up to a limit.
 void PageLoop::note(SearchReport::Loss loss, const QString& detail)
 {
+    constexpr qsizetype kMostWords = 4096;
     if (!m_report.isIncomplete()) {
         m_report.loss = loss;
         m_report.lossDetail = detail;
+    } else if (m_report.lossDetail.size() < kMostWords) {
+        m_report.lossDetail = describe(u"%1 %2", m_report.lossDetail, detail);
     }
 }
 
@@ -199,9 +203,10 @@ void PageLoop::noteIfItReadsAsSuccess(const BaseError& error)
 void PageLoop::noteUnreadableEntries(const SearchResponse& response)
 {
     if (response.unreadableEntries() != 0) {
-        note(SearchReport::Loss::unreadableEntry,
-            describe(u"The DN of %1 entries on page %2 can't be read; they are left out.",
-                response.unreadableEntries(), m_page));
+        const QString detail = describe(u"Entries whose DN can't be read are left out of page %1: %2.",
+            m_page, response.unreadableEntries());
+        TAVO_LOG_WARNING(m_source.tag, u"%1", detail);
+        note(SearchReport::Loss::unreadableEntry, detail);
     }
 }
 

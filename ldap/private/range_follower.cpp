@@ -12,25 +12,31 @@ namespace tavo::ldap {
 
 namespace {
 
-/// Takes the range of an attribute out of an entry.
+/// Takes the first range of an attribute out of an entry, and drops others.
 std::optional<Attribute> takeRange(SearchEntry& entry, const QString& attribute)
 {
-    const auto range = std::find_if(entry.attributes.begin(), entry.attributes.end(),
-        [&](const Attribute& candidate) { return ValueRange::parse(candidate.name, attribute).has_value(); });
-    if (range == entry.attributes.end()) {
+    std::vector<Attribute>& all = entry.attributes;
+    const auto ranges = std::stable_partition(all.begin(), all.end(),
+        [&](const Attribute& candidate) { return !ValueRange::parse(candidate.name, attribute); });
+    if (ranges == all.end()) {
         return std::nullopt;
     }
-    Attribute taken = std::move(*range);
-    entry.attributes.erase(range);
-    return taken;
+    Attribute first = std::move(*ranges);
+    all.erase(ranges, all.end());
+    return first;
 }
 
+/// Under the name that was asked for, of whatever case.
 void setValues(SearchEntry& entry, const QString& attribute, std::vector<QString> values)
 {
-    const auto whole = std::find_if(entry.attributes.begin(), entry.attributes.end(),
-        [&](const Attribute& candidate) { return candidate.name == attribute; });
+    const auto whole =
+        std::find_if(entry.attributes.begin(), entry.attributes.end(), [&](const Attribute& candidate) {
+            return candidate.name.compare(attribute, Qt::CaseInsensitive) == 0;
+        });
     if (whole != entry.attributes.end()) {
         whole->values = std::move(values);
+    } else {
+        entry.attributes.push_back({attribute, std::move(values)});
     }
 }
 

@@ -29,7 +29,7 @@ void sleepPollInterval()
 
 BaseError explained(BaseError error, LDAP* ld)
 {
-    addFailureDetails(error, ld);
+    addFailureDetails(error, ld, isSecure(ld));
     return error;
 }
 

@@ -191,19 +191,6 @@ private:
     std::vector<int> m_copiedBytes;
 };
 
-/// Sees to it that nothing more is sent in the clear, neither on the handle's connection nor on another one
-/// that it would make: from now on, it speaks TLS from the first byte.
-void refusePlainConnections(LDAP* ld)
-{
-    const int always = LDAP_OPT_X_TLS_HARD;
-    ldap_set_option(ld, LDAP_OPT_X_TLS, &always);
-    int socket = -1;
-    ldap_get_option(ld, LDAP_OPT_DESC, &socket);
-    if (socket >= 0) {
-        shutdown(socket, SHUT_RDWR);
-    }
-}
-
 } // namespace
 
 void setUpTls(LDAP* ld, bool isSecure, bool ignoreCertificateErrors)
@@ -220,6 +207,17 @@ void setUpTls(LDAP* ld, bool isSecure, bool ignoreCertificateErrors)
     }
     // The requirement takes effect only in a TLS context that is made after it.
     createTlsContext(ld);
+}
+
+void refusePlainConnections(LDAP* ld)
+{
+    const int always = LDAP_OPT_X_TLS_HARD;
+    ldap_set_option(ld, LDAP_OPT_X_TLS, &always);
+    int socket = -1;
+    ldap_get_option(ld, LDAP_OPT_DESC, &socket);
+    if (socket >= 0) {
+        shutdown(socket, SHUT_RDWR);
+    }
 }
 
 void prepareStartTls(LDAP* ld)

@@ -90,17 +90,23 @@ Url Url::withoutUserInfo() const
     Url shown = *this;
     if (m_invalidText.isEmpty()) {
         shown.m_url.setUserInfo({});
-    } else {
+    }
+    // What is typed wrongly has its name and password in another part, such as the path or the query.
+    const QString text = shown.toString();
+    const QString shortened = textWithoutUserInfo(text);
+    if (shortened != text) {
         shown.m_url = QUrl();
-        shown.m_invalidText = textWithoutUserInfo(m_invalidText);
+        shown.m_invalidText = shortened;
     }
     return shown;
 }
 
 QString Url::errorString() const
 {
+    // The reason ends where characters of the URL are quoted.
     const QString error = m_url.errorString();
-    return error.left(error.indexOf(kQuotedSource));
+    const QString reason = error.left(error.indexOf(kQuotedSource));
+    return reason.left(reason.indexOf(QLatin1String(" (character")));
 }
 
 } // namespace tavo::utils

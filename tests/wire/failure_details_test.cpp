@@ -169,6 +169,30 @@ TEST_F(FailureDetails, OfAListNeverSendInTheClearWhatStartTlsProtects)
         EXPECT_FALSE(request.is<BindRequest>()) << "a password was sent in the clear";
 }
 
+class FailedUpgrade : public ScriptedSessionTest
+{};
+
+TEST_F(FailedUpgrade, LetsNothingGoOutInTheClearWhenTheServerRefuses)
+{
+    server.expectStartTls().answer(result(LDAP_UNAVAILABLE));
+    EXPECT_THROW(session.startTls(), BaseError);
+
+    EXPECT_THROW(session.bind("cn=joe"_s, "secret"_s), BaseError);
+
+    for (const Request& request : server.requests())
+        EXPECT_FALSE(request.is<BindRequest>());
+}
+
+TEST_F(FailedUpgrade, EndsTheConnectionWhenTheHandshakeFails)
+{
+    server.expectStartTls().answer(success(), awaitRawInput(), raw("no TLS here\r\n"));
+    EXPECT_THROW(session.startTls(), BaseError);
+
+    server.waitForClose(0);
+
+    EXPECT_THROW(session.bind("cn=joe"_s, "secret"_s), BaseError);
+}
+
 TEST(RefusedUrl, SaysWhyWithoutRepeatingIt)
 {
     const LogCapture log;

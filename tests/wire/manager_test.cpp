@@ -439,7 +439,9 @@ TEST_F(ManagerOfServer, LogsEachStepAtItsLevelUnderTheTypeThatTakesIt)
             "6 " + context + "Getting page 1 (cookie size: 0)",
             "6 " + context + "Polling message id 3 for page 1", error + "ldap_get_dn: Decoding error",
             "5 tavo::ldap::SearchResponse(0x): Search entry handling error: ldap_get_dn: Decoding error",
-            "6 " + context + "Found 2 entries on page 1", "5 tavo::ldap::Cookie(0x): Page control not found",
+            "6 " + context + "Found 2 entries on page 1",
+            "3 " + context + "Entries whose DN can't be read are left out of page 1: 1.",
+            "5 tavo::ldap::Cookie(0x): Page control not found",
             "3 " + context +
                 "Entries may be missing: page 1 is full (2 entries asked for) but came without the server's "
                 "page "

@@ -8,6 +8,7 @@
 #include <QFile>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <iostream>
@@ -119,12 +120,24 @@ QString readPassword(const Arguments& arguments)
     return QString::fromUtf8(value);
 }
 
+/// The length of what may be a name and password; 0 when there is no "@".
+std::size_t endOfUserInfo(const std::string& text)
+{
+    std::size_t end = 0;
+    for (const std::string_view at : {"@", "%40"}) {
+        if (const auto found = text.rfind(at); found != std::string::npos) {
+            end = std::max(end, found + at.size());
+        }
+    }
+    return end;
+}
+
 utils::Url readUrl(const std::string& given)
 {
     utils::Url url(text(given));
     const QString scheme = url.scheme().toLower();
     const bool known = scheme == QLatin1String("ldap") || scheme == QLatin1String("ldaps");
-    if (given.find('@') != std::string::npos) {
+    if (endOfUserInfo(given) != 0) {
         throw UsageError("--url holds a name or password: give them by --admin-dn and by --password-file or "
                          "--password-env");
     }
@@ -166,16 +179,17 @@ Options checked(const Arguments& arguments, Command command)
     return options;
 }
 
-/// The complaint about arguments may repeat them, a URL with a password included.
+/// The complaint about arguments may repeat them, a URL with a password included. Nothing is left of a line
+/// before its last "@", escaped or not.
 std::string withoutUserInfo(const std::string& complaint)
 {
-    const std::string_view beforeUser = "://";
-    const auto begin = complaint.find(beforeUser);
-    const auto at = complaint.rfind('@');
-    if (begin == std::string::npos || at == std::string::npos || at < begin) {
-        return complaint;
+    std::istringstream lines(complaint);
+    std::string shown;
+    for (std::string line; std::getline(lines, line);) {
+        const auto end = endOfUserInfo(line);
+        shown += (end == 0 ? line : "(withheld: it may be a password)" + line.substr(end)) + '\n';
     }
-    return complaint.substr(0, begin + beforeUser.size()) + complaint.substr(at + 1);
+    return shown;
 }
 
 void setLogLevel(int verbosity)

@@ -15,10 +15,10 @@ std::string refusal(const char* url) { return refusalOf(utils::Url(QString::from
 
 TEST(ServerUrl, IsAnyThatLeadsToAServerOfTheDirectory)
 {
-    for (const char* const url :
-        {"ldap://host", "LDAP://host:389", "ldaps://host/", "ldaps://[::1]:636", "ldapi://", "ldapi:///",
-            "ldapi://%2Frun%2Fldapi", "ldap://host/dc=x?uid?sub?(mail=a@b)", "ldap://a ldaps://b:636",
-            "ldap://a,ldap://b", " ldap://a", "<ldap://host>", "URL:ldap://host", "ldap://host:port"}) {
+    for (const char* const url : {"ldap://host", "LDAP://host:389", "ldaps://host/", "ldaps://[::1]:636",
+             "ldapi://", "ldapi:///", "ldapi://%2Frun%2Fldapi", "ldap://host/dc=x?uid?sub?(mail=a@b)",
+             "ldaps://a ldaps://b:636", "ldapi:// ldap://a", "ldap://a,ldap://b", " ldap://a",
+             "<ldap://host>", "URL:ldap://host", "ldap://host:port"}) {
         EXPECT_EQ(refusal(url), "") << url;
     }
 }
@@ -40,9 +40,19 @@ TEST(ServerUrl, IsRefusedWithAnotherScheme)
 
 TEST(ServerUrl, IsRefusedWithoutAHost)
 {
-    for (const char* const url : {"ldap://", "ldap:///", "ldaps://:636", "ldap://?dc=x", "ldap://#x",
-             "<ldap://>", "ldap://a ldap:///"}) {
+    for (const char* const url :
+        {"ldap://", "ldap:///", "ldaps://:636", "ldap://?dc=x", "<ldap://>", "ldap://a ldap:///"}) {
         EXPECT_EQ(refusal(url), "the URL names no host") << url;
+    }
+}
+
+TEST(ServerUrl, IsRefusedAsAListThatIsSecureInPart)
+{
+    for (const char* const url : {"ldaps://a ldap://b", "ldap://a,LDAPS://b", "ldaps://a ldapi://%2Frun"}) {
+        EXPECT_EQ(refusal(url), "the list mixes ldaps:// with other URLs") << url;
+    }
+    for (const char* const url : {" ldaps://a", ",ldaps://a ldaps://b", "<ldaps://a>"}) {
+        EXPECT_EQ(refusal(url), "the text doesn't begin with ldaps://") << url;
     }
 }
 
