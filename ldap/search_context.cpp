@@ -29,6 +29,22 @@ namespace {
 /// The context whose search runs on this thread; it must not wait for its own thread.
 thread_local const SearchContext* runningOnThisThread = nullptr;
 
+const QString kBlockingSearch = QStringLiteral("ldap_search_ext_s");
+
+BaseError failedCall(LDAP* ld, int code, int systemError)
+{
+    BaseError error(code, kBlockingSearch, systemError);
+    addFailureDetails(error, ld, isSecure(ld));
+    return error;
+}
+
+BaseError failedRequest(const FinalResult& result, int systemError)
+{
+    BaseError error(result.code, kBlockingSearch, systemError);
+    addFinalResult(error, result);
+    return error;
+}
+
 QString listText(const std::vector<QByteArray>& names)
 {
     return utils::containerString(names, u", ", u"{ ", u" }", u"none");
@@ -51,6 +67,7 @@ public:
         // The call is made under the lock, so that a stop from another thread comes after it. A handler that
         // stops its own search from here destroys itself only when it has returned.
         auto handler = m_context.m_handler.lock();
+        const SearchTicket::Delivery delivery(m_context.m_ticket.get());
         if (*handler) {
             (*handler)(Result::moreResults, std::move(page));
         }
@@ -123,19 +140,15 @@ std::vector<SearchEntry> SearchContext::findEntries(SearchReport& report) const
     }
     if (rc != LDAP_SUCCESS) {
         if (received == nullptr) {
-            BaseError error(rc, QStringLiteral("ldap_search_ext_s"), systemError);
-            addFailureDetails(error, m_ldap.get(), isSecure(m_ldap.get()));
-            throw error;
+            throw failedCall(m_ldap.get(), rc, systemError);
         }
         const FinalResult result = readFinalResult(m_ldap.get(), received, /*freeChain*/ true);
         logFailedSearch(log::tag(*this), m_params->base, result);
-        BaseError error(result.code, QStringLiteral("ldap_search_ext_s"), systemError);
-        addFinalResult(error, result);
-        throw error;
+        throw failedRequest(result, systemError);
     }
     if (received == nullptr) {
         // The client library's success when another thread has seen the connection end.
-        throw BaseError(LDAP_SERVER_DOWN, QStringLiteral("ldap_search_ext_s"), systemError);
+        throw BaseError(LDAP_SERVER_DOWN, kBlockingSearch, systemError);
     }
     SearchResponse response(m_ldap.get(), MessagePtr(received, &ldap_msgfree));
     std::vector<SearchEntry> entries = response.entries(m_params->attributes);
@@ -146,7 +159,7 @@ std::vector<SearchEntry> SearchContext::findEntries(SearchReport& report) const
             utils::format(u"Entries whose DN can't be read are left out: %1.", response.unreadableEntries());
         TAVO_LOG_WARNING(log::tag(*this), u"%1", report.lossDetail);
         if (m_params->completeness == Completeness::required) {
-            throw BaseError(LDAP_SIZELIMIT_EXCEEDED, QStringLiteral("ldap_search_ext_s"), 0);
+            throw BaseError(LDAP_SIZELIMIT_EXCEEDED, kBlockingSearch, 0);
         }
     }
     return entries;

@@ -31,6 +31,13 @@ namespace tavo::ldap {
 
 namespace {
 
+BaseError refusedUrl(const QString& reason)
+{
+    BaseError error(LDAP_PARAM_ERROR, QStringLiteral("init"), 0);
+    error.connectFailure = {ConnectFailure::Kind::invalidUrl, QString(), reason};
+    return error;
+}
+
 void throwIfRefused(const log::Tag& tag, const utils::Url& url)
 {
     const QString reason = refusalOf(url);
@@ -38,9 +45,7 @@ void throwIfRefused(const log::Tag& tag, const utils::Url& url)
         return;
     }
     TAVO_LOG_DEBUG(tag, u"Refusing the URL: %1", reason);
-    BaseError error(LDAP_PARAM_ERROR, QStringLiteral("init"), 0);
-    error.connectFailure = {ConnectFailure::Kind::invalidUrl, QString(), reason};
-    throw error;
+    throw refusedUrl(reason);
 }
 
 } // namespace
@@ -66,19 +71,24 @@ Session::~Session() { m_searches->cancelAll(log::tag(*this)); }
 
 void Session::startTls()
 {
-    if (m_isSecure) {
+    const bool isPlain = !m_isSecure;
+    if (!isPlain) {
         assertFailure(positions::alreadySecure, "!m_isSecure");
     }
     // By design: before the handshake, so that a failing one is examined for TLS errors.
     m_isSecure = true;
     TAVO_LOG_VERBOSE(log::tag(*this), u"Upgrading to TLS");
-    prepareStartTls(m_ldap.get());
+    if (isPlain) {
+        prepareStartTls(m_ldap.get());
+    }
     clearFailureDetails(m_ldap.get());
     const auto [rc, systemError] =
         callClient([&] { return ldap_start_tls_s(m_ldap.get(), nullptr, nullptr); });
     if (rc != LDAP_SUCCESS) {
-        // Or a bind that is tried all the same would send its password to whoever has spoilt the handshake.
-        refusePlainConnections(m_ldap.get());
+        if (isPlain) {
+            // Or a bind that is tried all the same would send its password to whoever has spoilt the upgrade.
+            refusePlainConnections(m_ldap.get());
+        }
         throwFailure(rc, systemError, QStringLiteral("startTls"));
     }
 }
@@ -102,9 +112,12 @@ void Session::bind(const QString& dn, const QString& password)
         return;
     }
     if (rc == LDAP_INVALID_CREDENTIALS) {
-        InvalidCredentialsError error(dn);
-        explain(error, password);
-        throw error;
+        try {
+            throw InvalidCredentialsError(dn);
+        } catch (BaseError& error) {
+            explain(error, password);
+            throw;
+        }
     }
     throwFailure(rc, systemError, QStringLiteral("bind"), password);
 }
@@ -209,7 +222,7 @@ void Session::stopAsyncSearch(SearchContext* context) { m_searches->forget(conte
 
 std::variant<Result, std::vector<SearchEntry>> Session::search(SearchParams params, int pageSize)
 {
-    if (m_searches->isDeliveringOnThisThread()) {
+    if (m_searches->isDeliveringOnThisThread() || m_queue->isHeldUpByThisThread()) {
         throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur),
             "tavo::ldap::Session::search, called by a handler from an intermediate call");
     }

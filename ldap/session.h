@@ -64,7 +64,8 @@ public:
 
     /// Upgrades the plain connection to TLS. Blocks for the handshake. At most once, before `bind`.
     ///
-    /// After a failure the session is of no further use: it sends nothing in the clear.
+    /// After a failure, also when the server refuses, the session is of no further use: it sends nothing in the
+    /// clear.
     /// \throws BaseError, TlsError
     void startTls();
 

@@ -4,6 +4,13 @@
 
 namespace tavo::ldap {
 
+namespace {
+
+/// That of the search whose page this thread delivers.
+thread_local const SearchTicket* delivering = nullptr;
+
+} // namespace
+
 void SearchQueue::allowInterleaving()
 {
     const std::lock_guard lock(m_mutex);
@@ -13,12 +20,27 @@ void SearchQueue::allowInterleaving()
     }
 }
 
+bool SearchQueue::isHeldUpByThisThread()
+{
+    if (delivering == nullptr || delivering->m_queue.get() != this) {
+        return false;
+    }
+    const std::lock_guard lock(m_mutex);
+    return !m_mayInterleave && m_places.count(delivering->m_number) != 0;
+}
+
 void SearchQueue::wakeNext()
 {
     if (!m_places.empty() && m_pagesInFlight == 0) {
         m_places.begin()->second->m_mayRun.notify_all();
     }
 }
+
+SearchTicket::Delivery::Delivery(const SearchTicket* ticket)
+    : m_former(std::exchange(delivering, ticket))
+{}
+
+SearchTicket::Delivery::~Delivery() { delivering = m_former; }
 
 SearchTicket::SearchTicket(std::shared_ptr<SearchQueue> queue)
     : m_queue(std::move(queue))

@@ -21,6 +21,10 @@ public:
     /// Lets all searches run at the same time from now on.
     void allowInterleaving();
 
+    /// Whether this thread delivers a page of one of the searches, so that those behind it wait for the
+    /// caller's handler.
+    bool isHeldUpByThisThread();
+
 private:
     friend class SearchTicket;
 
@@ -44,6 +48,20 @@ public:
     ~SearchTicket();
     SearchTicket(const SearchTicket&) = delete;
     SearchTicket& operator=(const SearchTicket&) = delete;
+
+    /// While it lives, the calling thread delivers a page of the ticket's search.
+    class Delivery
+    {
+    public:
+        /// \param ticket may be null
+        explicit Delivery(const SearchTicket* ticket);
+        ~Delivery();
+        Delivery(const Delivery&) = delete;
+        Delivery& operator=(const Delivery&) = delete;
+
+    private:
+        const SearchTicket* m_former;
+    };
 
     /// Waits until the search may ask for its next page. False when the search must end: its place was given
     /// up, and it hasn't begun or would disturb the search whose turn it is now.

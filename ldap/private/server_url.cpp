@@ -22,6 +22,9 @@ struct ServerUrl
     /// What stands between "//" and the path, decoded: the host and the port, or the path of a socket.
     QString authority;
 
+    /// What stands behind the fourth question mark (RFC 4516).
+    QString extensions;
+
     bool isLocal() const { return isScheme(scheme, u"ldapi"); }
     bool isSecure() const { return isScheme(scheme, u"ldaps"); }
 };
@@ -48,7 +51,8 @@ ServerUrl parse(QStringView given)
     const QStringView rest = url.sliced(schemeEnd + separator.size());
     const auto end = std::find_if(rest.begin(), rest.end(), [](QChar c) { return c == u'/' || c == u'?'; });
     const QByteArray encoded = rest.first(std::distance(rest.begin(), end)).toUtf8();
-    return {url.first(schemeEnd).toString(), QUrl::fromPercentEncoding(encoded)};
+    return {url.first(schemeEnd).toString(), QUrl::fromPercentEncoding(encoded),
+        rest.toString().section(u'?', 4)};
 }
 
 bool namesHost(const ServerUrl& url)
@@ -71,6 +75,10 @@ QString refusalOfOne(const ServerUrl& url)
     if (!namesHost(url)) {
         return QStringLiteral("the URL names no host");
     }
+    if (!url.extensions.isEmpty()) {
+        // The client library knows one, StartTLS, and would upgrade without what the host has configured.
+        return QStringLiteral("the URL has extensions; ask for StartTLS in the settings instead");
+    }
     return {};
 }
 
@@ -90,7 +98,7 @@ QString refusalOf(const utils::Url& url)
     std::vector<ServerUrl> urls;
     std::transform(list.begin(), list.end(), std::back_inserter(urls), &parse);
     for (const ServerUrl& one : urls) {
-        const QString reason = refusalOfOne(one);
+        QString reason = refusalOfOne(one);
         if (!reason.isEmpty()) {
             return reason;
         }

@@ -136,6 +136,14 @@ bool verifiesCertificates(LDAP* ld)
     return requirement != LDAP_OPT_X_TLS_NEVER;
 }
 
+/// Whether the program has set, for all handles, that connections are made with TLS whatever the URL says.
+bool alwaysUsesTls(LDAP* ld)
+{
+    int mode = LDAP_OPT_X_TLS_NEVER;
+    ldap_get_option(ld, LDAP_OPT_X_TLS, &mode);
+    return mode == LDAP_OPT_X_TLS_HARD;
+}
+
 /// Gives a handle what the host has configured for TLS, for its next context.
 class HostsOptions
 {
@@ -202,7 +210,7 @@ void setUpTls(LDAP* ld, bool isSecure, bool ignoreCertificateErrors)
         throw BaseError(rc, QStringLiteral("set LDAP_OPT_X_TLS_REQUIRE_CERT"), systemError);
     }
     HostsOptions hostsOptions(ld);
-    if (isSecure) {
+    if (isSecure || alwaysUsesTls(ld)) {
         hostsOptions.copyAll();
     }
     // The requirement takes effect only in a TLS context that is made after it.
@@ -213,6 +221,8 @@ void refusePlainConnections(LDAP* ld)
 {
     const int always = LDAP_OPT_X_TLS_HARD;
     ldap_set_option(ld, LDAP_OPT_X_TLS, &always);
+    // No socket: a handle without a context would make its first connection with that of the process.
+    ldap_set_option(ld, LDAP_OPT_URI, "ldapi://%2Fdev%2Fnull");
     int socket = -1;
     ldap_get_option(ld, LDAP_OPT_DESC, &socket);
     if (socket >= 0) {

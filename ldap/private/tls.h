@@ -15,8 +15,8 @@ void setUpTls(LDAP* ld, bool isSecure, bool ignoreCertificateErrors);
 /// \throws BaseError; the handle then sends nothing more in the clear
 void prepareStartTls(LDAP* ld);
 
-/// Sees to it that nothing more is sent in the clear, neither on the handle's connection nor on another one
-/// that it would make: from now on, it speaks TLS from the first byte.
+/// Sees to it that nothing more is sent in the clear: the handle's connection ends, and where it had none it
+/// has no server to connect to.
 void refusePlainConnections(LDAP* ld);
 
 /// Clears what earlier calls have left in this thread's OpenSSL error queue.

@@ -259,6 +259,7 @@ TEST(SessionTest, ReportsASecondUpgradeAndTriesItAllTheSame)
     EXPECT_THROW(session.startTls(), BaseError);
     EXPECT_THAT(assertions.failures(),
         ElementsAre(test::AssertionCapture::Failure{"ldap/session", 107, "!m_isSecure", ""}));
+    EXPECT_EQ(session.whoAmI(), "anonymous"_s) << "the connection is as secure as before";
 }
 
 TEST(VendorTest, IsOpenLdapForAPlainServer)

@@ -193,6 +193,18 @@ TEST_F(FailedUpgrade, EndsTheConnectionWhenTheHandshakeFails)
     EXPECT_THROW(session.bind("cn=joe"_s, "secret"_s), BaseError);
 }
 
+TEST_F(FailedUpgrade, LeavesASessionThatHasNoConnectionWithoutAServer)
+{
+    server.expectStartTls().answer(result(LDAP_UNAVAILABLE));
+    EXPECT_THROW(session.startTls(), BaseError);
+    server.waitForClose(0);
+
+    EXPECT_THROW(session.whoAmI(), BaseError);
+    EXPECT_THROW(session.simpleSearch(below("dc=x")), BaseError);
+
+    EXPECT_EQ(server.connections(), 1U);
+}
+
 TEST(RefusedUrl, SaysWhyWithoutRepeatingIt)
 {
     const LogCapture log;

@@ -223,6 +223,31 @@ TEST_F(SearchStates, CannotBlockAHandlerInAnIntermediateCall)
     EXPECT_THAT(std::get<std::vector<ldap::SearchEntry>>(session->search(below("dc=y"), 2)), SizeIs(1));
 }
 
+TEST_F(SearchStates, CannotBlockAHandlerOfAContextThatHoldsUpItsSession)
+{
+    Session inTurns(utils::Url(QString::fromStdString(server.url())), false, false);
+    server.expectSearch().answer(entries(1, 2), done().page("more"));
+    server.expectSearch().answer(done());
+    std::error_code refusal;
+    HandlerCalls calls;
+    const std::shared_ptr<SearchContext> context = inTurns.createSearchContext(below("dc=x"));
+    context->asyncSearch(
+        [&](Result result, std::vector<ldap::SearchEntry> page) {
+            if (result == Result::moreResults) {
+                try {
+                    inTurns.search(below("dc=y"), 2);
+                } catch (const std::system_error& error) {
+                    refusal = error.code();
+                }
+            }
+            calls.add(result, std::move(page));
+        },
+        2);
+
+    EXPECT_THAT(resultsOf(calls.waitForEnd()), ElementsAre(Result::moreResults, Result::ok));
+    EXPECT_EQ(refusal, std::errc::resource_deadlock_would_occur);
+}
+
 // For AddressSanitizer and ThreadSanitizer: the session must not go while its own lock is held.
 TEST_F(SearchStates, MayForgetThemselvesInAHandlerThatOwnsTheSession)
 {

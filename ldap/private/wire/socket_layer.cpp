@@ -53,7 +53,7 @@ int closeSocket(Sockbuf_IO_Desc* layer) noexcept
     }
     ber_socket_t none = kNoSocket;
     ber_sockbuf_ctrl(layer->sbiod_sb, LBER_SB_OPT_SET_FD, &none);
-    // As the client library does: the connection ends now, also if a forked child has the socket, too.
+    // The connection ends now, also if a forked child has the socket, too.
     shutdown(socket, SHUT_RDWR);
     close(socket);
     return 0;

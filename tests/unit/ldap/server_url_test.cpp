@@ -46,6 +46,18 @@ TEST(ServerUrl, IsRefusedWithoutAHost)
     }
 }
 
+TEST(ServerUrl, IsRefusedWithExtensionsSuchAsStartTls)
+{
+    for (const char* const url : {"ldap://host/???"
+                                  "?!StartTLS",
+             "ldap://host????StartTLS", "ldap://a ldap://host/dc=x?uid?sub?(a=b)?X-StartTLS",
+             "ldap://host/???"
+             "?!1.3.6.1.4.1.1466.20037"}) {
+        EXPECT_THAT(refusal(url), HasSubstr("has extensions")) << url;
+    }
+    EXPECT_EQ(refusal("ldap://host/dc=x?uid?sub?(a=b)?"), "");
+}
+
 TEST(ServerUrl, IsRefusedAsAListThatIsSecureInPart)
 {
     for (const char* const url : {"ldaps://a ldap://b", "ldap://a,LDAPS://b", "ldaps://a ldapi://%2Frun"}) {
