@@ -97,8 +97,11 @@ TEST_F(EndedAddressesTest, KeepNoObjectAlive)
 {
     struct Ending
     {
-        bool& hasEnded;
+        explicit Ending(bool& ended)
+            : hasEnded(ended)
+        {}
         ~Ending() { hasEnded = true; }
+        bool& hasEnded;
     };
     bool hasEnded = false;
     auto object = std::allocate_shared<Ending>(BlockCounter<Ending>(blocks), hasEnded);
