@@ -27,20 +27,29 @@ Function* next(Function*, const char* name)
 
 extern "C" {
 
-// Two functions of the client library that the linker replaces, only for our library, and one original.
+// Functions of the client library that the linker replaces, only for our library, and their originals.
 
 int __wrap_ldap_initialize(LDAP** handle, const char* url);
 char* __real_ldap_first_attribute(LDAP* handle, LDAPMessage* entry, BerElement** element);
 char* __wrap_ldap_first_attribute(LDAP* handle, LDAPMessage* entry, BerElement** element);
+void __real_ber_free(BerElement* element, int freesBuffer);
+void __wrap_ber_free(BerElement* element, int freesBuffer);
 
 int __wrap_ldap_initialize(LDAP** handle, const char*) { return tavo::fuzz::FuzzedServer::connect(handle); }
 
-// The library never frees this element, by design; freeing it here saves a suppression for LeakSanitizer.
+// The library mostly doesn't free this element, by design; freeing it here saves a suppression for
+// LeakSanitizer.
 char* __wrap_ldap_first_attribute(LDAP* handle, LDAPMessage* entry, BerElement** element)
 {
     char* name = __real_ldap_first_attribute(handle, entry, element);
     tavo::fuzz::FuzzedServer::keep(*element);
     return name;
+}
+
+void __wrap_ber_free(BerElement* element, int freesBuffer)
+{
+    tavo::fuzz::FuzzedServer::drop(element);
+    __real_ber_free(element, freesBuffer);
 }
 
 // The client library itself calls these, too, so the loader replaces them for every caller. libldap leaks
@@ -162,7 +171,7 @@ FuzzedServer::~FuzzedServer()
     waitForClose();
     s_current = nullptr;
     for (BerElement* element : m_kept) {
-        ber_free(element, 0);
+        __real_ber_free(element, 0);
     }
 }
 
@@ -173,7 +182,8 @@ int FuzzedServer::connect(LDAP** handle)
         &FuzzedServer::read, &FuzzedServer::write, [](Sockbuf_IO_Desc*) { return 0; }};
 
     // The URL is for the second connection that libldap tries when this one has ended.
-    const int rc = ldap_init_fd(readySocket(), LDAP_PROTO_EXT, "ldapi://%2Fnonexistent", handle);
+    // The library closes its sockets.
+    const int rc = ldap_init_fd(dup(readySocket()), LDAP_PROTO_EXT, "ldapi://%2Fnonexistent", handle);
     if (rc != LDAP_SUCCESS) {
         return rc;
     }
@@ -188,6 +198,15 @@ void FuzzedServer::keep(BerElement* element)
     require(s_current != nullptr, "there is a server");
     if (element != nullptr) {
         s_current->m_kept.push_back(element);
+    }
+}
+
+void FuzzedServer::drop(BerElement* element)
+{
+    if (s_current != nullptr) {
+        const std::lock_guard lock(s_current->m_mutex);
+        auto& kept = s_current->m_kept;
+        kept.erase(std::remove(kept.begin(), kept.end(), element), kept.end());
     }
 }
 

@@ -63,6 +63,7 @@ public:
 
     /// Frees the element when this server is destroyed.
     static void keep(BerElement* element);
+    static void drop(BerElement* element);
 
     /// Tracks a result from when the client library returns it until it is freed.
     static void noteResult(LDAPMessage* result);

@@ -168,12 +168,22 @@ void fetchGroups(const Plan& plan, Calls& calls)
     std::promise<void> promise;
     const std::future<void> gone = promise.get_future();
     const auto manager = ldap::createManagerOrThrow(settings(plan));
-    manager->fetchGroupsAsync(Handler<Group>(calls, std::move(promise), plan.pageSize), {kBase, {}});
+    // A group that vanishes while its members are read is missing from its page.
+    manager->fetchGroupsAsync(Handler<Group>(calls, std::move(promise), std::nullopt), {kBase, {}});
     gone.wait();
 }
 
-void checkRequests(const std::vector<test::Request>& requests, const Plan& plan, int intermediateCalls)
+/// Whether this asks for more of a group's members, between two pages.
+bool asksForRange(const test::Request& request)
 {
+    const auto* const search = std::get_if<test::SearchRequest>(&request.operation);
+    return search != nullptr && search->attributes.size() == 1 &&
+           search->attributes[0].find(";range=") != test::Bytes::npos;
+}
+
+void checkRequests(std::vector<test::Request> requests, const Plan& plan, int intermediateCalls)
+{
+    requests.erase(std::remove_if(requests.begin(), requests.end(), &asksForRange), requests.end());
     const int count = static_cast<int>(requests.size());
     require(count >= 1 && count >= intermediateCalls && count <= intermediateCalls + 1,
         "one request for each page");
