@@ -83,7 +83,7 @@ protected:
         Outcome outcome;
         const Gate ended;
         manager->fetchGroupsAsync(
-            [&](Result result, std::vector<Group> page) {
+            [&outcome, ended](Result result, std::vector<Group> page) {
                 outcome.result = result;
                 std::move(page.begin(), page.end(), std::back_inserter(outcome.groups));
                 if (result != Result::moreResults)
@@ -306,7 +306,7 @@ TEST_F(MemberRanges, AreNotFollowedOnceTheFetchIsStopped)
 
     server.expectSearch().base("dc=y").answer(done());
     Gate ended;
-    manager->fetchGroupsAsync([&](Result, std::vector<Group>) { ended.open(); }, {"dc=y"_s, {}});
+    manager->fetchGroupsAsync([ended](Result, std::vector<Group>) { ended.open(); }, {"dc=y"_s, {}});
     ended.wait("the fetch behind it");
     manager.reset();
     server.waitForClose(0);

@@ -161,7 +161,7 @@ TEST_F(ReportedSearch, HasTheServersWordsBeforeTheFinalCallBegins)
 
     session.asyncSearch(
         params(),
-        [&](Result result, std::vector<ldap::SearchEntry>) {
+        [&, ended](Result result, std::vector<ldap::SearchEntry>) {
             EXPECT_EQ(result, Result::noSuchObject);
             seen = *report;
             ended.open();
@@ -194,7 +194,7 @@ TEST_F(ReportedSearch, FailsWhenAHandlersErrorWithoutACodeCutsIt)
 
         session.asyncSearch(
             params(completeness),
-            [&](Result result, std::vector<ldap::SearchEntry>) {
+            [&last, ended](Result result, std::vector<ldap::SearchEntry>) {
                 if (result == Result::moreResults)
                     throw BaseError(LDAP_SUCCESS, "of the handler"_s, 0);
                 last = result;
