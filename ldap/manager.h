@@ -53,9 +53,9 @@ public:
     ///         being destroyed; `handler` is dropped then
     virtual SearchContext* fetchUsersAsync(UsersHandler handler, const SearchFilter& filter) = 0;
 
-    /// Starts fetching the groups below `filter.base`; otherwise like `fetchUsersAsync`. Groups
-    /// without members are delivered, too. Those that Active Directory sends in ranges are read whole; one that
-    /// vanishes meanwhile is left out, with a warning in the log.
+    /// Starts fetching the groups below `filter.base`; otherwise like `fetchUsersAsync`. Groups without members
+    /// are delivered, too. Those that Active Directory sends in ranges are read whole; one that vanishes
+    /// meanwhile is left out, with a warning in the log.
     virtual SearchContext* fetchGroupsAsync(GroupsHandler handler, const SearchFilter& filter) = 0;
 
     /// Detaches a fetch: its handler is dropped and not called again. Thread-safe. Waits for an intermediate

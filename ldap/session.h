@@ -47,9 +47,9 @@ public:
     ///        `ldapi://` and a path, or several URLs, separated by blanks, of which the first that answers
     ///        is used
     /// \param ignoreCertificateErrors accept a certificate that can't be verified, for this session alone
-    /// \throws BaseError, TlsError. A URL that is empty, has another scheme, names no host or holds a name or
-    ///         password is refused (LDAP_PARAM_ERROR), and so is a list that mixes `ldaps` with others;
-    ///         `BaseError::connectFailure` says why
+    /// \throws BaseError, TlsError. A URL that is empty, has another scheme or extensions (RFC 4516), names no
+    ///         host or holds a name or password is refused (LDAP_PARAM_ERROR), and so is a list that mixes
+    ///         `ldaps` with others; `BaseError::connectFailure` says why
     Session(const utils::Url& url, bool startTls, bool ignoreCertificateErrors);
 
     /// Gives the handlers of all running searches `Result::cancelled`, on this thread, and closes the
