@@ -93,6 +93,7 @@ namespace {
 
 constexpr unsigned kSequence = 0x30;
 constexpr unsigned kInteger = 0x02;
+constexpr ber_socket_t kNoSocket = -1;
 
 /// A socket that is always ready, since nobody reads what is in it: libldap never waits on it, and a check
 /// whether it is closed says that it isn't.
@@ -179,10 +180,9 @@ int FuzzedServer::connect(LDAP** handle)
 {
     require(s_current != nullptr, "there is a server");
     static Sockbuf_IO layer{&FuzzedServer::setUp, &FuzzedServer::remove, &FuzzedServer::control,
-        &FuzzedServer::read, &FuzzedServer::write, [](Sockbuf_IO_Desc*) { return 0; }};
+        &FuzzedServer::read, &FuzzedServer::write, &FuzzedServer::close};
 
     // The URL is for the second connection that libldap tries when this one has ended.
-    // The library closes its sockets.
     const int rc = ldap_init_fd(dup(readySocket()), LDAP_PROTO_EXT, "ldapi://%2Fnonexistent", handle);
     if (rc != LDAP_SUCCESS) {
         return rc;
@@ -267,6 +267,14 @@ ber_slen_t FuzzedServer::write(Sockbuf_IO_Desc* layer, void* buffer, ber_len_t s
     auto* server = static_cast<FuzzedServer*>(layer->sbiod_pvt);
     server->receive({static_cast<const char*>(buffer), size});
     return static_cast<ber_slen_t>(size);
+}
+
+/// The library closes its socket before; a handle without the library still has it.
+int FuzzedServer::close(Sockbuf_IO_Desc* layer)
+{
+    ber_socket_t socket = kNoSocket;
+    ber_sockbuf_ctrl(layer->sbiod_sb, LBER_SB_OPT_GET_FD, &socket);
+    return socket == kNoSocket ? 0 : ::close(socket);
 }
 
 void FuzzedServer::receive(std::string_view bytes)

@@ -75,6 +75,7 @@ private:
     static int control(Sockbuf_IO_Desc* layer, int option, void* argument);
     static ber_slen_t read(Sockbuf_IO_Desc* layer, void* buffer, ber_len_t size);
     static ber_slen_t write(Sockbuf_IO_Desc* layer, void* buffer, ber_len_t size);
+    static int close(Sockbuf_IO_Desc* layer);
 
     void receive(std::string_view bytes);
     void takeMessage(std::string_view message);
