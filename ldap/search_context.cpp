@@ -38,13 +38,6 @@ BaseError failedCall(LDAP* ld, int code, int systemError)
     return error;
 }
 
-BaseError failedRequest(const FinalResult& result, int systemError)
-{
-    BaseError error(result.code, kBlockingSearch, systemError);
-    addFinalResult(error, result);
-    return error;
-}
-
 QString listText(const std::vector<QByteArray>& names)
 {
     return utils::containerString(names, u", ", u"{ ", u" }", u"none");
@@ -144,7 +137,7 @@ std::vector<SearchEntry> SearchContext::findEntries(SearchReport& report) const
         }
         const FinalResult result = readFinalResult(m_ldap.get(), received, /*freeChain*/ true);
         logFailedSearch(log::tag(*this), m_params->base, result);
-        throw failedRequest(result, systemError);
+        throw failedSearch(result, kBlockingSearch, systemError);
     }
     if (received == nullptr) {
         // The client library's success when another thread has seen the connection end.

@@ -44,13 +44,6 @@ BaseError resultError(LDAP* ld, LDAPMessage* message, int systemError)
     return explained({code, QStringLiteral("ldap_result"), systemError}, ld);
 }
 
-BaseError failedRequest(const FinalResult& result, int systemError)
-{
-    BaseError error(result.code, QStringLiteral("ldap_result"), systemError);
-    addFinalResult(error, result);
-    return error;
-}
-
 /// By design: a result that the server calls a failure is one, whatever entries came with it. They are
 /// few, and a short page would read as the end of the list.
 void throwIfFailed(
@@ -60,7 +53,7 @@ void throwIfFailed(
         return;
     }
     logFailedSearch(tag, params.base, result);
-    throw failedRequest(result, systemError);
+    throw failedSearch(result, QStringLiteral("ldap_result"), systemError);
 }
 
 } // namespace

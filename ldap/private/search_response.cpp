@@ -26,10 +26,12 @@ FinalResult readFinalResult(LDAP* ld, LDAPMessage* chain, bool freeChain)
     return {rc != LDAP_SUCCESS ? rc : code, QString::fromUtf8(matchedDn), QString::fromUtf8(diagnostic)};
 }
 
-void addFinalResult(BaseError& error, const FinalResult& result)
+BaseError failedSearch(const FinalResult& result, const QString& call, int systemError)
 {
+    BaseError error(result.code, call, systemError);
     error.serverMessage = result.diagnostic;
     error.matchedDn = result.matchedDn;
+    return error;
 }
 
 void logFailedSearch(const log::Tag& tag, const QString& base, const FinalResult& result)

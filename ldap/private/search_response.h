@@ -27,8 +27,9 @@ struct FinalResult
 /// Reads the final message of a chain; with `freeChain` the chain is gone afterwards.
 FinalResult readFinalResult(LDAP* ld, LDAPMessage* chain, bool freeChain);
 
-/// Adds the server's words to the error of a failed request.
-void addFinalResult(BaseError& error, const FinalResult& result);
+/// The error of a search that the server has refused, with the server's words.
+/// \param call the call of libldap that got the answer
+BaseError failedSearch(const FinalResult& result, const QString& call, int systemError);
 
 /// Logs what the server says about a failed search.
 void logFailedSearch(const log::Tag& tag, const QString& base, const FinalResult& result);
