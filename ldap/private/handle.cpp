@@ -6,7 +6,7 @@
 #include <ldap/private/positions.h>
 #include <ldap/private/search_threads.h>
 #include <ldap/private/tls.h>
-#include <ldap/private/wire/socket_layer.h>
+#include <ldap/private/wire/layers.h>
 #include <tavo_utils/assert.h>
 #include <tavo_utils/log.h>
 
@@ -57,7 +57,7 @@ LdapHandle createHandle(const utils::Url& url, bool isSecure, bool ignoreCertifi
     LdapHandle handle(nullptr, &destroyHandle);
     MutexLocker lock(initMutex());
     initialize(handle, url);
-    addSocketLayer(handle.get());
+    addLayers(handle.get());
     if (tlsIsSetUp) {
         lock.unlock();
         setOptions(handle.get(), isSecure, ignoreCertificateErrors);

@@ -10,7 +10,9 @@
 #include <gmock/gmock.h>
 #include <openssl/err.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -18,7 +20,9 @@
 #include <memory>
 #include <new>
 #include <type_traits>
+#include <utility>
 #include <variant>
+#include <vector>
 
 namespace tavo::test {
 
@@ -163,8 +167,8 @@ TEST(SessionCreation, ClearsTheErrorQueueBeforeItAsksForAHandle)
 
     EXPECT_THAT(recorder.names(),
         ElementsAre("ldap_is_ldaps_url", "ERR_clear_error", "ldap_initialize", "ldap_get_option",
-            "ber_sockbuf_add_io", "ldap_set_urllist_proc", "ldap_set_option", "ldap_set_option",
-            "ldap_set_option", "ldap_get_option", "ldap_set_option", "ldap_destroy"));
+            "ber_sockbuf_add_io", "ber_sockbuf_add_io", "ldap_set_urllist_proc", "ldap_set_option",
+            "ldap_set_option", "ldap_set_option", "ldap_get_option", "ldap_set_option", "ldap_destroy"));
     EXPECT_EQ(recorder.only("ldap_initialize").text("uri"), "ldap://127.0.0.1:1");
 }
 
@@ -427,16 +431,19 @@ TEST(SessionCreation, DestroysTheHandleThatAFailureLeftBehind)
     EXPECT_EQ(recorder.only("ldap_destroy").handle(), 1);
 }
 
-TEST(SessionCreation, PutsItsLayerBetweenTheSocketAndTls)
+TEST(SessionCreation, PutsOneLayerBelowTlsAndOneAbove)
 {
     CallRecorder recorder;
     {
         const Session session(plainUrl(), false, false);
     }
 
-    EXPECT_EQ(describe(recorder.only("ber_sockbuf_add_io")), "ber_sockbuf_add_io(arg=null, layer=11) = 0");
+    EXPECT_THAT(described(recorder.calls("ber_sockbuf_add_io")),
+        ElementsAre(
+            "ber_sockbuf_add_io(arg=null, layer=11) = 0", "ber_sockbuf_add_io(arg=null, layer=30) = 0"));
     EXPECT_LT(LBER_SBIOD_LEVEL_PROVIDER, 11);
     EXPECT_LT(11, LBER_SBIOD_LEVEL_TRANSPORT);
+    EXPECT_LT(LBER_SBIOD_LEVEL_TRANSPORT, 30);
 }
 
 /// The layers that are added while it lives; they can be taken away, as a newer client library takes them when
@@ -449,42 +456,64 @@ public:
         recorder.replace(ber_sockbuf_add_io,
             [this](Sockbuf* connection, Sockbuf_IO* functions, int level, void* argument) {
                 m_connection = connection;
-                m_functions = functions;
-                m_level = level;
+                m_added.emplace_back(functions, level);
                 return CallRecorder::real(ber_sockbuf_add_io)(connection, functions, level, argument);
             });
     }
 
-    bool isThere() const
+    std::size_t count() const
     {
-        return CallRecorder::real(ber_sockbuf_ctrl)(m_connection, LBER_SB_OPT_HAS_IO, m_functions) == 1;
+        return static_cast<std::size_t>(
+            std::count_if(m_added.begin(), m_added.begin() + 2, [this](const auto& layer) {
+                return CallRecorder::real(ber_sockbuf_ctrl)(m_connection, LBER_SB_OPT_HAS_IO, layer.first) ==
+                       1;
+            }));
     }
 
-    void takeAway() { ber_sockbuf_remove_io(m_connection, m_functions, m_level); }
+    void takeAway()
+    {
+        for (const auto& [functions, level] : m_added) {
+            ber_sockbuf_remove_io(m_connection, functions, level);
+        }
+    }
 
 private:
     Sockbuf* m_connection = nullptr;
-    Sockbuf_IO* m_functions = nullptr;
-    int m_level = 0;
+    std::vector<std::pair<Sockbuf_IO*, int>> m_added;
 };
 
-TEST(SessionCreation, HasItsLayerOnEachConnectionThatComesAbout)
+TEST(SessionCreation, HasItsLayersOnEachConnectionThatComesAbout)
 {
     ScriptedServer server;
     server.expectBind().answer(success());
     CallRecorder recorder;
-    Layers layer(recorder);
+    Layers layers(recorder);
     Session session(utils::Url(QString::fromStdString(server.url())), false, false);
-    EXPECT_TRUE(layer.isThere());
+    EXPECT_EQ(layers.count(), 2U);
 
-    layer.takeAway();
-    EXPECT_FALSE(layer.isThere());
+    layers.takeAway();
+    EXPECT_EQ(layers.count(), 0U);
     session.bind(QString(), QString());
-    EXPECT_TRUE(layer.isThere());
-    EXPECT_EQ(recorder.count("ber_sockbuf_add_io"), 2U);
+    EXPECT_EQ(layers.count(), 2U);
+    EXPECT_EQ(recorder.count("ber_sockbuf_add_io"), 4U);
 }
 
-TEST(SessionCreation, AddsItsLayerOnce)
+TEST(SessionCreation, MakesNoUseOfAConnectionWithoutItsLayers)
+{
+    for (const int nth : {3, 4}) {
+        SCOPED_TRACE(nth);
+        ScriptedServer server;
+        CallRecorder recorder;
+        Layers layers(recorder);
+        Session session(utils::Url(QString::fromStdString(server.url())), false, false);
+        layers.takeAway();
+        recorder.fail(ber_sockbuf_add_io, -1, {.nth = nth, .error = ENOMEM});
+
+        EXPECT_THROW(session.bind(QString(), QString()), BaseError);
+    }
+}
+
+TEST(SessionCreation, AddsItsLayersOnce)
 {
     ScriptedServer server;
     server.expectBind().answer(success());
@@ -492,7 +521,7 @@ TEST(SessionCreation, AddsItsLayerOnce)
     Session session(utils::Url(QString::fromStdString(server.url())), false, false);
     session.bind(QString(), QString());
 
-    EXPECT_EQ(recorder.count("ber_sockbuf_add_io"), 1U);
+    EXPECT_EQ(recorder.count("ber_sockbuf_add_io"), 2U);
 }
 
 TEST(SessionCreation, ReportsThatItCannotReachItsConnection)
@@ -507,16 +536,19 @@ TEST(SessionCreation, ReportsThatItCannotReachItsConnection)
     EXPECT_EQ(recorder.count("ldap_destroy"), 1U);
 }
 
-TEST(SessionCreation, ReportsThatThereIsNoMemoryForItsLayer)
+TEST(SessionCreation, ReportsThatThereIsNoMemoryForItsLayers)
 {
-    CallRecorder recorder;
-    recorder.leaveErrnoWhenFreeing(ENOTEMPTY);
-    recorder.fail(ber_sockbuf_add_io, -1, {.error = ENOMEM});
+    for (const int nth : {1, 2}) {
+        SCOPED_TRACE(nth);
+        CallRecorder recorder;
+        recorder.leaveErrnoWhenFreeing(ENOTEMPTY);
+        recorder.fail(ber_sockbuf_add_io, -1, {.nth = nth, .error = ENOMEM});
 
-    expectError(thrownBy<BaseError>([] { Session(plainUrl(), false, false); }), LDAP_NO_MEMORY,
-        "ber_sockbuf_add_io"_s, ENOMEM);
-    EXPECT_EQ(recorder.count("ldap_set_option"), 0U);
-    EXPECT_EQ(recorder.count("ldap_destroy"), 1U);
+        expectError(thrownBy<BaseError>([] { Session(plainUrl(), false, false); }), LDAP_NO_MEMORY,
+            "ber_sockbuf_add_io"_s, ENOMEM);
+        EXPECT_EQ(recorder.count("ldap_set_option"), 0U);
+        EXPECT_EQ(recorder.count("ldap_destroy"), 1U);
+    }
 }
 
 TEST(SessionCreation, StopsAtTheFirstOptionThatFails)

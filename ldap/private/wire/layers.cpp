@@ -1,0 +1,206 @@
+#include "ldap/private/wire/layers.h"
+
+#include <ldap/error.h>
+#include <ldap/private/wire/frame_watch.h>
+#include <ldap/private/wire/socket_stream.h>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <new>
+
+// The client library's lock on the connections of a handle and its duplicates (ld_conn_mutex) is held while it
+// connects, writes, reads and closes, whichever thread does, and so by every caller of the functions below; but
+// not during the handshake of StartTLS, when a session has no search yet. The number of the socket can be read
+// without that lock, so it is taken back before it is closed.
+namespace tavo::ldap {
+
+namespace {
+
+/// Just above the client library's own access to the socket, and below TLS.
+constexpr int kSocketLevel = LBER_SBIOD_LEVEL_PROVIDER + 1;
+constexpr int kWatchLevel = LBER_SBIOD_LEVEL_APPLICATION;
+constexpr ber_socket_t kNoSocket = -1;
+
+ber_socket_t socketOf(Sockbuf* connection) noexcept
+{
+    ber_socket_t socket = kNoSocket;
+    ber_sockbuf_ctrl(connection, LBER_SB_OPT_GET_FD, &socket);
+    return socket;
+}
+
+/// What the layer keeps about its connection. A layer whose setup found no memory stays where it is, without.
+template <class State>
+int makeState(Sockbuf_IO_Desc* layer, void*) noexcept
+{
+    layer->sbiod_pvt = new (std::nothrow) State;
+    if (layer->sbiod_pvt == nullptr) {
+        errno = ENOMEM;
+        return -1;
+    }
+    return 0;
+}
+
+template <class State>
+State* stateOf(const Sockbuf_IO_Desc* layer) noexcept
+{
+    if (layer->sbiod_pvt == nullptr) {
+        errno = ENOMEM;
+    }
+    return static_cast<State*>(layer->sbiod_pvt);
+}
+
+template <class State>
+int deleteState(Sockbuf_IO_Desc* layer) noexcept
+{
+    delete static_cast<State*>(layer->sbiod_pvt);
+    layer->sbiod_pvt = nullptr;
+    return 0;
+}
+
+ber_slen_t readSocket(Sockbuf_IO_Desc* layer, void* buffer, ber_len_t size) noexcept
+{
+    auto* const stream = stateOf<SocketStream>(layer);
+    return stream == nullptr ? -1 : stream->read(socketOf(layer->sbiod_sb), static_cast<char*>(buffer), size);
+}
+
+ber_slen_t writeSocket(Sockbuf_IO_Desc* layer, void* data, ber_len_t size) noexcept
+{
+    auto* const stream = stateOf<SocketStream>(layer);
+    return stream == nullptr
+               ? -1
+               : stream->write(socketOf(layer->sbiod_sb), {static_cast<const char*>(data), size});
+}
+
+/// The client library asks whether there are bytes before it waits for the socket.
+int controlSocket(Sockbuf_IO_Desc* layer, int option, void* argument) noexcept
+{
+    const auto* const stream = static_cast<const SocketStream*>(layer->sbiod_pvt);
+    if (option == LBER_SB_OPT_DATA_READY && stream != nullptr && stream->hasBytes()) {
+        return 1;
+    }
+    return LBER_SBIOD_CTRL_NEXT(layer, option, argument);
+}
+
+/// Leaves the layers below, which are closed next, no socket to close.
+int closeSocket(Sockbuf_IO_Desc* layer) noexcept
+{
+    if (auto* const stream = static_cast<SocketStream*>(layer->sbiod_pvt)) {
+        stream->reset();
+    }
+    const ber_socket_t socket = socketOf(layer->sbiod_sb);
+    if (socket == kNoSocket) {
+        return 0;
+    }
+    ber_socket_t none = kNoSocket;
+    ber_sockbuf_ctrl(layer->sbiod_sb, LBER_SB_OPT_SET_FD, &none);
+    // The connection ends now, also if a forked child has the socket, too.
+    shutdown(socket, SHUT_RDWR);
+    close(socket);
+    return 0;
+}
+
+ber_slen_t readWatched(Sockbuf_IO_Desc* layer, void* buffer, ber_len_t size) noexcept
+{
+    auto* const watch = stateOf<FrameWatch>(layer);
+    if (watch == nullptr) {
+        return -1;
+    }
+    const ber_slen_t count = LBER_SBIOD_READ_NEXT(layer, buffer, size);
+    if (count > 0 && !watch->admits({static_cast<const char*>(buffer), static_cast<std::size_t>(count)})) {
+        errno = EPROTO;
+        return -1;
+    }
+    return count;
+}
+
+/// Wipes what is written. The client library frees requests as they are, and a bind's password would stay in
+/// the process.
+ber_slen_t writeAndWipe(Sockbuf_IO_Desc* layer, void* data, ber_len_t size) noexcept
+{
+    const ber_slen_t count = LBER_SBIOD_WRITE_NEXT(layer, data, size);
+    if (count > 0) {
+        explicit_bzero(data, static_cast<std::size_t>(count));
+    }
+    return count;
+}
+
+int passControl(Sockbuf_IO_Desc* layer, int option, void* argument) noexcept
+{
+    return LBER_SBIOD_CTRL_NEXT(layer, option, argument);
+}
+
+int closeWatch(Sockbuf_IO_Desc* layer) noexcept
+{
+    if (auto* const watch = static_cast<FrameWatch*>(layer->sbiod_pvt)) {
+        watch->reset();
+    }
+    return 0;
+}
+
+Sockbuf_IO& socketLayer()
+{
+    static Sockbuf_IO layer{
+        .sbi_setup = &makeState<SocketStream>,
+        .sbi_remove = &deleteState<SocketStream>,
+        .sbi_ctrl = &controlSocket,
+        .sbi_read = &readSocket,
+        .sbi_write = &writeSocket,
+        .sbi_close = &closeSocket,
+    };
+    return layer;
+}
+
+Sockbuf_IO& watchLayer()
+{
+    static Sockbuf_IO layer{
+        .sbi_setup = &makeState<FrameWatch>,
+        .sbi_remove = &deleteState<FrameWatch>,
+        .sbi_ctrl = &passControl,
+        .sbi_read = &readWatched,
+        .sbi_write = &writeAndWipe,
+        .sbi_close = &closeWatch,
+    };
+    return layer;
+}
+
+/// \return 0, or below 0 with `errno`
+int addBoth(Sockbuf* connection) noexcept
+{
+    const int added = ber_sockbuf_add_io(connection, &socketLayer(), kSocketLevel, nullptr);
+    return added != 0 ? added : ber_sockbuf_add_io(connection, &watchLayer(), kWatchLevel, nullptr);
+}
+
+/// Called with each connection that has come about, under the lock. Newer client libraries (2.6.10) free all
+/// layers of a connection whose TLS handshake fails, these included, before the next attempt.
+int restoreLayers(LDAP*, LDAPURLDesc**, LDAPURLDesc**, void* connection) noexcept
+{
+    auto* const sockbuf = static_cast<Sockbuf*>(connection);
+    if (ber_sockbuf_ctrl(sockbuf, LBER_SB_OPT_HAS_IO, &socketLayer()) == 0 && addBoth(sockbuf) != 0) {
+        // The client library takes no answer from here; without them the connection is of no use.
+        shutdown(socketOf(sockbuf), SHUT_RDWR);
+    }
+    return LDAP_SUCCESS;
+}
+
+} // namespace
+
+void addLayers(LDAP* ld)
+{
+    Sockbuf* connection = nullptr;
+    const int rc = ldap_get_option(ld, LDAP_OPT_SOCKBUF, &connection);
+    if (rc != LDAP_OPT_SUCCESS) {
+        throw BaseError(rc, QStringLiteral("get LDAP_OPT_SOCKBUF"), 0);
+    }
+    const int added = addBoth(connection);
+    const int systemError = errno;
+    if (added != 0) {
+        throw BaseError(LDAP_NO_MEMORY, QStringLiteral("ber_sockbuf_add_io"), systemError);
+    }
+    ldap_set_urllist_proc(ld, &restoreLayers, connection);
+}
+
+} // namespace tavo::ldap

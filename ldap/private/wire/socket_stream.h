@@ -1,0 +1,50 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <array>
+#include <cstddef>
+#include <memory>
+#include <string_view>
+
+namespace tavo::ldap {
+
+/// The bytes of one connection, as they pass its socket: reads ahead, and writes without raising SIGPIPE.
+///
+/// The client library asks for a message in two reads of a few bytes. Below TLS they are read in large pieces;
+/// the piece is handed on as it is asked for.
+///
+/// Not thread-safe.
+class SocketStream
+{
+public:
+    /// Like read(2): waits for the first byte, unless the socket is non-blocking.
+    /// \return the number of bytes, 0 at the end of the stream; below 0 with `errno`
+    ssize_t read(int socket, char* to, std::size_t size) noexcept;
+
+    /// Like write(2). The first bytes of a TLS handshake are refused (`EPROTO`) when the server has already
+    /// sent some: they came in the clear, and a man in the middle may have put them there.
+    /// \return the number of bytes, which may be less than `bytes` has; below 0 with `errno`
+    ssize_t write(int socket, std::string_view bytes) noexcept;
+
+    /// Whether the next read has bytes without asking the socket.
+    bool hasBytes() const noexcept { return m_begin != m_end; }
+
+    /// The connection has ended: what has been read ahead is dropped, and the next one begins.
+    void reset() noexcept;
+
+private:
+    static constexpr std::size_t kCapacity = 64 * 1024;
+
+    bool mayStartTls(int socket) const noexcept;
+
+    /// None before the first byte is read.
+    std::unique_ptr<std::array<char, kCapacity>> m_buffer;
+    std::size_t m_begin = 0;
+    std::size_t m_end = 0;
+    /// What is left of the request that is being written.
+    std::size_t m_unwritten = 0;
+    bool m_isEncrypted = false;
+};
+
+} // namespace tavo::ldap

@@ -1,0 +1,146 @@
+#include "support/ldap_messages.h"
+#include <ldap/private/wire/frame_watch.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tavo::ldap {
+
+namespace {
+
+using test::berNumber;
+using test::Bytes;
+using test::tlv;
+
+constexpr unsigned kEnumerated = 0x0a;
+constexpr unsigned kMessage = 0x30;
+constexpr unsigned kText = 0x04;
+constexpr unsigned kExtendedResponse = 0x78;
+constexpr unsigned kSearchEntry = 0x64;
+constexpr unsigned kName = 0x8a;
+constexpr unsigned kReferral = 0xa3;
+
+const Bytes kZero = berNumber(0);
+const Bytes kResult = berNumber(52, kEnumerated) + tlv(kText, "") + tlv(kText, "going down");
+
+Bytes message(const Bytes& id, const Bytes& operation) { return tlv(kMessage, id + operation); }
+
+Bytes notification(const Bytes& rest, const Bytes& id = kZero)
+{
+    return message(id, tlv(kExtendedResponse, kResult + rest));
+}
+
+const Bytes kEntry = message(berNumber(7), tlv(kSearchEntry, tlv(kText, std::string(300, 'x'))));
+const Bytes kGoodNotice = notification(tlv(kName, "1.3.6.1.4.1.1466.20036"));
+const Bytes kFatal = notification(tlv(kName, ""));
+
+bool isAdmitted(std::string_view bytes)
+{
+    FrameWatch watch;
+    return watch.admits(bytes);
+}
+
+/// How many of the bytes are admitted when they come one by one.
+std::size_t admittedOneByOne(std::string_view bytes)
+{
+    FrameWatch watch;
+    std::size_t count = 0;
+    while (count < bytes.size() && watch.admits(bytes.substr(count, 1))) {
+        ++count;
+    }
+    return count;
+}
+
+TEST(FrameWatch, AdmitsAnswersAndNoticesWithANameOrNone)
+{
+    const Bytes stream = kEntry + kGoodNotice + notification("") + notification(tlv(0x8b, "")) +
+                         notification(tlv(kReferral, tlv(kText, "ldap://a/"))) +
+                         message(berNumber(70000), tlv(kSearchEntry, "")) + kEntry;
+
+    EXPECT_TRUE(isAdmitted(stream));
+    EXPECT_EQ(admittedOneByOne(stream), stream.size());
+}
+
+TEST(FrameWatch, RefusesTheLastByteOfANoticeWithAnEmptyName)
+{
+    for (const Bytes& before : {Bytes(), kEntry, kGoodNotice + kEntry}) {
+        EXPECT_FALSE(isAdmitted(before + kFatal));
+        EXPECT_EQ(admittedOneByOne(before + kFatal), before.size() + kFatal.size() - 1);
+    }
+}
+
+TEST(FrameWatch, RefusesAnEmptyNameHoweverTheIdAndLengthsAreWritten)
+{
+    const Bytes operation = tlv(kExtendedResponse, kResult + tlv(kName, ""));
+    const Bytes longName = tlv(kExtendedResponse, kResult + Bytes("\x8a\x84\0\0\0\0", 6));
+    for (const Bytes& id : {Bytes("\x02\x00", 2), Bytes("\x02\x04\0\0\0\0", 6), Bytes("\x02\x81\x01\x00", 4),
+             Bytes("\x0a\x01\x00", 3), Bytes("\x02\x05\0\0\0\0\0", 7)}) {
+        EXPECT_FALSE(isAdmitted(message(id, operation))) << testing::PrintToString(id);
+        EXPECT_FALSE(isAdmitted(message(id, longName))) << testing::PrintToString(id);
+    }
+    const Bytes content = kZero + operation;
+    const auto size = static_cast<char>(content.size());
+    EXPECT_FALSE(isAdmitted(Bytes("\x30\x84\0\0\0", 5) + size + content));
+}
+
+TEST(FrameWatch, RefusesANoticeThatCannotBeRead)
+{
+    for (const Bytes& content : {Bytes(), Bytes("\x0a"), berNumber(0, kEnumerated), kResult + "\x8a",
+             kResult + Bytes("\x8a\x05"
+                             "12",
+                           4),
+             kResult + Bytes("\x1f\x8a\x00", 3), Bytes("\x0a\x84\x7f\xff\xff\xff", 6)}) {
+        EXPECT_FALSE(isAdmitted(message(kZero, tlv(kExtendedResponse, content))))
+            << testing::PrintToString(content);
+    }
+    EXPECT_FALSE(isAdmitted(message(Bytes("\x1f\x02\x01\x00", 4), tlv(kExtendedResponse, kResult))));
+}
+
+TEST(FrameWatch, RefusesANoticeThatNeverEnds)
+{
+    const Bytes start = Bytes("\x30\x84\x7f\xff\xff\xff", 6) + kZero + Bytes("\x78\x84\x7f\xff\xff\xf0", 6);
+    FrameWatch watch;
+    EXPECT_TRUE(watch.admits(start));
+    const std::string more(1024, 'x');
+    int count = 0;
+    while (watch.admits(more)) {
+        ASSERT_LT(++count, 64);
+    }
+    EXPECT_EQ(count, 63);
+}
+
+TEST(FrameWatch, KeepsNothingOfOtherMessages)
+{
+    // Its length is that of a page of 100 MB; only the start of it comes.
+    FrameWatch watch;
+    EXPECT_TRUE(watch.admits(Bytes("\x30\x84\x06\x00\x00\x00\x02\x01\x05", 9)));
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_TRUE(watch.admits(kFatal));
+    }
+}
+
+TEST(FrameWatch, LeavesWhatNobodyCanReadToTheClientLibrary)
+{
+    for (const Bytes& whole : {message(kZero, ""), tlv(kMessage, "id"), message(kZero, "\x78\x80")}) {
+        EXPECT_TRUE(isAdmitted(whole)) << testing::PrintToString(whole);
+    }
+    for (const Bytes& start : {Bytes("HTTP/1.1 400"), Bytes("\x30\x80", 2), Bytes("\x30\x00", 2),
+             Bytes("\x30\x89\1\1\1\1\1\1\1\1\1", 11)}) {
+        EXPECT_TRUE(isAdmitted(start + kFatal)) << testing::PrintToString(start);
+    }
+}
+
+TEST(FrameWatch, BeginsAnewWithEachConnection)
+{
+    FrameWatch watch;
+    EXPECT_TRUE(watch.admits(kEntry.substr(0, 20)));
+    watch.reset();
+    EXPECT_FALSE(watch.admits(kFatal));
+}
+
+} // namespace
+
+} // namespace tavo::ldap
