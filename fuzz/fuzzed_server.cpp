@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <stdexcept>
 #include <utility>
 
@@ -34,6 +35,8 @@ char* __real_ldap_first_attribute(LDAP* handle, LDAPMessage* entry, BerElement**
 char* __wrap_ldap_first_attribute(LDAP* handle, LDAPMessage* entry, BerElement** element);
 void __real_ber_free(BerElement* element, int freesBuffer);
 void __wrap_ber_free(BerElement* element, int freesBuffer);
+ssize_t __wrap_recv(int socket, void* buffer, std::size_t size, int flags);
+ssize_t __wrap_send(int socket, const void* data, std::size_t size, int flags);
 
 int __wrap_ldap_initialize(LDAP** handle, const char*) { return tavo::fuzz::FuzzedServer::connect(handle); }
 
@@ -50,6 +53,17 @@ void __wrap_ber_free(BerElement* element, int freesBuffer)
 {
     tavo::fuzz::FuzzedServer::drop(element);
     __real_ber_free(element, freesBuffer);
+}
+
+// The library reads and writes its socket itself.
+ssize_t __wrap_recv(int, void* buffer, std::size_t size, int flags)
+{
+    return tavo::fuzz::FuzzedServer::received(static_cast<char*>(buffer), size, (flags & MSG_PEEK) != 0);
+}
+
+ssize_t __wrap_send(int, const void* data, std::size_t size, int)
+{
+    return tavo::fuzz::FuzzedServer::sent({static_cast<const char*>(data), size});
 }
 
 // The client library itself calls these, too, so the loader replaces them for every caller. libldap leaks
@@ -127,23 +141,6 @@ Bytes addressed(Bytes message, std::int64_t messageId)
     }
 }
 
-/// The bytes without unsolicited notices of an empty name (tag 0x8a), on which libldap aborts the process:
-/// no caller can prevent that.
-Bytes withoutEmptyNames(Bytes bytes)
-{
-    constexpr char kName = static_cast<char>(0x8a);
-    for (std::size_t at = bytes.find(kName); at != Bytes::npos; at = bytes.find(kName, at + 1)) {
-        const auto first = at + 1 < bytes.size() ? static_cast<unsigned char>(bytes[at + 1]) : 0U;
-        const std::size_t lengthBytes = first > 0x80U ? first - 0x80U : 0;
-        const Bytes length = bytes.substr(std::min(at + 2, bytes.size()), lengthBytes);
-        const bool isZero = lengthBytes == 0 ? first == 0 : length.find_first_not_of('\0') == Bytes::npos;
-        if (isZero) {
-            bytes[at] = 0;
-        }
-    }
-    return bytes;
-}
-
 std::size_t lengthOfFirst(std::string_view bytes)
 {
     try {
@@ -162,7 +159,6 @@ FuzzedServer::FuzzedServer(Speech speech, Answer answer)
     : m_speech(std::move(speech))
     , m_answer(std::move(answer))
 {
-    m_speech.bytes = withoutEmptyNames(std::move(m_speech.bytes));
     require(s_current == nullptr, "one server at a time");
     s_current = this;
 }
@@ -254,6 +250,27 @@ void FuzzedServer::forgetResult(LDAPMessage* result)
 int FuzzedServer::control(Sockbuf_IO_Desc*, int option, void*)
 {
     return option == LBER_SB_OPT_DATA_READY ? 1 : 0;
+}
+
+ssize_t FuzzedServer::received(char* buffer, std::size_t size, bool isPeeking)
+{
+    require(s_current != nullptr, "there is a server");
+    if (!isPeeking) {
+        return static_cast<ssize_t>(s_current->send(buffer, size));
+    }
+    if (s_current->m_sending.empty()) {
+        errno = EAGAIN;
+        return -1;
+    }
+    *buffer = s_current->m_sending.front();
+    return 1;
+}
+
+ssize_t FuzzedServer::sent(std::string_view bytes)
+{
+    require(s_current != nullptr, "there is a server");
+    s_current->receive(bytes);
+    return static_cast<ssize_t>(bytes.size());
 }
 
 ber_slen_t FuzzedServer::read(Sockbuf_IO_Desc* layer, void* buffer, ber_len_t size)

@@ -65,6 +65,10 @@ public:
     static void keep(BerElement* element);
     static void drop(BerElement* element);
 
+    /// What the library receives from its socket, and what it sends.
+    static ssize_t received(char* buffer, std::size_t size, bool isPeeking);
+    static ssize_t sent(std::string_view bytes);
+
     /// Tracks a result from when the client library returns it until it is freed.
     static void noteResult(LDAPMessage* result);
     static void forgetResult(LDAPMessage* result);
