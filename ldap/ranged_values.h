@@ -29,7 +29,7 @@ struct ValueRange
 
 /// Puts together an attribute that a server sends in ranges.
 ///
-/// Active Directory does so from 1,500 values on: an entry then has `member` without values, and the first of
+/// Active Directory does so beyond 1,500 values: an entry then has `member` without values, and the first of
 /// them under `member;range=0-1499`. The next are had by asking the entry for `member;range=1500-*`.
 ///
 ///     RangedValues members(u"member"_qs);

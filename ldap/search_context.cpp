@@ -91,6 +91,11 @@ SearchContext::~SearchContext()
 {
     callFromDestructor(log::tag(*this), [this] { stopAsyncSearch(); });
     if (runsOnThisThread()) {
+        {
+            // The caller's report may own what its destruction ends, a session even.
+            const search_threads::NotAwaited whileReleasing;
+            m_params.reset();
+        }
         // Others may wait for this thread from now on, so it must have nothing more to log.
         m_ldap.reset();
         search_threads::joinLater(std::move(m_asyncSearch));
@@ -166,21 +171,21 @@ void SearchContext::asyncSearch(SearchHandler handler, int pageSize)
         if (!isAsyncSearchRunning()) {
             giveUpTurn();
         }
-        // By design: a refused start reads as an empty result, not as an error; but not as a complete one.
-        const bool mustBeComplete = m_params->completeness == Completeness::required;
-        if (m_params->report) {
+        // The report of a search that was started before is that search's, whose thread may be filling it.
+        if (m_params->report && !m_asyncSearch.valid()) {
             *m_params->report = SearchReport();
-            m_params->report->ldapCode = mustBeComplete ? LDAP_SIZELIMIT_EXCEEDED : LDAP_SUCCESS;
+            m_params->report->ldapCode =
+                resultOfRefusedStart() == Result::ok ? LDAP_SUCCESS : LDAP_SIZELIMIT_EXCEEDED;
             m_params->report->loss = SearchReport::Loss::refusedStart;
             m_params->report->lossDetail = QStringLiteral("The page size is below 1.");
         }
-        handler(mustBeComplete ? Result::sizeLimitExceeded : Result::ok, {});
+        handler(resultOfRefusedStart(), {});
         return;
     }
     // A handler that has stopped its own search still runs on that search's thread.
     if (isAsyncSearchRunning() || runsOnThisThread()) {
         assertFailure(positions::searchAlreadyRunning, "!isAsyncSearchRunning()");
-        handler(Result::ok, {});
+        handler(resultOfRefusedStart(), {});
         return;
     }
     // The thread of an earlier, stopped search may need the mutex to end.
@@ -228,6 +233,12 @@ void SearchContext::readPages(int pageSize)
         reportBrokenOff("it is of no known type");
         throw;
     }
+}
+
+/// By design: a refused start reads as an empty result, not as an error; but not as a complete one.
+Result SearchContext::resultOfRefusedStart() const
+{
+    return m_params->completeness == Completeness::required ? Result::sizeLimitExceeded : Result::ok;
 }
 
 bool SearchContext::isAsyncSearchRunning() const { return static_cast<bool>(*m_handler.lock()); }

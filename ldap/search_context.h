@@ -61,7 +61,7 @@ public:
     ///
     /// The context must be owned by a `std::shared_ptr`. A page size below 1, or a second start while the
     /// first runs, is reported as an assertion failure; `handler` then gets `Result::ok` without entries at
-    /// once, on this thread.
+    /// once, on this thread; with `Completeness::required` it gets `Result::sizeLimitExceeded`.
     ///
     /// Waits for the thread of an earlier search of this context, which may still wait for its server. The
     /// paged searches of one session's contexts and of the session itself take turns, in the order of their
@@ -92,6 +92,7 @@ private:
 
     TAVO_LDAP_NO_EXPORT std::vector<SearchEntry> findEntries(SearchReport& report) const;
     TAVO_LDAP_NO_EXPORT void stopAsyncSearch(SearchReport report, std::vector<SearchEntry> entries);
+    TAVO_LDAP_NO_EXPORT Result resultOfRefusedStart() const;
     TAVO_LDAP_NO_EXPORT void readPages(int pageSize);
     TAVO_LDAP_NO_EXPORT void reportBrokenOff(const char* reason);
 

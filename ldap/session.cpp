@@ -85,10 +85,13 @@ void Session::startTls()
     const auto [rc, systemError] =
         callClient([&] { return ldap_start_tls_s(m_ldap.get(), nullptr, nullptr); });
     if (rc != LDAP_SUCCESS) {
-        if (isPlain) {
-            // Or a bind that is tried all the same would send its password to whoever has spoilt the upgrade.
-            refusePlainConnections(m_ldap.get());
-        }
+        // Or a bind that is tried all the same would send its password to whoever has spoilt the upgrade. Once
+        // the error is explained, which takes the URL that was tried.
+        const utils::ScopeGuard refuse([&] {
+            if (isPlain) {
+                refusePlainConnections(m_ldap.get());
+            }
+        });
         throwFailure(rc, systemError, QStringLiteral("startTls"));
     }
 }

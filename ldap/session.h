@@ -108,7 +108,8 @@ public:
     /// connection.
     /// \param handler called on the search's thread: with `Result::moreResults` for each full page of
     ///        several, and once at the end with any other result
-    /// \param pageSize entries per page; below 1 the handler gets `Result::ok` and nothing, on this thread
+    /// \param pageSize entries per page; below 1 the handler gets `Result::ok` and nothing, on this thread;
+    ///        with `Completeness::required` it gets `Result::sizeLimitExceeded`
     /// \return what `stopAsyncSearch` takes; owned by the session, for no other use
     /// \throws BaseError when the handle can't be duplicated, or (LDAP_USER_CANCELLED) in a handler whose
     ///         session is being destroyed; std::system_error when no thread can be had. The handler is then

@@ -1,10 +1,9 @@
 #include "ldap/utils.h"
 
+#include <ldap/private/client_call.h>
 #include <ldap/private/client_library.h>
 
 #include <ldap.h>
-
-#include <cerrno>
 
 namespace tavo::ldap {
 
@@ -13,8 +12,8 @@ bool isLdapsUrl(const utils::Url& url) { return ldap_is_ldaps_url(url.toStdStrin
 void enableOpenldapDebugOutput(int level)
 {
     setUpGlobalOptions();
-    const int rc = ldap_set_option(nullptr, LDAP_OPT_DEBUG_LEVEL, &level);
-    const int systemError = errno;
+    const auto [rc, systemError] =
+        callClient([&] { return ldap_set_option(nullptr, LDAP_OPT_DEBUG_LEVEL, &level); });
     if (rc != LDAP_OPT_SUCCESS) {
         throw BaseError(rc, QStringLiteral("enable LDAP debug output"), systemError);
     }

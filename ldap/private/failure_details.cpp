@@ -30,22 +30,28 @@ QString openSslText(unsigned long error)
     return QString::fromUtf8(text.data());
 }
 
-/// Whether a text holds what was sent: the password as UTF-8, which has no lone surrogates.
+/// Whether a text holds what was sent: the password as UTF-8, which has no lone surrogates. The client library's
+/// texts end at a NUL, so of a password with one they hold what is before it.
 bool contains(const QString& text, const QString& secret)
 {
-    return !secret.isEmpty() && text.contains(QString::fromUtf8(secret.toUtf8()));
+    const QByteArray sent = secret.toUtf8();
+    const QString shown = QString::fromUtf8(sent.constData());
+    return !shown.isEmpty() && text.contains(shown);
 }
 
+/// The error gets the texts once they are known to be harmless: looking may run out of memory.
 void addServersWords(BaseError& error, LDAP* ld, const QString& secret)
 {
-    error.serverMessage = textOption(ld, LDAP_OPT_DIAGNOSTIC_MESSAGE);
-    if (contains(error.serverMessage, secret)) {
-        error.serverMessage = QStringLiteral("(withheld: the text contains the password)");
+    QString message = textOption(ld, LDAP_OPT_DIAGNOSTIC_MESSAGE);
+    if (contains(message, secret)) {
+        message = QStringLiteral("(withheld: the text contains the password)");
     }
-    error.matchedDn = textOption(ld, LDAP_OPT_MATCHED_DN);
-    if (contains(error.matchedDn, secret)) {
-        error.matchedDn.clear();
+    QString matchedDn = textOption(ld, LDAP_OPT_MATCHED_DN);
+    if (contains(matchedDn, secret)) {
+        matchedDn.clear();
     }
+    error.serverMessage = std::move(message);
+    error.matchedDn = std::move(matchedDn);
 }
 
 /// The codes with which the client library reports that there is no connection. For others its text may be

@@ -18,7 +18,7 @@ void clearFailureDetails(LDAP* ld);
 /// \param secret what a hostile server may send back; a text that contains it literally is withheld
 void addFailureDetails(BaseError& error, LDAP* ld, bool isSecure, const QString& secret = {});
 
-/// Whether the handle's connection speaks TLS, or will.
+/// Whether the handle's connection speaks TLS, or will by its URL.
 bool isSecure(LDAP* ld);
 
 /// Makes the report of a search that an error has ended; a loss stays in it.

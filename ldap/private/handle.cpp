@@ -24,8 +24,7 @@ void initialize(LdapHandle& handle, const utils::Url& url)
 {
     const std::string text = url.toStdString();
     LDAP* ld = nullptr;
-    const int rc = ldap_initialize(&ld, text.c_str());
-    const int systemError = errno;
+    const auto [rc, systemError] = callClient([&] { return ldap_initialize(&ld, text.c_str()); });
     handle.reset(ld);
     if (rc != LDAP_SUCCESS) {
         throw BaseError(rc, QStringLiteral("init"), systemError);
@@ -70,12 +69,15 @@ LdapHandle createHandle(const utils::Url& url, bool isSecure, bool ignoreCertifi
 
 LdapHandle duplicateHandle(LDAP* ld)
 {
-    LDAP* duplicate = ldap_dup(ld);
-    const int systemError = errno;
-    if (duplicate == nullptr) {
-        throw BaseError(LDAP_NO_MEMORY, QStringLiteral("ldap_dup"), systemError);
+    LdapHandle duplicate(nullptr, &destroyHandle);
+    const auto [rc, systemError] = callClient([&] {
+        duplicate.reset(ldap_dup(ld));
+        return duplicate ? LDAP_SUCCESS : LDAP_NO_MEMORY;
+    });
+    if (rc != LDAP_SUCCESS) {
+        throw BaseError(rc, QStringLiteral("ldap_dup"), systemError);
     }
-    return {duplicate, &destroyHandle};
+    return duplicate;
 }
 
 void destroyHandle(LDAP* ld)

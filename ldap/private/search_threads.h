@@ -53,8 +53,8 @@ private:
 /// about to end; `joinAnnounced` waits for it from now on. Does nothing on a thread that isn't a search's.
 void announceEnd();
 
-/// While it lives, nobody waits for the calling thread, though it has announced its end: it writes to the log
-/// after all, whose sink may need what a waiting thread holds.
+/// While it lives, nobody waits for the calling thread, though it has announced its end: it runs code of the
+/// caller's after all, such as the log's sink, which may need what a waiting thread holds.
 class NotAwaited
 {
 public:

@@ -68,7 +68,8 @@ QString refusalOfOne(const ServerUrl& url)
         return QStringLiteral(
             "the URL, or one of the list, doesn't begin with ldap://, ldaps:// or ldapi://");
     }
-    if (url.authority.contains(u'@')) {
+    const bool isPath = url.isLocal() && url.authority.startsWith(u'/');
+    if (!isPath && url.authority.contains(u'@')) {
         return QStringLiteral(
             "the URL holds a name or password, which LDAP URLs can't; give them to the bind instead");
     }

@@ -1,6 +1,7 @@
 #include "ldap/private/tls.h"
 
 #include <ldap/error.h>
+#include <ldap/private/client_call.h>
 #include <tavo_utils/scope_guard.h>
 
 #include <openssl/err.h>
@@ -18,8 +19,8 @@ namespace {
 void createTlsContext(LDAP* ld)
 {
     const int clientSide = 0;
-    const int rc = ldap_set_option(ld, LDAP_OPT_X_TLS_NEWCTX, &clientSide);
-    const int systemError = errno;
+    const auto [rc, systemError] =
+        callClient([&] { return ldap_set_option(ld, LDAP_OPT_X_TLS_NEWCTX, &clientSide); });
     if (rc != LDAP_OPT_SUCCESS) {
         throw BaseError(rc, QStringLiteral("set LDAP_OPT_X_TLS_NEWCTX"), systemError);
     }
@@ -204,8 +205,8 @@ private:
 void setUpTls(LDAP* ld, bool isSecure, bool ignoreCertificateErrors)
 {
     const int requireCertificate = ignoreCertificateErrors ? LDAP_OPT_X_TLS_NEVER : LDAP_OPT_X_TLS_HARD;
-    const int rc = ldap_set_option(ld, LDAP_OPT_X_TLS_REQUIRE_CERT, &requireCertificate);
-    const int systemError = errno;
+    const auto [rc, systemError] =
+        callClient([&] { return ldap_set_option(ld, LDAP_OPT_X_TLS_REQUIRE_CERT, &requireCertificate); });
     if (rc != LDAP_OPT_SUCCESS) {
         throw BaseError(rc, QStringLiteral("set LDAP_OPT_X_TLS_REQUIRE_CERT"), systemError);
     }

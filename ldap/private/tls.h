@@ -4,8 +4,8 @@
 
 namespace tavo::ldap {
 
-/// Sets how strictly the handle verifies certificates, and gives it a TLS context of its own that does so,
-/// and is otherwise what the host has configured.
+/// Sets how strictly the handle verifies certificates, and gives it a TLS context of its own that does so.
+/// When its connection is secure, the context is otherwise what the host has configured.
 /// \param isSecure whether the handle's connection uses TLS from the first byte
 /// \throws BaseError
 void setUpTls(LDAP* ld, bool isSecure, bool ignoreCertificateErrors);

@@ -12,10 +12,13 @@ const QString kQuotedSource = QStringLiteral("; source was \"");
 /// What may be shown of a text that could not be parsed: nothing before its last "@", escaped or not.
 QString textWithoutUserInfo(const QString& text)
 {
-    const QString escaped = QStringLiteral("%40");
-    const qsizetype at = text.lastIndexOf(u'@') + 1;
-    const qsizetype escapedAt = text.lastIndexOf(escaped);
-    return text.mid(escapedAt < 0 ? at : std::max(at, escapedAt + escaped.size()));
+    qsizetype begin = 0;
+    // Also escaped, once or twice, and in the forms that stand for it in a host's name.
+    for (const QStringView at : {u"@", u"%40", u"%2540", u"\uff20", u"\ufe6b"}) {
+        const qsizetype last = text.lastIndexOf(at);
+        begin = last < 0 ? begin : std::max(begin, last + at.size());
+    }
+    return text.mid(begin);
 }
 
 /// Whether parsing this text gives an invalid URL like the one with this error.

@@ -9,6 +9,7 @@
 #include <tavo_utils/log.h>
 
 #include <gmock/gmock.h>
+#include <ldap.h>
 
 #include <link.h>
 
@@ -144,9 +145,11 @@ using ldap::User;
 
 using ::testing::AnyOf;
 using ::testing::Contains;
+using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 
 /// Runs the library's code in the middle of the test's.
 template <class Function>
@@ -388,6 +391,46 @@ TEST_F(EveryAllocation, MayFailAndTheFetchEndsAtMostOnceAndNeverLooksComplete)
             EXPECT_EQ(fetch.outcome().finalCalls, finalCalls);
             EXPECT_EQ(finalCalls.size(), isStarted ? 1U : 0U);
         }
+    }
+}
+
+/// The error of a bind that the server refuses with the password in its text, and what is logged.
+std::vector<std::string> wordsOfARefusedBind(const ScriptedServer& server, Lines& log)
+{
+    ldap::Session session(utils::Url(QString::fromStdString(server.url())), false, false);
+    const QString dn = QStringLiteral("cn=admin");
+    const QString password = QStringLiteral("c4nary");
+    log.take();
+    std::string message;
+    try {
+        inLibrary([&] { session.bind(dn, password); });
+    } catch (const ldap::BaseError& error) {
+        message = error.serverMessage.toStdString() + error.matchedDn.toStdString();
+    } catch (const std::bad_alloc&) {
+    }
+    allocationsLeft = 0;
+    std::vector<std::string> words = log.take();
+    words.push_back(message);
+    return words;
+}
+
+TEST_F(EveryAllocation, MayFailAndAPasswordInTheServersTextIsWithheld)
+{
+    server.otherwise([](const Request&) -> Steps {
+        exempt = 1;
+        return result(LDAP_INVALID_CREDENTIALS).diagnostic("you said c4nary").matched("cn=c4nary");
+    });
+    Lines log;
+    allocationsLeft = 0;
+    wordsOfARefusedBind(server, log);
+    startCounting();
+    EXPECT_THAT(wordsOfARefusedBind(server, log), Contains(HasSubstr("withheld")));
+    const long allocations = counted(5);
+
+    for (long nth = 1; nth <= allocations; ++nth) {
+        SCOPED_TRACE("allocation " + std::to_string(nth));
+        allocationsLeft = nth;
+        EXPECT_THAT(wordsOfARefusedBind(server, log), Each(Not(HasSubstr("c4nary"))));
     }
 }
 

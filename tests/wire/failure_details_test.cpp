@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <ldap.h>
 
+#include <cerrno>
 #include <string>
 #include <vector>
 
@@ -148,6 +149,34 @@ TEST_F(FailureDetails, NameNoUserOfAnotherUrlOfTheList)
     EXPECT_THAT(utf8(error.connectFailure.address), Not(HasSubstr("secret")));
     EXPECT_THAT(log.texts(log::Level::debug), Each(Not(HasSubstr("secret"))));
     noTls.takeProblems();
+}
+
+TEST_F(FailureDetails, NameTheUrlWhoseStartTlsFailed)
+{
+    server.expectExtended(kStartTlsOid).answer(success(), awaitRawInput(), raw("no TLS here\r\n\r\n"));
+
+    const auto error = thrownBy<BaseError>([&] { Session(urlOf(server), true, true); });
+
+    EXPECT_EQ(error.connectFailure.kind, ConnectFailure::Kind::tls);
+    EXPECT_EQ(utf8(error.connectFailure.address), server.url());
+}
+
+TEST_F(FailureDetails, WithholdWhatPrecedesANulInThePassword)
+{
+    server.expectBind().answer(result(LDAP_INVALID_CREDENTIALS).diagnostic("you said secret!"));
+
+    const auto error = refusedBind(std::string("secret\0x", 8));
+
+    EXPECT_THAT(utf8(error.serverMessage), Not(HasSubstr("secret")));
+}
+
+TEST_F(FailureDetails, GiveNoReasonOfAnEarlierCallForAUrlThatIsRefused)
+{
+    errno = EPIPE;
+    const auto error =
+        thrownBy<BaseError>([] { Session(utils::Url(QStringLiteral("ldap://joe:se/cret")), false, false); });
+
+    EXPECT_EQ(error.systemError, 0);
 }
 
 TEST_F(FailureDetails, OfAListNeverSendInTheClearWhatStartTlsProtects)

@@ -252,6 +252,57 @@ TEST_F(ReportedSearch, ReadsNoRefusedStartAsACompleteList)
     EXPECT_TRUE(report->isIncomplete());
 }
 
+TEST_F(ReportedSearch, ReadsNoSecondStartAsACompleteListNorItsReport)
+{
+    const Gate mayAnswer;
+    server.expectSearch().answer(waitFor(mayAnswer), done(LDAP_BUSY));
+    const std::shared_ptr<ldap::SearchContext> context =
+        session.createSearchContext(params(Completeness::required));
+    HandlerCalls first;
+    HandlerCalls second;
+    HandlerCalls third;
+    context->asyncSearch(first.handler(), 2);
+    server.waitForRequests(1);
+
+    context->asyncSearch(second.handler(), 2);
+    context->asyncSearch(third.handler(), 0);
+
+    EXPECT_THAT(resultsOf(second.waitForEnd()), ElementsAre(Result::sizeLimitExceeded));
+    EXPECT_THAT(resultsOf(third.waitForEnd()), ElementsAre(Result::sizeLimitExceeded));
+    EXPECT_EQ(report->loss, Loss::none) << "the report is the first search's";
+    mayAnswer.open();
+    first.waitForEnd();
+    EXPECT_EQ(report->ldapCode, LDAP_BUSY);
+}
+
+/// What a host may hang on a report: it ends with it.
+struct Job
+{
+    std::unique_ptr<ldap::Session> session;
+    SearchReport report;
+};
+
+TEST_F(ReportedSearch, MayOwnTheSessionByItsReport)
+{
+    const Gate mayAnswer;
+    server.expectSearch().answer(waitFor(mayAnswer), done());
+    const Gate isGone;
+    {
+        auto job = std::shared_ptr<Job>(new Job, [isGone](Job* owned) {
+            delete owned;
+            isGone.open();
+        });
+        job->session = std::make_unique<ldap::Session>(urlOf(server), false, false);
+        ldap::SearchParams asked = below("dc=x");
+        asked.report = std::shared_ptr<SearchReport>(job, &job->report);
+        const std::shared_ptr<ldap::SearchContext> context = job->session->createSearchContext(asked);
+        context->asyncSearch([](Result, std::vector<ldap::SearchEntry>) {}, 2);
+        server.waitForRequests(1);
+    }
+    mayAnswer.open();
+    isGone.wait("the search's thread, the last owner, destroys the session");
+}
+
 TEST_F(ReportedSearch, LosesNoRangedValuesByTheCaseOfAName)
 {
     server.expectSearch().answer(

@@ -1,5 +1,7 @@
 #include "ldap/private/wire/socket_stream.h"
 
+#include <tavo_utils/system_error.h>
+
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -97,6 +99,7 @@ ssize_t SocketStream::write(int socket, std::string_view bytes) noexcept
 
 bool SocketStream::mayStartTls(int socket) const noexcept
 {
+    const utils::SystemErrorKeeper keepSystemError;
     char next = 0;
     return !hasBytes() && recv(socket, &next, 1, MSG_PEEK | MSG_DONTWAIT) <= 0;
 }

@@ -16,9 +16,9 @@ std::string refusal(const char* url) { return refusalOf(utils::Url(QString::from
 TEST(ServerUrl, IsAnyThatLeadsToAServerOfTheDirectory)
 {
     for (const char* const url : {"ldap://host", "LDAP://host:389", "ldaps://host/", "ldaps://[::1]:636",
-             "ldapi://", "ldapi:///", "ldapi://%2Frun%2Fldapi", "ldap://host/dc=x?uid?sub?(mail=a@b)",
-             "ldaps://a ldaps://b:636", "ldapi:// ldap://a", "ldap://a,ldap://b", " ldap://a",
-             "<ldap://host>", "URL:ldap://host", "ldap://host:port"}) {
+             "ldapi://", "ldapi:///", "ldapi://%2Frun%2Fldapi", "ldapi://%2Frun%2Fa%40b",
+             "ldap://host/dc=x?uid?sub?(mail=a@b)", "ldaps://a ldaps://b:636", "ldapi:// ldap://a",
+             "ldap://a,ldap://b", " ldap://a", "<ldap://host>", "URL:ldap://host", "ldap://host:port"}) {
         EXPECT_EQ(refusal(url), "") << url;
     }
 }
