@@ -51,6 +51,16 @@ TEST_F(NoticeOfDisconnection, MakesABindThrow)
     EXPECT_THROW(session.bind(QStringLiteral("cn=a"), QStringLiteral("b")), ldap::BaseError);
 }
 
+TEST_F(NoticeOfDisconnection, IsTheOnlyNoticeThatEndsAnything)
+{
+    const auto other = ResultMessage(0, Answer::extendedResponse).messageId(0).responseName("1.2.3");
+    server.expectBind().answer(other, success());
+    server.expectSearch().answer(together({entry("cn=a"), other, entry("cn=b"), done()}));
+
+    session.bind(QStringLiteral("cn=a"), QStringLiteral("b"));
+    EXPECT_EQ(session.simpleSearch(below("dc=x")).size(), 2U);
+}
+
 TEST_F(NoticeOfDisconnection, LeavesTheVendorUnknown)
 {
     server.expectSearch().answer(notice);

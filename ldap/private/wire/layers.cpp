@@ -111,6 +111,8 @@ ber_slen_t readWatched(Sockbuf_IO_Desc* layer, void* buffer, ber_len_t size) noe
     }
     const ber_slen_t count = LBER_SBIOD_READ_NEXT(layer, buffer, size);
     if (count > 0 && !watch->admits({static_cast<const char*>(buffer), static_cast<std::size_t>(count)})) {
+        // The client library keeps the socket of a connection that has failed while it has requests on it.
+        shutdown(socketOf(layer->sbiod_sb), SHUT_RDWR);
         errno = EPROTO;
         return -1;
     }
