@@ -289,7 +289,6 @@ TEST(Waits, ForAHandshakeAreBoundedByTheNetworkTimeoutOfNewLibldapOnly)
     waiting.start({"bind", "whoAmI", "simpleSearch", "search", "createManagerOrThrow", "testLdapConnection"},
         stalled.url("ldaps"), kTimeout);
     waiting.start({"startTls"}, stalledAfterStartTls.url(), kTimeout);
-    // Few, for a client library that isn't bounded is busy while it waits.
     Calls hasty;
     hasty.start({"bind"}, stalled.url("ldaps"), kNetworkTimeout);
     hasty.start({"startTls"}, stalledAfterStartTls.url(), kNetworkTimeout);
