@@ -1,12 +1,17 @@
 // One connection to a real server: TLS, bind, who-am-I, and what is said when it goes wrong.
 #include "directory_test.h"
 #include "support/assertion_capture.h"
+#include "support/gate.h"
+#include "support/ldap_messages.h"
+#include "support/tcp_relay.h"
 #include "support/test_ca.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <ldap.h>
 
 #include <csignal>
+#include <cstddef>
 #include <cstdlib>
 
 namespace tavo::ldap {
@@ -51,6 +56,34 @@ TEST(SessionTest, BindsWithADnAndAPassword)
     EXPECT_THAT(log.texts(log::Level::verbose),
         ElementsAre("Binding to [cn=admin,dc=example,dc=test]...", "Who am I?"));
     EXPECT_THAT(log.texts(log::Level::debug), ElementsAre("Bound to [cn=admin,dc=example,dc=test]"));
+}
+
+TEST(SessionTest, TakesNoAnswerThatCameInTheClearBeforeTls)
+{
+    TestCa ca;
+    const Slapd slapd(withTls(ca));
+    const test::Bytes text = test::tlv(0x04, "");
+    const test::Bytes success = test::berNumber(0, 0x0a) + text + text;
+    const auto answer = [&](unsigned tag) { return test::encodeMessage(2, test::tlv(tag, success), {}); };
+    constexpr std::size_t upgradeAnswer = 14;
+    constexpr std::size_t recordHeader = 5;
+
+    for (const std::size_t offset :
+        {std::size_t{0}, upgradeAnswer, upgradeAnswer + recordHeader, upgradeAnswer + 200}) {
+        SCOPED_TRACE(offset);
+        test::TcpRelay relay(slapd.port());
+        const test::Gate isInjected = relay.insert(
+            test::TcpRelay::Direction::toClient, test::TcpRelay::bytes(offset), answer(0x61) + answer(0x65));
+        try {
+            Session session(urlOf(relay.url()), true, true);
+            session.bind(qt(slapd.rootDn()), "not the password"_s);
+            ADD_FAILURE() << "an injected answer has counted";
+        } catch (const BaseError& error) {
+            // What comes before the answer to the upgrade answers nothing, and is dropped.
+            EXPECT_EQ(error.ldapCode == LDAP_INVALID_CREDENTIALS, offset == 0) << error.what();
+        }
+        isInjected.wait("the injected answers");
+    }
 }
 
 TEST(SessionTest, BindsAnonymouslyWithoutAnAssertionWhenBothAreEmpty)

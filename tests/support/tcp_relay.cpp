@@ -33,7 +33,8 @@ struct Rule
 {
     TcpRelay::Direction direction;
     TcpRelay::Point point;
-    std::variant<Gate, TcpRelay::Ending> what;
+    /// Held back until the gate opens, ended, or preceded by these bytes.
+    std::variant<Gate, TcpRelay::Ending, Bytes> what;
     std::optional<std::size_t> connection;
     Gate reached;
 };
@@ -411,6 +412,11 @@ bool TcpRelay::Engine::applyRule(const LinkPtr& link, const Way& w)
             return false;
         }
         reached.open();
+        if (const auto* bytes = std::get_if<Bytes>(&rule->what)) {
+            w.pipe.pending.insert(0, *bytes);
+            w.pipe.rules.erase(rule);
+            continue;
+        }
         const Gate gate = std::get<Gate>(rule->what);
         w.pipe.isHeld = !gate.isOpen();
         if (w.pipe.isHeld) {
@@ -523,6 +529,13 @@ Gate TcpRelay::cut(Direction direction, Point point, Ending ending, std::optiona
 {
     const Gate reached;
     m_engine->add({direction, point, ending, connection, reached});
+    return reached;
+}
+
+Gate TcpRelay::insert(Direction direction, Point point, std::string bytes)
+{
+    const Gate reached;
+    m_engine->add({direction, point, std::move(bytes), std::nullopt, reached});
     return reached;
 }
 

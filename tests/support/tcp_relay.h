@@ -19,7 +19,7 @@ namespace tavo::test {
 ///     reached.wait("the first 100 bytes");
 ///     goOn.open();
 ///
-/// A hold or a cut applies to the connections accepted after it was asked for. Every member may be called
+/// A hold, a cut or an insertion applies to the connections accepted after it was asked for. Every member may be called
 /// from any thread. The waits throw `std::runtime_error` when `kDeadline` passes.
 class TcpRelay
 {
@@ -72,7 +72,10 @@ public:
     Gate cut(Direction direction, Point point, Ending ending,
         std::optional<std::size_t> connection = std::nullopt);
 
-    /// Removes all holds and cuts for later connections.
+    /// Adds bytes at `point` of every connection, as a man in the middle would. Points behind it count them.
+    Gate insert(Direction direction, Point point, std::string bytes);
+
+    /// Removes all holds, cuts and insertions for later connections.
     void passEverything();
 
     /// The connections since the start, those still open, and the bytes forwarded in one direction on all.

@@ -53,6 +53,18 @@ TEST_F(RelayedServer, GetsAndGivesEveryByteUnchanged)
     EXPECT_EQ(relay.connections(), 1U);
 }
 
+TEST_F(RelayedServer, AddsBytesAtAPoint)
+{
+    answers(raw("abcd"));
+    const Gate isAdded = relay.insert(Direction::toClient, TcpRelay::bytes(2), "xyz");
+    const TcpClient client(relay.port());
+
+    client.send(kWhoAmI);
+
+    EXPECT_EQ(client.receive(7), "abxyzcd");
+    EXPECT_TRUE(isAdded.isOpen());
+}
+
 TEST_F(RelayedServer, SendsMoreThanAnyBufferHoldsToAClientThatReadsLate)
 {
     const Bytes big(8U << 20U, 'b');
