@@ -45,8 +45,7 @@ SearchResponse::SearchResponse(LDAP* ld, MessagePtr chain)
     , m_chain(std::move(chain))
 {}
 
-std::vector<SearchEntry> SearchResponse::entries(
-    const std::vector<QByteArray>& attributes, const std::vector<QByteArray>& rangedAttributes)
+std::vector<SearchEntry> SearchResponse::entries(AttributeNames& names)
 {
     std::vector<SearchEntry> entries;
     m_unreadableEntries = 0;
@@ -54,8 +53,8 @@ std::vector<SearchEntry> SearchResponse::entries(
          entry = ldap_next_entry(m_ldap, entry)) {
         try {
             LdapSearchEntryAccessor accessor(m_ldap, entry);
-            entries.push_back(accessor.createSearchEntry(attributes));
-            accessor.addRanges(entries.back(), rangedAttributes);
+            entries.push_back(accessor.createSearchEntry(names));
+            accessor.addRanges(entries.back(), names.ranged());
         } catch (const BaseError& error) {
             ++m_unreadableEntries;
             TAVO_LOG_DEBUG(log::tag(*this), u"Search entry handling error: %1", error.what());
@@ -64,11 +63,11 @@ std::vector<SearchEntry> SearchResponse::entries(
     return entries;
 }
 
-Attribute SearchResponse::range(const QByteArray& attribute)
+Attribute SearchResponse::range(const QString& attribute)
 {
-    const QString name = QString::fromUtf8(attribute);
     LDAPMessage* entry = ldap_first_entry(m_ldap, m_chain.get());
-    return entry != nullptr ? LdapSearchEntryAccessor(m_ldap, entry).getRange(name) : Attribute{name, {}};
+    return entry != nullptr ? LdapSearchEntryAccessor(m_ldap, entry).getRange(attribute)
+                            : Attribute{attribute, {}};
 }
 
 ControlsPtr SearchResponse::controls()
