@@ -9,6 +9,7 @@
 
 #include <ldap.h>
 
+#include <algorithm>
 #include <new>
 #include <utility>
 
@@ -132,16 +133,14 @@ void PageLoop::completeRanges(std::vector<SearchEntry>& entries)
         return;
     }
     RangeFollower follower(m_exchange, m_search, m_source, m_names.ranged());
-    std::vector<SearchEntry> kept;
-    kept.reserve(entries.size());
-    for (SearchEntry& entry : entries) {
-        if (follower.complete(entry)) {
-            kept.push_back(std::move(entry));
-        } else {
+    const auto vanished = std::remove_if(entries.begin(), entries.end(), [&](SearchEntry& entry) {
+        const bool isWhole = follower.complete(entry);
+        if (!isWhole) {
             noteVanishedEntry(entry.dn);
         }
-    }
-    entries = std::move(kept);
+        return !isWhole;
+    });
+    entries.erase(vanished, entries.end());
 }
 
 void PageLoop::finish(std::vector<SearchEntry> entries)

@@ -16,13 +16,15 @@ namespace {
 std::optional<Attribute> takeRange(SearchEntry& entry, const QString& attribute)
 {
     std::vector<Attribute>& all = entry.attributes;
-    const auto ranges = std::stable_partition(all.begin(), all.end(),
-        [&](const Attribute& candidate) { return !ValueRange::parse(candidate.name, attribute); });
-    if (ranges == all.end()) {
+    const auto isRange = [&](const Attribute& candidate) {
+        return ValueRange::parse(candidate.name, attribute).has_value();
+    };
+    const auto found = std::find_if(all.begin(), all.end(), isRange);
+    if (found == all.end()) {
         return std::nullopt;
     }
-    Attribute first = std::move(*ranges);
-    all.erase(ranges, all.end());
+    Attribute first = std::move(*found);
+    all.erase(std::remove_if(all.erase(found), all.end(), isRange), all.end());
     return first;
 }
 
