@@ -16,9 +16,9 @@ LdapSearchEntryAccessor::LdapSearchEntryAccessor(LDAP* ld, LDAPMessage* entry)
     , m_entry(entry)
 {}
 
-SearchEntry LdapSearchEntryAccessor::createSearchEntry(AttributeNames& names)
+void LdapSearchEntryAccessor::read(SearchEntry& entry, AttributeNames& names)
 {
-    SearchEntry entry{getDn(), {}};
+    entry.dn = getDn();
     const bool isForAll = names.requested().empty();
     const auto carried = isForAll ? getAttributeNames(names) : std::vector<AttributeName>();
     const auto& wanted = isForAll ? carried : names.requested();
@@ -31,7 +31,6 @@ SearchEntry LdapSearchEntryAccessor::createSearchEntry(AttributeNames& names)
                 log::tag(*this), u"No attribute [%1] for [%2]: [%3]", name.text, entry.dn, error.what());
         }
     }
-    return entry;
 }
 
 QString LdapSearchEntryAccessor::getDn()

@@ -17,10 +17,10 @@ class LdapSearchEntryAccessor
 public:
     LdapSearchEntryAccessor(LDAP* ld, LDAPMessage* entry);
 
-    /// The entry with the requested attributes, in that order and spelling; with all that it carries when none
-    /// is requested.
+    /// Fills an empty entry with the requested attributes, in that order and spelling; with all that the message
+    /// carries when none is requested.
     /// \throws BaseError when the DN can't be read
-    SearchEntry createSearchEntry(AttributeNames& names);
+    void read(SearchEntry& entry, AttributeNames& names);
 
     /// \throws BaseError
     QString getDn();
@@ -35,7 +35,7 @@ public:
     /// attribute without values when it carries none.
     Attribute getRange(const QString& name);
 
-    /// Appends to the entry that was made of this message the ranges of those attributes that it has without
+    /// Appends to the entry that was read of this message the ranges of those attributes that it has without
     /// values.
     void addRanges(SearchEntry& entry, const std::vector<AttributeName>& attributes);
 

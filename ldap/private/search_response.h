@@ -60,6 +60,8 @@ public:
     void logReferences();
 
 private:
+    std::vector<LDAPMessage*> entryMessages() const;
+
     LDAP* m_ldap;
     MessagePtr m_chain;
     std::size_t m_unreadableEntries = 0;
