@@ -86,7 +86,7 @@ public:
     SearchContext* fetchUsersAsync(UsersHandler handler, const SearchFilter& filter,
         Completeness completeness, std::shared_ptr<SearchReport> report) override
     {
-        return fetch(UserReader{m_loginAttribute}, std::move(handler),
+        return fetch(UserReader{QString::fromUtf8(m_loginAttribute)}, std::move(handler),
             {filter.base, combinedFilter(filter.filter, m_userFilter), m_userAttributes, SearchScope::subtree,
                 completeness, std::move(report)});
     }

@@ -13,7 +13,7 @@ namespace tavo::ldap {
 
 namespace {
 
-const QString kRangeOption = QStringLiteral(";range=");
+constexpr QStringView kRangeOption = u";range=";
 
 /// A decimal number, without sign and blanks.
 std::optional<std::size_t> readNumber(QStringView text)
@@ -37,11 +37,14 @@ std::optional<std::size_t> readNumber(QStringView text)
 
 std::optional<ValueRange> ValueRange::parse(const QString& description, const QString& attribute)
 {
-    const QString prefix = attribute + kRangeOption;
-    if (!description.startsWith(prefix, Qt::CaseInsensitive)) {
+    if (!description.startsWith(attribute, Qt::CaseInsensitive)) {
         return std::nullopt;
     }
-    const QStringView range = QStringView(description).sliced(prefix.size());
+    const QStringView options = QStringView(description).sliced(attribute.size());
+    if (!options.startsWith(kRangeOption, Qt::CaseInsensitive)) {
+        return std::nullopt;
+    }
+    const QStringView range = options.sliced(kRangeOption.size());
     const qsizetype dash = range.indexOf(u'-');
     const auto first = dash < 0 ? std::nullopt : readNumber(range.first(dash));
     if (!first) {
@@ -82,7 +85,8 @@ void RangedValues::add(Attribute range)
 
 QByteArray RangedValues::next() const
 {
-    return (m_attribute + kRangeOption).toUtf8() + QByteArray::number(qulonglong{m_values.size()}) + "-*";
+    return (m_attribute + kRangeOption.toString()).toUtf8() +
+           QByteArray::number(qulonglong{m_values.size()}) + "-*";
 }
 
 std::vector<QString> RangedValues::take() { return std::exchange(m_values, {}); }

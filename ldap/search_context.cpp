@@ -1,6 +1,7 @@
 #include "ldap/search_context.h"
 
 #include <ldap/error.h>
+#include <ldap/private/attribute_names.h>
 #include <ldap/private/client_call.h>
 #include <ldap/private/destructor_call.h>
 #include <ldap/private/failure_details.h>
@@ -149,7 +150,8 @@ std::vector<SearchEntry> SearchContext::findEntries(SearchReport& report) const
         throw BaseError(LDAP_SERVER_DOWN, kBlockingSearch, systemError);
     }
     SearchResponse response(m_ldap.get(), MessagePtr(received, &ldap_msgfree));
-    std::vector<SearchEntry> entries = response.entries(m_params->attributes);
+    AttributeNames names(m_params->attributes);
+    std::vector<SearchEntry> entries = response.entries(names);
     TAVO_LOG_VERBOSE(log::tag(*this), u"Found %1 entries", entries.size());
     if (response.unreadableEntries() != 0) {
         report.loss = SearchReport::Loss::unreadableEntry;

@@ -1,5 +1,6 @@
 #include "ldap/user.h"
 
+#include <ldap/private/attribute_names.h>
 #include <tavo_reflect/json.h>
 
 #include <array>
@@ -9,16 +10,16 @@ namespace tavo::ldap {
 
 namespace {
 
-const QByteArray kMailAttribute = QByteArrayLiteral("mail");
+const AttributeName kMailAttribute(QByteArrayLiteral("mail"));
 
 /// In the order of preference.
-const std::array<QByteArray, 2> kFullNameAttributes{
-    QByteArrayLiteral("displayName"), QByteArrayLiteral("gecos")};
+const std::array<AttributeName, 2> kFullNameAttributes{
+    AttributeName(QByteArrayLiteral("displayName")), AttributeName(QByteArrayLiteral("gecos"))};
 
 QString displayName(const SearchEntry& entry)
 {
-    for (const QByteArray& attribute : kFullNameAttributes) {
-        QString name = entry.getAttributeFirstValue(QString::fromUtf8(attribute)).trimmed();
+    for (const AttributeName& attribute : kFullNameAttributes) {
+        QString name = entry.getAttributeFirstValue(attribute.text).trimmed();
         if (!name.isEmpty()) {
             return name;
         }
@@ -32,7 +33,7 @@ User User::fromSearchEntry(SearchEntry entry, const QByteArray& loginAttribute)
 {
     User user;
     user.dn = std::move(entry.dn);
-    user.email = entry.getAttributeFirstValue(QString::fromUtf8(kMailAttribute)).trimmed().toLower();
+    user.email = entry.getAttributeFirstValue(kMailAttribute.text).trimmed().toLower();
     user.fullName = displayName(entry);
     if (user.fullName.isEmpty()) {
         user.fullName = dnFirstItem(user.dn).trimmed();
@@ -47,8 +48,11 @@ User User::fromSearchEntry(SearchEntry entry, const QByteArray& loginAttribute)
 const std::vector<QByteArray>& User::attributes()
 {
     static const std::vector<QByteArray> attributes = [] {
-        std::vector<QByteArray> names(kFullNameAttributes.begin(), kFullNameAttributes.end());
-        names.push_back(kMailAttribute);
+        std::vector<QByteArray> names;
+        for (const AttributeName& attribute : kFullNameAttributes) {
+            names.push_back(attribute.key);
+        }
+        names.push_back(kMailAttribute.key);
         return names;
     }();
     return attributes;

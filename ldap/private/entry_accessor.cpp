@@ -16,20 +16,21 @@ LdapSearchEntryAccessor::LdapSearchEntryAccessor(LDAP* ld, LDAPMessage* entry)
     , m_entry(entry)
 {}
 
-SearchEntry LdapSearchEntryAccessor::createSearchEntry(std::vector<QByteArray> attributes)
+void LdapSearchEntryAccessor::read(SearchEntry& entry, AttributeNames& names)
 {
-    SearchEntry entry{getDn(), {}};
-    const std::vector<QByteArray> names = attributes.empty() ? getAttributeNames() : std::move(attributes);
-    entry.attributes.reserve(names.size());
-    for (const QByteArray& name : names) {
+    entry.dn = getDn();
+    const bool isForAll = names.requested().empty();
+    const auto carried = isForAll ? getAttributeNames(names) : std::vector<AttributeName>();
+    const auto& wanted = isForAll ? carried : names.requested();
+    entry.attributes.reserve(wanted.size());
+    for (const AttributeName& name : wanted) {
         try {
-            entry.attributes.push_back(getAttribute(QString::fromUtf8(name)));
+            entry.attributes.push_back(getAttribute(name));
         } catch (const BaseError& error) {
             TAVO_LOG_VERBOSE(
-                log::tag(*this), u"No attribute [%1] for [%2]: [%3]", name, entry.dn, error.what());
+                log::tag(*this), u"No attribute [%1] for [%2]: [%3]", name.text, entry.dn, error.what());
         }
     }
-    return entry;
 }
 
 QString LdapSearchEntryAccessor::getDn()
@@ -42,9 +43,9 @@ QString LdapSearchEntryAccessor::getDn()
     return QString::fromUtf8(dn);
 }
 
-std::vector<QByteArray> LdapSearchEntryAccessor::getAttributeNames()
+std::vector<AttributeName> LdapSearchEntryAccessor::getAttributeNames(AttributeNames& names)
 {
-    std::vector<QByteArray> names;
+    std::vector<AttributeName> carried;
     // By design: the iteration's element is never passed to ber_free, only the names are released; it costs
     // 80 bytes for each entry that is read without a list of attributes.
     BerElement* ber = nullptr;
@@ -52,7 +53,7 @@ std::vector<QByteArray> LdapSearchEntryAccessor::getAttributeNames()
     while (name != nullptr) {
         {
             const utils::ScopeGuard freeName([&] { ldap_memfree(name); });
-            names.emplace_back(name);
+            carried.push_back(names.sent(name));
         }
         name = ldap_next_attribute(m_ldap, m_entry, ber);
     }
@@ -61,14 +62,13 @@ std::vector<QByteArray> LdapSearchEntryAccessor::getAttributeNames()
     if (code != LDAP_SUCCESS && code != LDAP_DECODING_ERROR) {
         TAVO_LOG_VERBOSE(log::tag(*this), u"ldap_next_attribute error: %1", BaseError::ldapErrorString(code));
     }
-    return names;
+    return carried;
 }
 
-Attribute LdapSearchEntryAccessor::getAttribute(QString name)
+Attribute LdapSearchEntryAccessor::getAttribute(const AttributeName& name)
 {
-    const QByteArray key = name.toUtf8();
-    Attribute attribute{std::move(name), {}};
-    berval** values = ldap_get_values_len(m_ldap, m_entry, key.constData());
+    Attribute attribute{name.text, {}};
+    berval** values = ldap_get_values_len(m_ldap, m_entry, name.key.constData());
     if (values == nullptr) {
         return attribute;
     }
@@ -89,9 +89,9 @@ Attribute LdapSearchEntryAccessor::getRange(const QString& name)
     while (description != nullptr) {
         {
             const utils::ScopeGuard freeDescription([&] { ldap_memfree(description); });
-            QString text = QString::fromUtf8(description);
-            if (ValueRange::parse(text, name)) {
-                return getAttribute(std::move(text));
+            const AttributeName carried{QByteArray(description)};
+            if (ValueRange::parse(carried.text, name)) {
+                return getAttribute(carried);
             }
         }
         description = ldap_next_attribute(m_ldap, m_entry, ber);
@@ -99,10 +99,10 @@ Attribute LdapSearchEntryAccessor::getRange(const QString& name)
     return {name, {}};
 }
 
-void LdapSearchEntryAccessor::addRanges(SearchEntry& entry, const std::vector<QByteArray>& attributes)
+void LdapSearchEntryAccessor::addRanges(SearchEntry& entry, const std::vector<AttributeName>& attributes)
 {
-    for (const QByteArray& attribute : attributes) {
-        const QString name = QString::fromUtf8(attribute);
+    for (const AttributeName& attribute : attributes) {
+        const QString& name = attribute.text;
         const bool isThere =
             std::any_of(entry.attributes.begin(), entry.attributes.end(), [&](const Attribute& read) {
                 return read.name.compare(name, Qt::CaseInsensitive) == 0 && !read.empty();

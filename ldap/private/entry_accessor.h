@@ -1,10 +1,10 @@
 #pragma once
 
 #include <ldap/entry.h>
+#include <ldap/private/attribute_names.h>
 
 #include <ldap.h>
 
-#include <QByteArray>
 #include <QString>
 
 #include <vector>
@@ -17,27 +17,27 @@ class LdapSearchEntryAccessor
 public:
     LdapSearchEntryAccessor(LDAP* ld, LDAPMessage* entry);
 
-    /// The entry with the given attributes, in that order and spelling; with all that it carries when the
-    /// list is empty.
+    /// Fills an empty entry with the requested attributes, in that order and spelling; with all that the message
+    /// carries when none is requested.
     /// \throws BaseError when the DN can't be read
-    SearchEntry createSearchEntry(std::vector<QByteArray> attributes);
+    void read(SearchEntry& entry, AttributeNames& names);
 
     /// \throws BaseError
     QString getDn();
 
     /// The names of the attributes that the entry carries, in the server's order and spelling.
-    std::vector<QByteArray> getAttributeNames();
+    std::vector<AttributeName> getAttributeNames(AttributeNames& names);
 
     /// The attribute with its values; without any when the entry lacks it.
-    Attribute getAttribute(QString name);
+    Attribute getAttribute(const AttributeName& name);
 
     /// The first range of the attribute's values (`member;range=0-1499`) that the entry carries; the
     /// attribute without values when it carries none.
     Attribute getRange(const QString& name);
 
-    /// Appends to the entry that was made of this message the ranges of those attributes that it has without
+    /// Appends to the entry that was read of this message the ranges of those attributes that it has without
     /// values.
-    void addRanges(SearchEntry& entry, const std::vector<QByteArray>& attributes);
+    void addRanges(SearchEntry& entry, const std::vector<AttributeName>& attributes);
 
 private:
     LDAP* m_ldap;

@@ -6,6 +6,21 @@
 
 namespace tavo::ldap {
 
+namespace {
+
+/// As `SearchEntry::getAttribute` would give them, which copies.
+std::vector<QString> takeValues(SearchEntry& entry, const QString& name)
+{
+    for (Attribute& attribute : entry.attributes) {
+        if (attribute.name == name) {
+            return std::move(attribute.values);
+        }
+    }
+    return {};
+}
+
+} // namespace
+
 void GroupReader::warnOfFailure(const log::Tag& tag, Result result)
 {
     TAVO_LOG_WARNING(tag, u"Groups fetching error: %1", toString(result));
@@ -18,9 +33,8 @@ void GroupReader::logCount(const log::Tag& tag, std::size_t count)
 
 void GroupReader::read(const log::Tag& /*tag*/, SearchEntry entry, std::vector<Group>& groups) const
 {
-    std::vector<QString> members = entry.getAttribute(memberAttribute).values;
     QString name = dnFirstItem(entry.dn);
-    groups.push_back({std::move(entry.dn), std::move(name), std::move(members)});
+    groups.push_back({std::move(entry.dn), std::move(name), takeValues(entry, memberAttribute)});
 }
 
 } // namespace tavo::ldap

@@ -9,6 +9,7 @@
 
 #include <ldap.h>
 
+#include <algorithm>
 #include <new>
 #include <utility>
 
@@ -42,6 +43,7 @@ PageLoop::PageLoop(PagedSearch& search, PageSource source)
     : m_search(search)
     , m_source(std::move(source))
     , m_exchange(m_search, m_source)
+    , m_names(m_source.params.attributes, m_source.params.rangedAttributes)
     , m_cookie(m_source.ldap)
 {}
 
@@ -68,8 +70,7 @@ bool PageLoop::fetchPage()
         m_search.finish(std::move(cancelled), {});
         return false;
     }
-    const SearchParams& params = m_source.params;
-    std::vector<SearchEntry> entries = response->entries(params.attributes, params.rangedAttributes);
+    std::vector<SearchEntry> entries = response->entries(m_names);
     TAVO_LOG_VERBOSE(m_source.tag, u"Found %1 entries on page %2", entries.size(), m_page);
     noteUnreadableEntries(*response);
     return deliver(*response, std::move(entries));
@@ -131,17 +132,15 @@ void PageLoop::completeRanges(std::vector<SearchEntry>& entries)
     if (m_source.params.rangedAttributes.empty()) {
         return;
     }
-    RangeFollower follower(m_exchange, m_search, m_source);
-    std::vector<SearchEntry> kept;
-    kept.reserve(entries.size());
-    for (SearchEntry& entry : entries) {
-        if (follower.complete(entry)) {
-            kept.push_back(std::move(entry));
-        } else {
+    RangeFollower follower(m_exchange, m_search, m_source, m_names.ranged());
+    const auto vanished = std::remove_if(entries.begin(), entries.end(), [&](SearchEntry& entry) {
+        const bool isWhole = follower.complete(entry);
+        if (!isWhole) {
             noteVanishedEntry(entry.dn);
         }
-    }
-    entries = std::move(kept);
+        return !isWhole;
+    });
+    entries.erase(vanished, entries.end());
 }
 
 void PageLoop::finish(std::vector<SearchEntry> entries)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <ldap/entry.h>
+#include <ldap/private/attribute_names.h>
 #include <ldap/private/page_cookie.h>
 #include <ldap/private/paged_search.h>
 #include <ldap/private/search_exchange.h>
@@ -45,6 +46,7 @@ private:
     PagedSearch& m_search;
     PageSource m_source;
     SearchExchange m_exchange;
+    AttributeNames m_names;
     Cookie m_cookie;
     SearchReport m_report;
     int m_page = 0;

@@ -16,13 +16,15 @@ namespace {
 std::optional<Attribute> takeRange(SearchEntry& entry, const QString& attribute)
 {
     std::vector<Attribute>& all = entry.attributes;
-    const auto ranges = std::stable_partition(all.begin(), all.end(),
-        [&](const Attribute& candidate) { return !ValueRange::parse(candidate.name, attribute); });
-    if (ranges == all.end()) {
+    const auto isRange = [&](const Attribute& candidate) {
+        return ValueRange::parse(candidate.name, attribute).has_value();
+    };
+    const auto found = std::find_if(all.begin(), all.end(), isRange);
+    if (found == all.end()) {
         return std::nullopt;
     }
-    Attribute first = std::move(*ranges);
-    all.erase(ranges, all.end());
+    Attribute first = std::move(*found);
+    all.erase(std::remove_if(all.erase(found), all.end(), isRange), all.end());
     return first;
 }
 
@@ -42,17 +44,19 @@ void setValues(SearchEntry& entry, const QString& attribute, std::vector<QString
 
 } // namespace
 
-RangeFollower::RangeFollower(SearchExchange& exchange, const PagedSearch& search, const PageSource& source)
+RangeFollower::RangeFollower(SearchExchange& exchange, const PagedSearch& search, const PageSource& source,
+    const std::vector<AttributeName>& attributes)
     : m_exchange(exchange)
     , m_search(search)
     , m_source(source)
+    , m_attributes(attributes)
 {}
 
 bool RangeFollower::complete(SearchEntry& entry)
 {
     try {
-        for (const QByteArray& attribute : m_source.params.rangedAttributes) {
-            complete(entry, attribute);
+        for (const AttributeName& attribute : m_attributes) {
+            complete(entry, attribute.text);
         }
         return true;
     } catch (const BaseError& error) {
@@ -63,14 +67,13 @@ bool RangeFollower::complete(SearchEntry& entry)
     }
 }
 
-void RangeFollower::complete(SearchEntry& entry, const QByteArray& attribute)
+void RangeFollower::complete(SearchEntry& entry, const QString& attribute)
 {
-    const QString name = QString::fromUtf8(attribute);
-    std::optional<Attribute> range = takeRange(entry, name);
+    std::optional<Attribute> range = takeRange(entry, attribute);
     if (!range) {
         return;
     }
-    RangedValues values(name);
+    RangedValues values(attribute);
     values.add(std::move(*range));
     while (!values.isComplete() && isWanted()) {
         range = ask(entry.dn, attribute, values.next());
@@ -79,7 +82,7 @@ void RangeFollower::complete(SearchEntry& entry, const QByteArray& attribute)
         }
         values.add(std::move(*range));
     }
-    setValues(entry, name, values.take());
+    setValues(entry, attribute, values.take());
 }
 
 /// A search that nobody waits for any more has no need of whole entries, though it runs to its end.
@@ -89,7 +92,7 @@ bool RangeFollower::isWanted() const
 }
 
 /// Nothing when the search was stopped meanwhile.
-std::optional<Attribute> RangeFollower::ask(const QString& dn, const QByteArray& attribute, QByteArray range)
+std::optional<Attribute> RangeFollower::ask(const QString& dn, const QString& attribute, QByteArray range)
 {
     TAVO_LOG_VERBOSE(m_source.tag, u"Asking [%1] for %2", dn, range);
     const SearchParams params{dn, QString(), {}, SearchScope::base};

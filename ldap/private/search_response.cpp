@@ -45,30 +45,48 @@ SearchResponse::SearchResponse(LDAP* ld, MessagePtr chain)
     , m_chain(std::move(chain))
 {}
 
-std::vector<SearchEntry> SearchResponse::entries(
-    const std::vector<QByteArray>& attributes, const std::vector<QByteArray>& rangedAttributes)
+std::vector<SearchEntry> SearchResponse::entries(AttributeNames& names)
 {
-    std::vector<SearchEntry> entries;
-    m_unreadableEntries = 0;
-    for (LDAPMessage* entry = ldap_first_entry(m_ldap, m_chain.get()); entry != nullptr;
-         entry = ldap_next_entry(m_ldap, entry)) {
+    const std::vector<LDAPMessage*> messages = entryMessages();
+    std::vector<SearchEntry> entries(messages.size());
+    // All lists before the first text, in memory of their own. The texts outlive them in the records that are
+    // made of the entries, and lists between them would leave a hole for each entry, all over the heap.
+    for (SearchEntry& entry : entries) {
+        entry.attributes.reserve(names.requested().size());
+    }
+    std::size_t read = 0;
+    for (LDAPMessage* const message : messages) {
+        SearchEntry& entry = entries[read];
         try {
-            LdapSearchEntryAccessor accessor(m_ldap, entry);
-            entries.push_back(accessor.createSearchEntry(attributes));
-            accessor.addRanges(entries.back(), rangedAttributes);
+            LdapSearchEntryAccessor accessor(m_ldap, message);
+            accessor.read(entry, names);
+            accessor.addRanges(entry, names.ranged());
+            ++read;
         } catch (const BaseError& error) {
-            ++m_unreadableEntries;
+            entry.attributes.clear();
             TAVO_LOG_DEBUG(log::tag(*this), u"Search entry handling error: %1", error.what());
         }
     }
+    m_unreadableEntries = entries.size() - read;
+    entries.resize(read);
     return entries;
 }
 
-Attribute SearchResponse::range(const QByteArray& attribute)
+std::vector<LDAPMessage*> SearchResponse::entryMessages() const
 {
-    const QString name = QString::fromUtf8(attribute);
+    std::vector<LDAPMessage*> messages;
+    for (LDAPMessage* message = ldap_first_entry(m_ldap, m_chain.get()); message != nullptr;
+         message = ldap_next_entry(m_ldap, message)) {
+        messages.push_back(message);
+    }
+    return messages;
+}
+
+Attribute SearchResponse::range(const QString& attribute)
+{
     LDAPMessage* entry = ldap_first_entry(m_ldap, m_chain.get());
-    return entry != nullptr ? LdapSearchEntryAccessor(m_ldap, entry).getRange(name) : Attribute{name, {}};
+    return entry != nullptr ? LdapSearchEntryAccessor(m_ldap, entry).getRange(attribute)
+                            : Attribute{attribute, {}};
 }
 
 ControlsPtr SearchResponse::controls()

@@ -6,7 +6,6 @@
 
 #include <ldap.h>
 
-#include <QByteArray>
 #include <QString>
 
 #include <cstddef>
@@ -14,6 +13,7 @@
 
 namespace tavo::ldap {
 
+class AttributeNames;
 class BaseError;
 
 /// What the final message of a result says.
@@ -41,16 +41,16 @@ public:
     SearchResponse(LDAP* ld, MessagePtr chain);
 
     /// The entries of the chain; one whose DN can't be read is left out with a line in the log.
-    /// \param rangedAttributes of these an entry that has a range, but no values, gets the range as well, as
-    ///        an attribute behind the others
-    std::vector<SearchEntry> entries(
-        const std::vector<QByteArray>& attributes, const std::vector<QByteArray>& rangedAttributes = {});
+    ///
+    /// Of the ranged attributes, an entry that has a range, but no values, gets the range as well, as an
+    /// attribute behind the others.
+    std::vector<SearchEntry> entries(AttributeNames& names);
 
     /// How many entries the last call of `entries` has left out.
     std::size_t unreadableEntries() const { return m_unreadableEntries; }
 
     /// The range of an attribute that the first entry has; without values when there is none.
-    Attribute range(const QByteArray& attribute);
+    Attribute range(const QString& attribute);
 
     /// The controls of the final message.
     /// \throws BaseError when the message can't be parsed
@@ -60,6 +60,8 @@ public:
     void logReferences();
 
 private:
+    std::vector<LDAPMessage*> entryMessages() const;
+
     LDAP* m_ldap;
     MessagePtr m_chain;
     std::size_t m_unreadableEntries = 0;

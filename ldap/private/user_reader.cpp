@@ -16,7 +16,10 @@ void UserReader::logCount(const log::Tag& tag, std::size_t count)
 
 void UserReader::read(const log::Tag& tag, SearchEntry entry, std::vector<User>& users) const
 {
-    User user = User::fromSearchEntry(std::move(entry), loginAttribute);
+    // Here and not in `fromSearchEntry`, which would have to decode the name for each entry.
+    QString login = loginAttribute.isEmpty() ? QString() : entry.getAttributeFirstValue(loginAttribute);
+    User user = User::fromSearchEntry(std::move(entry), QByteArray());
+    user.login = std::move(login);
     if (user.login.isEmpty()) {
         TAVO_LOG_DEBUG(tag, u"Ignoring entry with empty login: %1", user.dn);
         return;

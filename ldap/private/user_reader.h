@@ -5,7 +5,7 @@
 #include <ldap/user.h>
 #include <tavo_utils/log.h>
 
-#include <QByteArray>
+#include <QString>
 
 #include <cstddef>
 #include <vector>
@@ -24,7 +24,7 @@ struct UserReader
     /// \throws BaseError when the entry's DN is needed and can't be parsed
     void read(const log::Tag& tag, SearchEntry entry, std::vector<User>& users) const;
 
-    QByteArray loginAttribute;
+    QString loginAttribute;
 };
 
 } // namespace tavo::ldap

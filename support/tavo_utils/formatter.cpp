@@ -1,7 +1,5 @@
 #include "tavo_utils/formatter.h"
 
-#include <cstddef>
-
 namespace tavo::utils {
 
 namespace {
@@ -9,25 +7,22 @@ namespace {
 struct Placeholder
 {
     /// 0: there is none.
-    std::size_t number = 0;
+    qsizetype number = 0;
 
     qsizetype length = 0;
 };
 
 bool isDigit(QChar c) { return c >= u'0' && c <= u'9'; }
 
-/// The placeholder at the start of `text`, which is not empty.
+/// The placeholder at the start of `text`, which begins with `%`.
 Placeholder placeholderAt(QStringView text)
 {
     Placeholder found;
-    if (text.front() != u'%') {
-        return found;
-    }
     for (const QChar c : text.mid(1, 2)) {
         if (!isDigit(c) || (found.number == 0 && c == u'0')) {
             break;
         }
-        found.number = found.number * 10 + static_cast<std::size_t>(c.unicode() - u'0');
+        found.number = found.number * 10 + (c.unicode() - u'0');
         ++found.length;
     }
     ++found.length;
@@ -53,17 +48,26 @@ QString toText(const Url& url) { return url.withoutUserInfo().toString(); }
 
 QString Formatter::toString() const
 {
+    qsizetype length = m_pattern.size();
+    for (const QString& arg : m_args) {
+        length += arg.size();
+    }
     QString result;
-    for (QStringView rest = m_pattern; !rest.empty();) {
+    result.reserve(length);
+    QStringView rest = m_pattern;
+    for (qsizetype percent = rest.indexOf(u'%'); percent >= 0; percent = rest.indexOf(u'%')) {
+        result += rest.first(percent);
+        rest = rest.sliced(percent);
         const Placeholder placeholder = placeholderAt(rest);
         if (placeholder.number == 0 || placeholder.number > m_args.size()) {
             result += rest.front();
-            rest = rest.mid(1);
+            rest = rest.sliced(1);
             continue;
         }
         result += m_args[placeholder.number - 1];
-        rest = rest.mid(placeholder.length);
+        rest = rest.sliced(placeholder.length);
     }
+    result += rest;
     return result;
 }
 

@@ -6,13 +6,13 @@
 #include <QByteArray>
 #include <QString>
 #include <QStringView>
+#include <QVarLengthArray>
 
 #include <concepts>
 #include <string>
 #include <string_view>
 #include <type_traits>
 #include <utility>
-#include <vector>
 
 namespace tavo::utils {
 
@@ -101,7 +101,8 @@ public:
 
 private:
     QStringView m_pattern;
-    std::vector<QString> m_args;
+    /// Few templates have more: the list itself needs no memory.
+    QVarLengthArray<QString, 8> m_args;
 };
 
 /// A `Formatter` in one call: `args` are the values of `%1`, `%2` and so on.

@@ -230,8 +230,8 @@ Decision Reducer::decide(Level level, const Tag& tag)
 void write(const Decision& decision, const Tag& tag, const QString& text) noexcept
 {
     try {
-        const QStringView pattern = decision.isTooMany ? u"TOO MANY SIMILAR MESSAGES: %1" : u"%1";
-        log::write(decision.level, tag, utils::format(pattern, text));
+        log::write(decision.level, tag,
+            decision.isTooMany ? QStringLiteral("TOO MANY SIMILAR MESSAGES: ") + text : text);
     } catch (...) { // no memory for the message, and none to say so
     }
 }

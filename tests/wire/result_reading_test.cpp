@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -91,6 +92,78 @@ TEST_F(ResultReading, GivesAllAttributesInTheServersOrderAndSpelling)
         entry("cn=a").attr("sN", "s").attr("cn", {"1", "2"}).attr("MAIL;x-a", "m"), done());
 
     EXPECT_THAT(namesOf(read().at(0)), ElementsAre("sN", "cn", "MAIL;x-a"));
+}
+
+TEST_F(ResultReading, GivesEachEntryTheNamesThatTheServerSentWithIt)
+{
+    server.expectSearch().answer(entry("cn=a").attr("cn", "1").attr("sn", "2").attr("mail", "3"),
+        entry("cn=b").attr("mail", "1").attr("CN", "2").attr("sn", "3"), entry("cn=c"),
+        entry("cn=d").attr("sn;binary", "1").attr("sn;range=0-0", "2").attr("sn", "3").attr("cn", "4"),
+        entry("cn=e").attr("cn", "1").attr("sn", "2").attr("mail", "3"), done());
+
+    const auto found = read();
+
+    EXPECT_THAT(namesOf(found.at(0)), ElementsAre("cn", "sn", "mail"));
+    EXPECT_THAT(namesOf(found.at(1)), ElementsAre("mail", "CN", "sn"));
+    EXPECT_THAT(namesOf(found.at(2)), IsEmpty());
+    EXPECT_THAT(namesOf(found.at(3)), ElementsAre("sn;binary", "sn;range=0-0", "sn", "cn"));
+    EXPECT_THAT(namesOf(found.at(4)), ElementsAre("cn", "sn", "mail"));
+    EXPECT_THAT(valuesOf(found.at(3).attributes.at(1)), ElementsAre("2"));
+}
+
+TEST_F(ResultReading, GivesAnyNumberOfNames)
+{
+    std::vector<std::string> names;
+    Entry many("cn=a");
+    for (int i = 0; i < 300; ++i) {
+        names.push_back("x-" + std::to_string(i));
+        many.attr(names.back(), names.back());
+    }
+    server.expectSearch().answer(many, entry("cn=b").attr("cn", "1"), many, done());
+
+    const auto found = read();
+
+    EXPECT_EQ(namesOf(found.at(0)), names);
+    EXPECT_THAT(namesOf(found.at(1)), ElementsAre("cn"));
+    EXPECT_EQ(namesOf(found.at(2)), names);
+    EXPECT_THAT(valuesOf(found.at(2).attributes.back()), ElementsAre("x-299"));
+}
+
+TEST_F(ResultReading, FindsNoValuesUnderANameThatIsNotUtf8)
+{
+    const auto odd = entry("cn=a").attr("x-\xff", "1").attr("cn", "2");
+    server.expectSearch().answer(odd, odd, done());
+
+    for (const auto& found : read()) {
+        EXPECT_THAT(namesOf(found), ElementsAre("x-\xef\xbf\xbd", "cn"));
+        EXPECT_THAT(valuesOf(found.attributes.at(0)), IsEmpty());
+        EXPECT_THAT(valuesOf(found.attributes.at(1)), ElementsAre("2"));
+    }
+}
+
+/// Whether the two entries have the names of their attributes in the same memory.
+bool shareTheirNames(const ldap::SearchEntry& one, const ldap::SearchEntry& other)
+{
+    return std::equal(one.attributes.begin(), one.attributes.end(), other.attributes.begin(),
+        other.attributes.end(), [](const ldap::Attribute& a, const ldap::Attribute& b) {
+            return a.name.constData() == b.name.constData();
+        });
+}
+
+TEST_F(ResultReading, SharesTheNamesOfAttributesAmongTheEntries)
+{
+    const auto first = entry("cn=a").attr("cn", "1").attr("mail", "2");
+    const auto last = entry("cn=b").attr("mail", "3").attr("cn", "4").attr("mail", "5");
+    server.expectSearch().answer(first, first, last, done());
+    server.expectSearch().answer(first, last, done());
+
+    const auto all = read();
+    const auto requested = read({"MAIL", "cn", "none"});
+
+    EXPECT_TRUE(shareTheirNames(all.at(0), all.at(1)));
+    EXPECT_EQ(all.at(2).attributes.at(0).name.constData(), all.at(0).attributes.at(1).name.constData());
+    EXPECT_EQ(all.at(2).attributes.at(1).name.constData(), all.at(0).attributes.at(0).name.constData());
+    EXPECT_TRUE(shareTheirNames(requested.at(0), requested.at(1)));
 }
 
 TEST_F(ResultReading, GivesRequestedAttributesInTheCallersOrderAndSpelling)
