@@ -12,6 +12,7 @@ declare -A packages=(
     [coverage]="gcovr python3"
     [fuzz]="clang libclang-rt-dev"
     [mutate]="git python3"
+    [bench]="python3 openssl strace valgrind libbenchmark-dev"
     [lint]="clang clang-format clang-tidy shellcheck git python3"
 )
 
