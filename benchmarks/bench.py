@@ -1,88 +1,71 @@
-"""Measures the library against a plain loop over the client library and other clients: ./dev bench."""
+"""Measures the library beside a plain loop over libldap and other clients: ./dev bench.
+
+The standard run takes some minutes, more the first time, when it makes the directories and records their answers. It
+prints tables and writes everything to build/bench/result.json.
+
+`./dev bench --micro` measures small functions instead; further arguments are Google Benchmark's. `./dev bench --peers`
+first installs the packages of the other clients; without, those are measured that are installed.
+"""
 import argparse
-import contextlib
+import json
 import pathlib
+import shutil
 import sys
 
+import baseline
 import directory
-import measure
+import environment
+import goals
+import report
+import sections
 
 BUILD = pathlib.Path("build/bench").resolve()
-PROGRAMS = BUILD / "benchmarks"
-PAGE_SIZE = 1000
-
-RAW = "raw loop"
 
 
-def raw_loop(name=RAW, *options):
-    return measure.Client(name, [PROGRAMS / "tavo_bench_raw_loop"], options)
+def parse_arguments():
+    parser = argparse.ArgumentParser(prog="./dev bench", description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--rounds", type=int, help="how often each client runs; the medians count (7)")
+    parser.add_argument("--only", choices=sections.STANDARD, nargs="+", help="these sections; writes no result.json")
+    which = parser.add_mutually_exclusive_group()
+    which.add_argument("--quick", action="store_true", help="small lists, under a minute; to see that all is well")
+    which.add_argument("--check", action="store_true",
+                       help=f"compare the instructions per entry with {baseline.FILE.name}; fail beyond "
+                            f"{baseline.TOLERANCE:.0%}")
+    which.add_argument("--baseline", action="store_true", help="write that file's figures for this environment")
+    which.add_argument("--docs", action="store_true", help="write docs/performance.md from the last standard run")
+    which.add_argument("--record", action="store_true", help="forget what was recorded; after a change of the requests")
+    return parser.parse_args()
 
 
-def fetch(mode, *options, name=None):
-    return measure.Client(name or f"tavo {mode}", [PROGRAMS / "tavo_bench_fetch"], [mode, *options])
-
-
-class Recordings:
-    """What slapd has answered about each set, recorded when first needed."""
-
-    def __init__(self, folder, database):
-        self.folder, self.database = folder, database
-
-    def path(self, part, page_size):
-        return self.folder / f"{part.name}-by-{page_size}.{self.database.stamp()[:16]}"
-
-    def record(self, part, page_size):
-        path = self.path(part, page_size)
-        if path.exists():
-            return path
-        self.database.make()
-        self.folder.mkdir(parents=True, exist_ok=True)
-        unfinished = path.with_suffix(".unfinished")
-        with self.database.slapd() as (url, _):
-            with directory.replay(PROGRAMS / "tavo_replay", "record", unfinished, url.rsplit(":", 1)[1]) as port:
-                for mode in (f"{part.kind}-streaming", "search", "simple-search"):
-                    measure.run(PROGRAMS / "tavo_bench_measure", fetch(mode), f"ldap://127.0.0.1:{port}", part, page_size)
-        unfinished.rename(path)
-        return path
-
-
-def print_rows(title, rows, yardstick):
-    print(f"\n{title}\n{'':34} {'seconds':>9} {'ratio':>7} {'processor':>10} {'ratio':>7} {'first page':>11} {'MiB':>7}")
-    for name, row in rows.items():
-        print(f"{name:34} {row['seconds']:9.3f} {measure.ratio(row, yardstick, 'seconds'):7.2f} "
-              f"{row['processor']:10.3f} {measure.ratio(row, yardstick, 'processor'):7.2f} "
-              f"{row['first_page'] * 1000:8.1f} ms {row['peak_kib'] / 1024:7.1f}")
-
-
-def compare(recordings, part, clients, rounds, page_size=PAGE_SIZE):
-    """The medians of all clients on the recording of one set."""
-    recording = recordings.record(part, page_size)
-    with directory.replay(PROGRAMS / "tavo_replay", "serve", recording) as port:
-        url = f"ldap://127.0.0.1:{port}"
-        tasks = {client.name: lambda client=client: measure.run(
-            PROGRAMS / "tavo_bench_measure", client, url, part, page_size) for client in clients}
-        return measure.interleaved(tasks, rounds)
+def measure_all(bench, names, output):
+    result = {"environment": environment.describe(bench.programs), "rounds": bench.rounds}
+    for name in names:
+        result[name] = getattr(sections, name)(bench)
+        print(report.as_text(report.tables_of(name, result)), flush=True)
+    result["goals"] = goals.judge(result)
+    print(report.as_text(report.tables_of("goals", result)))
+    if output:
+        output.write_text(json.dumps(result, indent=1, ensure_ascii=False) + "\n")
+        print(f"All figures are in {output.relative_to(pathlib.Path.cwd())}.")
 
 
 def main():
-    parser = argparse.ArgumentParser(prog="./dev bench", description=__doc__)
-    parser.add_argument("--rounds", type=int, default=5)
-    parser.add_argument("--quick", action="store_true")
-    options = parser.parse_args()
-    scale = 10 if options.quick else 1
-    users = directory.users(100000 // scale)
-    groups = directory.groups(2000 // scale, 50)
-    big_group = directory.groups(1, 100000 // scale)
-    database = directory.Directory(BUILD / ("directory-quick" if options.quick else "directory"),
-                                   [users, groups, big_group])
-    recordings = Recordings(BUILD / "recordings", database)
-    for part in (users, groups, big_group):
-        clients = [raw_loop(), raw_loop("raw loop, read-ahead", "--read-ahead"),
-                   fetch(f"{part.kind}-streaming"), fetch(f"{part.kind}-collecting"),
-                   fetch("search"), fetch("simple-search")]
-        rows = compare(recordings, part, clients, options.rounds)
-        print_rows(part.name, rows, rows[RAW])
+    options = parse_arguments()
+    if options.docs:
+        return report.write_page(BUILD / "result.json", pathlib.Path("docs"))
+    if options.record:
+        return shutil.rmtree(BUILD / "recordings", ignore_errors=True)
+    if options.quick:
+        return measure_all(sections.Bench(BUILD, directory.Scale.quick, options.rounds or 3), sections.QUICK,
+                           BUILD / "result-quick.json")
+    bench = sections.Bench(BUILD, directory.Scale.standard, options.rounds or 7)
+    if options.check:
+        return baseline.check(bench)
+    if options.baseline:
+        return baseline.write(bench)
+    return measure_all(bench, options.only or sections.STANDARD, None if options.only else BUILD / "result.json")
 
 
 if __name__ == "__main__":
-    main()
+    sys.exit(main())

@@ -1,6 +1,7 @@
 """The directory that is measured: its entries, a slapd that serves them, and recordings of what it answers."""
 import contextlib
 import ctypes
+import enum
 import hashlib
 import pathlib
 import shutil
@@ -65,6 +66,32 @@ def groups(count, members):
     return Set(f"groups-{count}-of-{members}", "groups", count, members)
 
 
+# The fewer and the more entries of the runs whose difference is counted.
+COUNTED = {"users": (users(1000), users(5000)), "groups": (groups(100, 50), groups(500, 50))}
+GROWING = [users(1000), users(10000), users(100000), users(1000000)]
+LARGE_USERS = GROWING[2]
+
+
+class Scale(enum.Enum):
+    """How much a run measures; each has a directory of its own."""
+
+    quick = 1
+    standard = 2
+    large = 3
+
+    def compared(self):
+        """The sets that all clients read."""
+        return {Scale.quick: [users(10000), groups(500, 50), groups(1, 10000)],
+                Scale.standard: [LARGE_USERS, groups(2000, 50), groups(1, 100000)]}[self]
+
+    def sets(self):
+        """The sets of its directory."""
+        if self is Scale.large:
+            return GROWING[3:]
+        more = [users(1000), users(5000), groups(100, 50)] if self is Scale.quick else []
+        return more + self.compared()
+
+
 def stop_with_parent():
     """The children of a driver that crashes must not live on."""
     ctypes.CDLL(None).prctl(1, signal.SIGTERM)
@@ -88,6 +115,7 @@ class Directory:
         self.folder, self.sets = folder, sets
 
     def stamp(self):
+        """Changes when this file does, and with it perhaps the entries."""
         source = pathlib.Path(__file__).read_bytes()
         return hashlib.sha256(source + " ".join(each.name for each in self.sets).encode()).hexdigest()
 
@@ -150,6 +178,7 @@ index objectClass eq
     @contextlib.contextmanager
     def slapd(self):
         """Yields the URLs of a running server, the plain and the TLS one."""
+        self.make()
         port, tls_port = free_port(), free_port()
         urls = f"ldap://127.0.0.1:{port}", f"ldaps://127.0.0.1:{tls_port}"
         log = open(self.folder / "slapd.log", "w")
@@ -170,14 +199,14 @@ index objectClass eq
 
 @contextlib.contextmanager
 def replay(program, *arguments):
-    """Yields the port of a running tavo_replay."""
+    """Yields the URL of a running tavo_replay."""
     server = subprocess.Popen([program, *arguments], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
                               preexec_fn=stop_with_parent)
     try:
         line = server.stdout.readline()
         if not line:
             sys.exit(f"{program} has not started")
-        yield int(line)
+        yield f"ldap://127.0.0.1:{int(line)}"
     finally:
         server.stdin.close()
         server.wait()
