@@ -13,7 +13,7 @@ import shutil
 import sys
 
 import baseline
-import directory
+import entries
 import environment
 import goals
 import report
@@ -25,7 +25,7 @@ BUILD = pathlib.Path("build/bench").resolve()
 def parse_arguments():
     parser = argparse.ArgumentParser(prog="./dev bench", description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--rounds", type=int, help="how often each client runs; the medians count (7)")
+    parser.add_argument("--rounds", type=int, help="how often each client runs; the medians count (5)")
     parser.add_argument("--only", choices=sections.STANDARD, nargs="+", help="these sections; writes no result.json")
     which = parser.add_mutually_exclusive_group()
     which.add_argument("--quick", action="store_true", help="small lists, under a minute; to see that all is well")
@@ -57,9 +57,9 @@ def main():
     if options.record:
         return shutil.rmtree(BUILD / "recordings", ignore_errors=True)
     if options.quick:
-        return measure_all(sections.Bench(BUILD, directory.Scale.quick, options.rounds or 3), sections.QUICK,
+        return measure_all(sections.Bench(BUILD, entries.Scale.quick, options.rounds or 3), sections.QUICK,
                            BUILD / "result-quick.json")
-    bench = sections.Bench(BUILD, directory.Scale.standard, options.rounds or 7)
+    bench = sections.Bench(BUILD, entries.Scale.standard, options.rounds or 5)
     if options.check:
         return baseline.check(bench)
     if options.baseline:

@@ -10,6 +10,9 @@ import tempfile
 # A client that takes longer than this is run once, not in every round.
 SLOW_SECONDS = 5
 
+# The figures that are compared.
+RATIOS = ("seconds", "processor")
+
 
 class Client:
     """A program that reads a set: a name for the tables, and the words around the uniform arguments."""
@@ -72,25 +75,29 @@ def run(program, client, url, part, page_size):
 
 
 def medians(runs):
-    """The median of each figure."""
-    return {**{name: statistics.median(figures[name] for figures in runs) for name in runs[0]}, "runs": len(runs)}
+    """The median of each figure. The fastest run is the one that the rest of the machine has disturbed least."""
+    return {**{name: statistics.median(figures[name] for figures in runs) for name in runs[0]}, "runs": len(runs),
+            "fastest": min(figures["seconds"] for figures in runs)}
 
 
-def interleaved(tasks, rounds):
+def ratios(runs, yardstick):
+    """The median ratio to the yardstick's run of the same round."""
+    return {name: statistics.median(ours[name] / its[name] for ours, its in zip(runs, yardstick)) for name in RATIOS}
+
+
+def interleaved(tasks, rounds, yardstick_of, slow=SLOW_SECONDS):
     """Runs all tasks in turn, `rounds` times, so that a slow moment of the machine falls on all of them.
 
-    `tasks` maps a name to a function that returns figures. Returns the medians by name.
+    `tasks` maps a name to a function that returns figures, and `yardstick_of` a name to that of the task to compare
+    with. Returns the medians by name.
     """
     runs = {name: [] for name in tasks}
     for _ in range(rounds):
         for name, task in tasks.items():
-            if not runs[name] or runs[name][0]["seconds"] < SLOW_SECONDS:
+            if not runs[name] or runs[name][0]["seconds"] < slow:
                 runs[name].append(task())
-    return {name: medians(all_runs) for name, all_runs in runs.items()}
-
-
-def ratio(figures, yardstick, name):
-    return figures[name] / yardstick[name]
+    return {name: {**medians(all_runs), "ratios": ratios(all_runs, runs[yardstick_of(name)])}
+            for name, all_runs in runs.items()}
 
 
 def per_entry(small, large, small_entries, large_entries):

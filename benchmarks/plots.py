@@ -2,6 +2,8 @@
 import html
 import math
 
+import entries
+
 WIDTH = 760
 STYLE = """<style>
 text { font: 13px sans-serif; fill: #333 } .faint { fill: #777 } .title { font-weight: bold }
@@ -73,14 +75,13 @@ def of_section(name, result):
     """File name, description and text of each plot."""
     if name == "client_alone":
         for part, rows in result[name]["sets"].items():
-            fastest = {client: row["seconds"] / rows["raw loop"]["seconds"] for client, row in rows.items()
-                       if row["seconds"] < 6 * rows["raw loop"]["seconds"]}
-            title = f"{part}: time, raw loop = 1 (clients up to six times as slow)"
-            yield part, title, bars(title, fastest)
+            times = {client: row["ratios"]["seconds"] for client, row in rows.items() if row["ratios"]["seconds"] < 6}
+            title = f"Time for {entries.in_words(part)}; the raw loop's is 1. Clients up to six times as slow"
+            yield part, title, bars(title, times)
     if name == "growth":
         yield ("growth", "time per user, by number of users", lines(
-            "Time per user", "µs, by number of users",
-            by_client(result[name], "size", lambda row: row["seconds"] / row["size"] * 1e6)))
+            "Time per user in the fastest run", "µs, by number of users",
+            by_client(result[name], "size", lambda row: row["fastest"] / row["size"] * 1e6)))
     if name == "page_sizes":
         yield ("page-sizes", "time by page size", lines(
             "100,000 users", "seconds, by page size", by_client(result[name], "page_size", lambda row: row["seconds"])))

@@ -15,6 +15,9 @@ namespace tavo::bench {
 
 namespace {
 
+/// Below this the C library gives out memory without asking the kernel for it anew each time.
+constexpr std::size_t kPiece = 120 * 1024;
+
 std::string lowerCased(std::string text)
 {
     std::transform(text.begin(), text.end(), text.begin(),
@@ -148,20 +151,32 @@ bool endsOperation(std::string_view message)
            operation != static_cast<unsigned>(test::Answer::intermediateResponse);
 }
 
-void addressTo(std::int64_t messageId, std::string_view answer, std::string& result)
+void sendAddressed(
+    std::int64_t messageId, std::string_view answer, const std::function<void(std::string_view)>& send)
 {
     const std::string id = test::berNumber(messageId);
-    result.clear();
+    std::string piece;
+    piece.reserve(kPiece);
     while (!answer.empty()) {
         const Header header = headerOf(answer);
         const std::string_view content = answer.substr(header.size, header.contentLength);
         const std::size_t recordedId = 2 + static_cast<std::size_t>(content.at(1));
-        result += answer.front();
-        appendLength(content.size() - recordedId + id.size(), header.size - 1, result);
-        result += id;
-        result += content.substr(recordedId);
+        const std::string_view operation = content.substr(recordedId);
+        piece += answer.front();
+        appendLength(operation.size() + id.size(), header.size - 1, piece);
+        piece += id;
+        if (piece.size() + operation.size() > kPiece) {
+            send(piece);
+            piece.clear();
+        }
+        if (operation.size() > kPiece) {
+            send(operation);
+        } else {
+            piece += operation;
+        }
         answer.remove_prefix(header.size + header.contentLength);
     }
+    send(piece);
 }
 
 Recorder::Recorder(const char* file)

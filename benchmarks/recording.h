@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <fstream>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -19,8 +20,9 @@ std::string questionOf(const test::Request& request);
 /// Whether a server's message is the last answer to a request.
 bool endsOperation(std::string_view message);
 
-/// Writes the messages of a recorded answer to `result`, each with another message id.
-void addressTo(std::int64_t messageId, std::string_view answer, std::string& result);
+/// Passes the messages of a recorded answer on to `send`, each with another message id, in a few large pieces.
+void sendAddressed(
+    std::int64_t messageId, std::string_view answer, const std::function<void(std::string_view)>& send);
 
 /// Writes questions and answers to a file.
 class Recorder

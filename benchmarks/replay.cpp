@@ -168,7 +168,6 @@ void serve(std::span<char*> files)
     const Recordings recordings(files);
     acceptUntilInputEnds([&recordings](Socket& client) {
         std::string message;
-        std::string answer;
         while (client.receive(message)) {
             const test::Request request = test::decodeRequest(message);
             if (hasNoAnswer(request)) {
@@ -179,8 +178,8 @@ void serve(std::span<char*> files)
             if (!recorded) {
                 throw std::runtime_error("not recorded: " + question);
             }
-            addressTo(request.messageId, *recorded, answer);
-            client.send(answer);
+            sendAddressed(
+                request.messageId, *recorded, [&client](std::string_view piece) { client.send(piece); });
         }
     });
 }

@@ -2,6 +2,7 @@
 import json
 import sys
 
+import entries
 import measure
 import plots
 import sections
@@ -43,6 +44,10 @@ def milliseconds(seconds):
     return number(seconds * 1000, 1)
 
 
+def ratio(row, name):
+    return number(row["ratios"][name], 2)
+
+
 def mebibytes(row):
     return number(row["peak_kib"] / 1024, 1)
 
@@ -51,22 +56,12 @@ def optional(row, name, words):
     return words(row[name]) if name in row else "—"
 
 
-def set_name(name):
-    kind, *numbers = name.split("-")
-    if kind == "users":
-        return f"{int(numbers[0]):,} users"
-    if numbers[0] == "1":
-        return f"one group of {int(numbers[2]):,}"
-    return f"{int(numbers[0]):,} groups of {numbers[2]}"
-
-
 def table_of_set(part, rows, missing):
-    yardstick = rows[sections.RAW]
-    lines = [[name, milliseconds(row["seconds"]), number(measure.ratio(row, yardstick, "seconds"), 2),
-              milliseconds(row["processor"]), number(measure.ratio(row, yardstick, "processor"), 2),
+    lines = [[name, milliseconds(row["seconds"]), ratio(row, "seconds"),
+              milliseconds(row["processor"]), ratio(row, "processor"),
               optional(row, "first_page", milliseconds), mebibytes(row)] for name, row in rows.items()]
     lines += [[f"{name}: not installed ({package})", *["—"] * 6] for name, package in missing.items()]
-    return Table(set_name(part), ["client", "ms", "ratio", "processor ms", "ratio", "first page ms", "peak MiB"], lines)
+    return Table(entries.in_words(part), ["client", "ms", "ratio", "processor ms", "ratio", "first page ms", "peak MiB"], lines)
 
 
 def client_alone(section):
@@ -84,29 +79,26 @@ def counts(section):
 
 
 def growth(section):
-    return [Table("from 1,000 to 1,000,000 users", ["client", "users", "ms", "µs per user", "peak MiB"],
-                  [[row["client"], number(row["size"], 0), milliseconds(row["seconds"]),
-                    number(row["seconds"] / row["size"] * 1e6, 2), mebibytes(row)]
+    return [Table("from 1,000 to 1,000,000 users",
+                  ["client", "users", "ms", "ratio", "µs per user", "in the fastest run", "peak MiB"],
+                  [[row["client"], number(row["size"], 0), milliseconds(row["seconds"]), ratio(row, "seconds"),
+                    number(row["seconds"] / row["size"] * 1e6, 2), number(row["fastest"] / row["size"] * 1e6, 2),
+                    mebibytes(row)]
                    for row in sorted(section, key=lambda row: (row["client"], row["size"]))])]
 
 
 def page_sizes(section):
-    yardsticks = {row["page_size"]: row for row in section if row["client"] == sections.RAW}
     return [Table("100,000 users in pages of different sizes",
                   ["client", "page size", "ms", "ratio", "first page ms", "peak MiB"],
                   [[row["client"], number(row["page_size"], 0), milliseconds(row["seconds"]),
-                    number(measure.ratio(row, yardsticks[row["page_size"]], "seconds"), 2),
-                    milliseconds(row["first_page"]), mebibytes(row)] for row in section])]
+                    ratio(row, "seconds"), milliseconds(row["first_page"]), mebibytes(row)] for row in section])]
 
 
 def connections(section):
-    yardsticks = {row["connection"]: row for row in section if row["client"] == sections.RAW}
     return [Table("users from slapd, by kind of connection",
                   ["connection", "client", "ms", "ratio", "processor ms", "ratio", "connect ms", "connect to first user ms"],
                   [[row["connection"], row["client"], milliseconds(row["seconds"]),
-                    number(measure.ratio(row, yardsticks[row["connection"]], "seconds"), 2),
-                    milliseconds(row["processor"]),
-                    number(measure.ratio(row, yardsticks[row["connection"]], "processor"), 2),
+                    ratio(row, "seconds"), milliseconds(row["processor"]), ratio(row, "processor"),
                     milliseconds(row["connect"]), milliseconds(row["connect"] + row["first_page"])] for row in section])]
 
 
@@ -135,7 +127,7 @@ slapd's answers were recorded once and are played back, so the server takes next
 loop over libldap that reads every value of a paged search; *read-ahead* is the same with libldap's own read-ahead
 buffer. The ratio is the client's figure over that of the raw loop without read-ahead in the same run: below 1 the client
 is faster. *streaming* reads each page's records and drops them; *collecting* keeps all of them. The processor time is
-that of the whole process during the search, the peak memory that of the whole process. For `ldapsearch`, which can only
+that of the whole process during the search, the peak memory that of the whole process. A ratio is the median of those of the rounds. For `ldapsearch`, which can only
 be timed as a process, start and connecting are included."""),
     "counts": ("What an entry costs", """\
 Counted, not timed: the difference between a long and a short list, divided by the difference in entries. Instructions

@@ -3,6 +3,7 @@ import contextlib
 
 import count
 import directory
+import entries
 import measure
 import peers
 
@@ -25,7 +26,7 @@ class Bench:
         self.programs = build / "benchmarks"
         self.program = self.programs / "tavo_bench_measure"
         self.directories = {each: directory.Directory(build / f"directory-{each.name}", each.sets())
-                            for each in directory.Scale}
+                            for each in entries.Scale}
 
     def directory_of(self, part):
         return next(each for each in self.directories.values() if part.name in [known.name for known in each.sets])
@@ -75,12 +76,12 @@ class Bench:
 
     def compare(self, clients, url, part, page_size=PAGE_SIZE):
         return measure.interleaved(
-            {client.name: self.task(client, url, part, page_size) for client in clients}, self.rounds)
+            {client.name: self.task(client, url, part, page_size) for client in clients}, self.rounds, lambda _: RAW)
 
 
 def client_alone(bench):
     """All clients, on the replayed answers about each set: the server takes next to no time."""
-    others = peers.installed(bench.build) if bench.scale is directory.Scale.standard else []
+    others = peers.installed(bench.build) if bench.scale is entries.Scale.standard else []
     rows = {}
     for part in bench.scale.compared():
         with bench.replayed(part) as url:
@@ -100,7 +101,7 @@ def counts(bench):
     counters = {"instructions": count.instructions, "system_calls": count.system_calls,
                 "allocations": count.allocations(bench.programs / "libtavo_bench_allocations.so")}
     result = {}
-    for kind, (small, large) in directory.COUNTED.items():
+    for kind, (small, large) in entries.COUNTED.items():
         clients = [*bench.yardsticks(), *bench.ours(large)]
         result[kind] = {name: counted_per_entry(bench, counter, clients, small, large)
                         for name, counter in counters.items()}
@@ -110,30 +111,30 @@ def counts(bench):
 def instructions_of_fetches(bench):
     """Those for one entry of the two streaming fetches."""
     return {kind: counted_per_entry(bench, count.instructions, [bench.fetch(f"{kind}-streaming", name=kind)], *parts)[kind]
-            for kind, parts in directory.COUNTED.items()}
+            for kind, parts in entries.COUNTED.items()}
 
 
 def growth(bench):
     """Whether an entry of a long list costs more than one of a short list."""
     tasks = {}
     with contextlib.ExitStack() as stack:
-        for part in directory.GROWING:
+        for part in entries.GROWING:
             url = stack.enter_context(bench.replayed(part))
             for client in (bench.raw_loop(), bench.fetch("users-streaming", name="tavo streaming")):
                 tasks[client.name, part.entries] = bench.task(client, url, part)
-        rows = measure.interleaved(tasks, bench.rounds)
+        rows = measure.interleaved(tasks, bench.rounds, lambda key: (RAW, key[1]), slow=60)
     return [{"client": client, "size": size, **row} for (client, size), row in rows.items()]
 
 
 def page_sizes(bench):
-    part = directory.LARGE_USERS
+    part = entries.LARGE_USERS
     tasks = {}
     with contextlib.ExitStack() as stack:
         for size in PAGE_SIZES:
             url = stack.enter_context(bench.replayed(part, page_size=size))
             for client in (*bench.yardsticks(), bench.fetch("users-streaming", name="tavo streaming")):
                 tasks[client.name, size] = bench.task(client, url, part, size)
-        rows = measure.interleaved(tasks, bench.rounds)
+        rows = measure.interleaved(tasks, bench.rounds, lambda key: (RAW, key[1]))
     return [{"client": client, "page_size": size, **row} for (client, size), row in rows.items()]
 
 
@@ -157,7 +158,7 @@ def connections(bench):
             for client in (*bench.yardsticks(*option, **trust),
                            bench.fetch("users-streaming", *option, name="tavo streaming", **trust)):
                 tasks[kind, client.name] = bench.task(client, server, part)
-        rows = measure.interleaved(tasks, bench.rounds)
+        rows = measure.interleaved(tasks, bench.rounds, lambda key: (key[0], RAW))
     return [{"connection": kind, "client": client, **row} for (kind, client), row in rows.items()]
 
 
@@ -170,5 +171,5 @@ def managers(bench):
             for number in MANAGERS:
                 client = bench.fetch("users-streaming", "--managers", str(number), copies=number)
                 tasks[server, number] = bench.task(client, url, part)
-        rows = measure.interleaved(tasks, bench.rounds)
+        rows = measure.interleaved(tasks, bench.rounds, lambda key: (key[0], 1))
     return [{"server": server, "managers": number, **row} for (server, number), row in rows.items()]
