@@ -12,6 +12,7 @@ readonly check_steps=(
     "check_every_byte"
     "check_openssl_libldap"
     "check_fuzz"
+    "check_bench"
     "cmd_lint"
 )
 
@@ -58,6 +59,16 @@ check_fuzz() {
     local fuzz_seed=1
     # shellcheck disable=SC2119 # all targets, for the usual time
     cmd_fuzz
+}
+
+# No time is judged, which depends on what else the machine does: that every client reads everything, and that the
+# library takes no more instructions than it did.
+check_bench() {
+    local status=0
+    step "arithmetic of bench" bench_tests || status=1
+    step "bench --quick" ./dev bench --quick || return
+    step "bench --check" ./dev bench --check || status=1
+    return "$status"
 }
 
 cmd_check() {

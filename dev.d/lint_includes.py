@@ -8,7 +8,7 @@ import re
 import subprocess
 import sys
 
-PROGRAMS = ("tools/tavo_ldap", "examples", "tests", "fuzz")
+PROGRAMS = ("tools/tavo_ldap", "examples", "benchmarks", "tests", "fuzz")
 # These see what is installed, and nothing else.
 USERS = ("tools/tavo_ldap", "examples")
 
@@ -18,7 +18,7 @@ def drawn_modules():
     text = pathlib.Path("ARCHITECTURE.md").read_text()
     drawing = re.search(r"^## Modules\n.*?^```\n(.*?)^```", text, re.M | re.S).group(1)
     return {name: number for number, line in enumerate(drawing.splitlines())
-            for name in re.findall(r"(?:ldap|support|tools)/[\w/]+|\b(?:examples|tests|fuzz)\b", line)}
+            for name in re.findall(r"(?:ldap|support|tools)/[\w/]+|\b(?:examples|benchmarks|tests|fuzz)\b", line)}
 
 
 def files():
