@@ -1,6 +1,5 @@
 #include "ldap/user.h"
 
-#include <ldap/private/attribute_names.h>
 #include <tavo_reflect/json.h>
 
 #include <array>
@@ -10,16 +9,16 @@ namespace tavo::ldap {
 
 namespace {
 
-const AttributeName kMailAttribute(QByteArrayLiteral("mail"));
+// Literals: a search may still be read while the process exits and has destroyed what owns memory.
+const QString kMailAttribute = QStringLiteral("mail");
 
 /// In the order of preference.
-const std::array<AttributeName, 2> kFullNameAttributes{
-    AttributeName(QByteArrayLiteral("displayName")), AttributeName(QByteArrayLiteral("gecos"))};
+const std::array<QString, 2> kFullNameAttributes{QStringLiteral("displayName"), QStringLiteral("gecos")};
 
 QString displayName(const SearchEntry& entry)
 {
-    for (const AttributeName& attribute : kFullNameAttributes) {
-        QString name = entry.getAttributeFirstValue(attribute.text).trimmed();
+    for (const QString& attribute : kFullNameAttributes) {
+        QString name = entry.getAttributeFirstValue(attribute).trimmed();
         if (!name.isEmpty()) {
             return name;
         }
@@ -33,7 +32,7 @@ User User::fromSearchEntry(SearchEntry entry, const QByteArray& loginAttribute)
 {
     User user;
     user.dn = std::move(entry.dn);
-    user.email = entry.getAttributeFirstValue(kMailAttribute.text).trimmed().toLower();
+    user.email = entry.getAttributeFirstValue(kMailAttribute).trimmed().toLower();
     user.fullName = displayName(entry);
     if (user.fullName.isEmpty()) {
         user.fullName = dnFirstItem(user.dn).trimmed();
@@ -49,10 +48,10 @@ const std::vector<QByteArray>& User::attributes()
 {
     static const std::vector<QByteArray> attributes = [] {
         std::vector<QByteArray> names;
-        for (const AttributeName& attribute : kFullNameAttributes) {
-            names.push_back(attribute.key);
+        for (const QString& attribute : kFullNameAttributes) {
+            names.push_back(attribute.toUtf8());
         }
-        names.push_back(kMailAttribute.key);
+        names.push_back(kMailAttribute.toUtf8());
         return names;
     }();
     return attributes;
