@@ -57,7 +57,7 @@ def main():
     if options.record:
         return shutil.rmtree(BUILD / "recordings", ignore_errors=True)
     if options.quick:
-        return measure_all(sections.Bench(BUILD, entries.Scale.quick, options.rounds or 3), sections.QUICK,
+        return measure_all(sections.Bench(BUILD, entries.Scale.quick, options.rounds or 2), sections.QUICK,
                            BUILD / "result-quick.json")
     bench = sections.Bench(BUILD, entries.Scale.standard, options.rounds or 5)
     if options.check:

@@ -10,6 +10,10 @@ import tempfile
 # A client that takes longer than this is run once, not in every round.
 SLOW_SECONDS = 5
 
+# A client's turn lasts about as long, but for no more than so many runs.
+TURN_SECONDS = 0.3
+TURN_RUNS = 10
+
 # The figures that are compared.
 RATIOS = ("seconds", "processor")
 
@@ -75,29 +79,43 @@ def run(program, client, url, part, page_size):
 
 
 def medians(runs):
-    """The median of each figure. The fastest run is the one that the rest of the machine has disturbed least."""
-    return {**{name: statistics.median(figures[name] for figures in runs) for name in runs[0]}, "runs": len(runs),
-            "fastest": min(figures["seconds"] for figures in runs)}
+    """The median of each figure."""
+    return {name: statistics.median(figures[name] for figures in runs) for name in runs[0]}
 
 
-def ratios(runs, yardstick):
-    """The median ratio to the yardstick's run of the same round."""
-    return {name: statistics.median(ours[name] / its[name] for ours, its in zip(runs, yardstick)) for name in RATIOS}
+def ratios(turns, yardstick):
+    """The median ratio to the yardstick's turn of the same round."""
+    pairs = [(medians(ours), medians(its)) for ours, its in zip(turns, yardstick)]
+    return {name: statistics.median(ours[name] / its[name] for ours, its in pairs) for name in RATIOS}
+
+
+def summary(turns, yardstick):
+    """The figures of a task. The fastest run is the one that the rest of the machine has disturbed least."""
+    runs = [figures for turn in turns for figures in turn]
+    return {**medians(runs), "runs": len(runs), "fastest": min(figures["seconds"] for figures in runs),
+            "ratios": ratios(turns, yardstick)}
+
+
+def take_turn(task):
+    """Runs a task, a short one several times: the shorter a run, the more a moment's disturbance makes of it."""
+    runs = [task()]
+    while sum(figures["process_seconds"] for figures in runs) < TURN_SECONDS and len(runs) < TURN_RUNS:
+        runs.append(task())
+    return runs
 
 
 def interleaved(tasks, rounds, yardstick_of, slow=SLOW_SECONDS):
-    """Runs all tasks in turn, `rounds` times, so that a slow moment of the machine falls on all of them.
+    """Gives all tasks a turn, `rounds` times, so that a slow moment of the machine falls on all of them.
 
     `tasks` maps a name to a function that returns figures, and `yardstick_of` a name to that of the task to compare
-    with. Returns the medians by name.
+    with. Returns the summaries by name.
     """
-    runs = {name: [] for name in tasks}
+    turns = {name: [] for name in tasks}
     for _ in range(rounds):
         for name, task in tasks.items():
-            if not runs[name] or runs[name][0]["seconds"] < slow:
-                runs[name].append(task())
-    return {name: {**medians(all_runs), "ratios": ratios(all_runs, runs[yardstick_of(name)])}
-            for name, all_runs in runs.items()}
+            if not turns[name] or turns[name][0][0]["seconds"] < slow:
+                turns[name].append(take_turn(task))
+    return {name: summary(own, turns[yardstick_of(name)]) for name, own in turns.items()}
 
 
 def per_entry(small, large, small_entries, large_entries):

@@ -176,7 +176,8 @@ void serve(std::span<char*> files)
             const std::string question = questionOf(request);
             const std::optional<std::string_view> recorded = recordings.answerTo(question);
             if (!recorded) {
-                throw std::runtime_error("not recorded: " + question);
+                throw std::runtime_error(
+                    "not recorded: " + question + "; if clients ask for something new: ./dev bench --record");
             }
             sendAddressed(
                 request.messageId, *recorded, [&client](std::string_view piece) { client.send(piece); });

@@ -1,6 +1,7 @@
 """Tables of a result: as text for the terminal, and as docs/performance.md with its plots."""
 import json
 import sys
+import textwrap
 
 import entries
 import measure
@@ -154,11 +155,17 @@ What it costs to read users and groups, beside a plain loop over libldap and oth
 Measured on {result['environment']['date']}, commit {result['environment']['commit']}, on {machine['processors']} processors
 ({machine['processor']}), {machine['memory']} of memory, {machine['system']}, kernel {machine['kernel']}; {', '.join(f'{name} {version}' for name, version in versions.items())}.
 
-The clients took turns, {result['rounds']} rounds of all of them (one that takes more than {measure.SLOW_SECONDS} seconds ran once), and the
-medians count. All asked for the same attributes in pages of {sections.PAGE_SIZE:,}, unless said otherwise, and each run
+The clients took turns, {result['rounds']} rounds of all of them, and the medians count. A short run was repeated within its
+turn; a client that takes more than {measure.SLOW_SECONDS} seconds had one turn. All asked for the same attributes in pages of {sections.PAGE_SIZE:,}, unless said otherwise, and each run
 was checked: a client that didn't read every entry and every value would have stopped the benchmark. Client and server
 shared the machine. Compare ratios rather than times: those say more about the machine.
 """
+
+
+def wrapped(text):
+    """Each paragraph in lines of the width that the other pages have."""
+    return "\n\n".join(textwrap.fill(paragraph, 120, break_long_words=False, break_on_hyphens=False)
+                       for paragraph in text.split("\n\n"))
 
 
 def write_page(source, folder):
@@ -167,9 +174,9 @@ def write_page(source, folder):
     result = json.loads(source.read_text())
     images = folder / "performance"
     images.mkdir(exist_ok=True)
-    parts = [introduction(result)]
+    parts = [wrapped(introduction(result)) + "\n"]
     for name, (heading, words) in HEADINGS.items():
-        parts.append(f"## {heading}\n\n{words}\n")
+        parts.append(f"## {heading}\n\n{wrapped(words)}\n")
         for image, description, text in plots.of_section(name, result):
             (images / f"{image}.svg").write_text(text)
             parts.append(f"![{description}](performance/{image}.svg)\n")
