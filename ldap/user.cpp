@@ -48,6 +48,7 @@ const std::vector<QByteArray>& User::attributes()
 {
     static const std::vector<QByteArray> attributes = [] {
         std::vector<QByteArray> names;
+        names.reserve(kFullNameAttributes.size() + 1);
         for (const QString& attribute : kFullNameAttributes) {
             names.push_back(attribute.toUtf8());
         }
