@@ -144,6 +144,13 @@ def write_session():
     write("session", "raw", RAW, 0, raw)
     write("session", "undecodable-twice", RAW | VENDOR_FIRST, 0, b"\x30\x05\x02\x01\x01\x65\x84" * 2)
     write("session", "silent", 0, 0)
+    nameless = text(b"", 0x8A)
+    write("session", "identity-with-an-empty-name", 0, 0, bound, message(result(0x78, 0, b"", b"", nameless)))
+    write("session", "start-tls-with-an-empty-name", START_TLS, 0, message(result(0x78, 0, b"", b"", nameless)))
+    write("session", "name-behind-the-operation", 0, 0, message(result(0x78) + nameless, number=0), bound)
+    write("session", "name-behind-a-nul", 0, 0, message(result(0x78, 0, b"a\0", b"", nameless), number=0), bound)
+    long_code = tlv(0x78, tlv(0x0A, bytes(5)), nameless, text(b""))
+    write("session", "name-behind-a-long-code", 0, 0, message(long_code, number=0), bound)
 
 
 write_page_loop()

@@ -77,6 +77,18 @@ TEST_F(HostileServer, EndsAPagedSearchAndNotTheProcess)
     EXPECT_THAT(resultsOf(fetch(2)), ElementsAre(Result::moreResults, Result::connectError));
 }
 
+TEST_F(HostileServer, EndsAnIdentityCheckWhoseAnswerHasAnEmptyName)
+{
+    server.expectWhoAmI().answer(success().responseName(""));
+    expectProtocolError([&] { session.whoAmI(); });
+}
+
+TEST_F(HostileServer, EndsAnUpgradeWhoseAnswerHasAnEmptyName)
+{
+    server.expectStartTls().answer(success().responseName(""));
+    expectProtocolError([&] { Session(urlOf(server), true, true); });
+}
+
 /// A man in the middle adds to what a server says before TLS begins.
 using InjectedAnswers = HostileServer;
 

@@ -73,6 +73,13 @@ public:
         return {bytes.data(), static_cast<std::size_t>(count < 0 ? 0 : count)};
     }
 
+    /// Waits for what comes next.
+    bool isEnded() const
+    {
+        char next = 0;
+        return recv(m_socket, &next, 1, 0) == 0;
+    }
+
 private:
     int m_socket;
 };
@@ -110,6 +117,19 @@ TEST(Layers, AskForBytesThatAreReadAheadBeforeTheSocket)
     EXPECT_EQ(nextMessage(connection), "second message");
     EXPECT_EQ(ber_sockbuf_ctrl(connection, LBER_SB_OPT_DATA_READY, nullptr), 0);
     EXPECT_EQ(ber_sockbuf_ctrl(connection, LBER_SB_OPT_GET_SSL, nullptr), 0);
+}
+
+TEST(Layers, EndAConnectionWhoseBytesNobodyReads)
+{
+    const LdapHandle handle = handleFor("ldap://127.0.0.1:1");
+    Sockbuf* const connection = connectionOf(handle.get());
+    const Peer peer(connection);
+    peer.send(tlv(0x30, "first message") + tlv(0x30, "second message"));
+    EXPECT_EQ(nextMessage(connection), "first message");
+
+    while (ber_sockbuf_ctrl(connection, LBER_SB_OPT_DATA_READY, nullptr) != 0) {
+    }
+    EXPECT_TRUE(peer.isEnded());
 }
 
 TEST(Layers, EndTheConnectionAtAMessageThatWouldEndTheProcess)

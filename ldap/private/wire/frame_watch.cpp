@@ -1,6 +1,5 @@
 #include "ldap/private/wire/frame_watch.h"
 
-#include <lber.h>
 #include <ldap.h>
 
 #include <algorithm>
@@ -14,88 +13,119 @@ namespace {
 
 constexpr unsigned char kMessageTag = 0x30;
 constexpr unsigned char kIntegerTag = 0x02;
-constexpr unsigned char kLongForm = 0x80;
-constexpr std::size_t kLongestId = 4;
-/// No notification is longer.
-constexpr std::size_t kLongestSuspect = 64 * 1024;
-
 constexpr unsigned char kLongTag = 0x1f;
+constexpr unsigned char kLongForm = 0x80;
+/// Of a message; the client library takes no longer one.
+constexpr std::size_t kLongestLength = 4;
+/// Where the operation begins at the latest in any message that makes sense.
+constexpr std::size_t kLongestStart = 16;
+/// No answer that the library asks for is longer, and no notice.
+constexpr std::size_t kLongestSuspect = std::size_t{64} * 1024;
 
-/// Takes the next element (X.690) off the bytes, as the client library would, but for tags of several bytes:
-/// no message that makes sense has one.
-/// \return its content
-std::optional<std::string_view> takeElement(std::string_view& bytes, unsigned char& tag)
+/// Takes a tag off the bytes, as the client library would. Only those of one byte are told apart.
+std::optional<unsigned char> takeTag(std::string_view& bytes)
 {
-    if (bytes.size() < 2) {
+    if (bytes.empty()) {
         return std::nullopt;
     }
-    tag = static_cast<unsigned char>(bytes[0]);
-    std::size_t length = static_cast<unsigned char>(bytes[1]);
-    bytes.remove_prefix(2);
-    if ((tag & kLongTag) == kLongTag) {
-        return std::nullopt;
+    const auto tag = static_cast<unsigned char>(bytes.front());
+    bytes.remove_prefix(1);
+    if ((tag & kLongTag) != kLongTag) {
+        return tag;
     }
-    if ((length & kLongForm) != 0) {
-        const std::size_t size = length & ~std::size_t{kLongForm};
-        if (size == 0 || size > sizeof(ber_len_t) || size > bytes.size()) {
-            return std::nullopt;
+    for (std::size_t size = 1; size < sizeof(ber_tag_t) && !bytes.empty(); ++size) {
+        const bool isLast = (static_cast<unsigned char>(bytes.front()) & kLongForm) == 0;
+        bytes.remove_prefix(1);
+        if (isLast) {
+            return kLongTag;
         }
-        length = 0;
-        for (const char byte : bytes.substr(0, size)) {
-            length = length << CHAR_BIT | static_cast<unsigned char>(byte);
-        }
-        bytes.remove_prefix(size);
     }
-    if (length > bytes.size()) {
-        return std::nullopt;
-    }
-    const std::string_view content = bytes.substr(0, length);
-    bytes.remove_prefix(length);
-    return content;
+    return std::nullopt;
 }
 
-bool isZero(std::string_view number) { return number.find_first_not_of('\0') == std::string_view::npos; }
-
-/// The name, where the client library looks for it: behind the result code and the two texts. It looks there
-/// even if it couldn't decode them.
-bool hasEmptyName(std::string_view notification)
+/// Takes a length off the bytes, as the client library would.
+std::optional<std::size_t> takeLength(std::string_view& bytes)
 {
-    unsigned char tag = 0;
-    for (int i = 0; i < 3; ++i) {
-        if (!takeElement(notification, tag)) {
+    if (bytes.empty()) {
+        return std::nullopt;
+    }
+    const auto first = static_cast<unsigned char>(bytes.front());
+    bytes.remove_prefix(1);
+    if ((first & kLongForm) == 0) {
+        return first;
+    }
+    const std::size_t size = first & ~kLongForm;
+    if (size == 0 || size > sizeof(ber_len_t) || size > bytes.size()) {
+        return std::nullopt;
+    }
+    std::size_t length = 0;
+    for (const char byte : bytes.substr(0, size)) {
+        length = length << CHAR_BIT | static_cast<unsigned char>(byte);
+    }
+    bytes.remove_prefix(size);
+    return length;
+}
+
+struct Element
+{
+    unsigned char tag;
+    std::string_view content;
+};
+
+/// Takes the next element (X.690) off the bytes, as the client library would.
+std::optional<Element> takeElement(std::string_view& bytes)
+{
+    const auto tag = takeTag(bytes);
+    const auto length = tag ? takeLength(bytes) : std::nullopt;
+    if (!length || *length > bytes.size()) {
+        return std::nullopt;
+    }
+    const Element element{*tag, bytes.substr(0, *length)};
+    bytes.remove_prefix(*length);
+    return element;
+}
+
+/// The tag of the operation, once it is there, behind a message id that has the usual tag.
+std::optional<unsigned char> operationTag(std::string_view content)
+{
+    const auto id = takeElement(content);
+    if (!id || id->tag != kIntegerTag || content.empty()) {
+        return std::nullopt;
+    }
+    return static_cast<unsigned char>(content.front());
+}
+
+/// Whether the client library may abort on the message.
+///
+/// Where it looks for the name depends on which of the elements before it can decode. It goes from one element
+/// to the next, to the end of the message and not of the operation. So a name may be any of them. No element of
+/// another kind has that tag.
+bool isFatal(std::string_view content)
+{
+    if (!takeElement(content)) {
+        return false;
+    }
+    std::string_view operation = content;
+    const auto whole = takeElement(content);
+    if (!whole || whole->tag != LDAP_RES_EXTENDED) {
+        return false;
+    }
+    takeTag(operation);
+    takeLength(operation);
+    while (const auto element = takeElement(operation)) {
+        const bool isName = element->tag == LDAP_TAG_EXOP_RES_OID;
+        if (isName && (element->content.empty() || element->content.front() == '\0')) {
             return true;
         }
     }
-    if (notification.empty()) {
-        return false;
-    }
-    const auto name = takeElement(notification, tag);
-    return !name || (tag == LDAP_TAG_EXOP_RES_OID && name->empty());
-}
-
-/// Whether the client library would abort on the message. What neither it nor this can read does no harm.
-bool isFatal(std::string_view content)
-{
-    unsigned char tag = 0;
-    const auto id = takeElement(content, tag);
-    if (!id) {
-        return (tag & kLongTag) == kLongTag;
-    }
-    if (!isZero(*id)) {
-        return false;
-    }
-    const auto operation = takeElement(content, tag);
-    return operation && tag == LDAP_RES_EXTENDED && hasEmptyName(*operation);
+    return false;
 }
 
 } // namespace
 
 bool FrameWatch::admits(std::string_view bytes) noexcept
 try {
-    while (!bytes.empty()) {
-        if (m_next == Next::nothing) {
-            return true;
-        }
+    while (!bytes.empty() && m_next != Next::nothing) {
         if (m_next == Next::rest) {
             bytes.remove_prefix(takeRest(bytes));
         } else {
@@ -124,7 +154,7 @@ void FrameWatch::takeByte(unsigned char byte)
         takeLength(byte);
         return;
     default:
-        takeIdByte(byte);
+        takeStart(byte);
     }
 }
 
@@ -134,7 +164,7 @@ void FrameWatch::takeLength(unsigned char byte)
         const bool isLong = (byte & kLongForm) != 0;
         m_bytesLeft = isLong ? byte & ~kLongForm : 0;
         m_contentLeft = isLong ? 0 : byte;
-        if (isLong && (m_bytesLeft == 0 || m_bytesLeft > sizeof(ber_len_t))) {
+        if (isLong && (m_bytesLeft == 0 || m_bytesLeft > kLongestLength)) {
             m_next = Next::nothing;
             return;
         }
@@ -145,26 +175,20 @@ void FrameWatch::takeLength(unsigned char byte)
     m_next = Next::longLength;
     if (m_bytesLeft == 0) {
         // The client library takes no empty message.
-        m_next = m_contentLeft == 0 ? Next::nothing : Next::idTag;
+        m_next = m_contentLeft == 0 ? Next::nothing : Next::start;
         m_isSuspect = true;
     }
 }
 
-void FrameWatch::takeIdByte(unsigned char byte)
+void FrameWatch::takeStart(unsigned char byte)
 {
     m_content.push_back(static_cast<char>(byte));
     --m_contentLeft;
-    if (m_next == Next::idTag) {
-        m_next = byte == kIntegerTag ? Next::idLength : Next::rest;
-    } else if (m_next == Next::idLength) {
-        m_bytesLeft = byte;
-        m_next = byte != 0 && byte <= kLongestId ? Next::id : Next::rest;
-    } else {
-        --m_bytesLeft;
-        m_isSuspect = byte == 0;
-        if (!m_isSuspect || m_bytesLeft == 0) {
-            m_next = Next::rest;
-        }
+    if (const auto tag = operationTag(m_content)) {
+        m_isSuspect = *tag == LDAP_RES_EXTENDED;
+        m_next = Next::rest;
+    } else if (m_content.size() == kLongestStart) {
+        m_next = Next::rest;
     }
 }
 
@@ -181,7 +205,7 @@ std::size_t FrameWatch::takeRest(std::string_view bytes)
 /// \return false when the message is complete and would be the end of the process
 bool FrameWatch::endMessage()
 {
-    const bool isInContent = m_next >= Next::idTag && m_next <= Next::rest;
+    const bool isInContent = m_next == Next::start || m_next == Next::rest;
     if (!isInContent || m_contentLeft != 0) {
         return true;
     }

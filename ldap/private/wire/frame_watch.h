@@ -7,10 +7,8 @@
 namespace tavo::ldap {
 
 /// Follows the messages of a server as their bytes come in, above TLS, and finds those that would end the
-/// process in the client library.
-///
-/// One is known: an unsolicited notification (RFC 4511, section 4.4) with an empty name, on which it aborts.
-/// Each that it may not be able to decode counts as one. It reads other messages on its own.
+/// process in the client library: extended responses (RFC 4511, section 4.12) with an empty name, on which it
+/// aborts. A notice has such a response (section 4.4), and so have the answers to StartTLS and who-am-I.
 ///
 /// Not thread-safe.
 class FrameWatch
@@ -29,9 +27,8 @@ private:
         tag,
         length,
         longLength,
-        idTag,
-        idLength,
-        id,
+        /// Of the content, up to the tag of the operation.
+        start,
         rest,
         /// What comes is no message; the client library closes the connection.
         nothing
@@ -39,16 +36,16 @@ private:
 
     void takeByte(unsigned char byte);
     void takeLength(unsigned char byte);
-    void takeIdByte(unsigned char byte);
+    void takeStart(unsigned char byte);
     std::size_t takeRest(std::string_view bytes);
     bool endMessage();
 
     Next m_next = Next::tag;
-    /// Of the length or the message id, whichever comes in.
+    /// Of the length.
     std::size_t m_bytesLeft = 0;
     /// Of the message.
     std::size_t m_contentLeft = 0;
-    /// Whether the message may be a notification. Its content is then kept.
+    /// Whether the message may be an extended response. Its content is then kept.
     bool m_isSuspect = true;
     std::string m_content;
 };

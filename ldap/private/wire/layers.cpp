@@ -12,10 +12,11 @@
 #include <cstring>
 #include <new>
 
-// The client library's lock on the connections of a handle and its duplicates (ld_conn_mutex) is held while it
-// connects, writes, reads and closes, whichever thread does, and so by every caller of the functions below; but
-// not during the handshake of StartTLS, when a session has no search yet. The number of the socket can be read
-// without that lock, so it is taken back before it is closed.
+// The client library holds its lock on the connections of a handle and its duplicates (ld_conn_mutex) while it
+// connects, reads and closes, and that or the one on their requests (ld_req_mutex) while it writes, whichever
+// thread does, and so does every caller of the functions below; but not during the handshake of StartTLS, when a
+// session has no search yet. The number of the socket can be read without a lock, so it is taken back before it
+// is closed.
 namespace tavo::ldap {
 
 namespace {
@@ -32,16 +33,26 @@ ber_socket_t socketOf(Sockbuf* connection) noexcept
     return socket;
 }
 
-/// What the layer keeps about its connection. A layer whose setup found no memory stays where it is, without.
-template <class State>
-int makeState(Sockbuf_IO_Desc* layer, void*) noexcept
+/// A layer whose setup finds no memory stays where it is, without a state.
+int keepState(Sockbuf_IO_Desc* layer, void* state) noexcept
 {
-    layer->sbiod_pvt = new (std::nothrow) State;
-    if (layer->sbiod_pvt == nullptr) {
+    layer->sbiod_pvt = state;
+    if (state == nullptr) {
         errno = ENOMEM;
         return -1;
     }
     return 0;
+}
+
+/// \param tlsSession null if TLS hasn't begun
+int makeStream(Sockbuf_IO_Desc* layer, void* tlsSession) noexcept
+{
+    return keepState(layer, new (std::nothrow) SocketStream(tlsSession != nullptr));
+}
+
+int makeWatch(Sockbuf_IO_Desc* layer, void*) noexcept
+{
+    return keepState(layer, new (std::nothrow) FrameWatch);
 }
 
 template <class State>
@@ -78,9 +89,17 @@ ber_slen_t writeSocket(Sockbuf_IO_Desc* layer, void* data, ber_len_t size) noexc
 /// The client library asks whether there are bytes before it waits for the socket.
 int controlSocket(Sockbuf_IO_Desc* layer, int option, void* argument) noexcept
 {
-    const auto* const stream = static_cast<const SocketStream*>(layer->sbiod_pvt);
-    if (option == LBER_SB_OPT_DATA_READY && stream != nullptr && stream->hasBytes()) {
+    auto* const stream = static_cast<SocketStream*>(layer->sbiod_pvt);
+    const bool isAsked = option == LBER_SB_OPT_DATA_READY && stream != nullptr;
+    switch (isAsked ? stream->readiness() : SocketStream::Readiness::nothing) {
+    case SocketStream::Readiness::bytes:
         return 1;
+    case SocketStream::Readiness::abandoned:
+        // Now those who still wait for this connection see its end.
+        shutdown(socketOf(layer->sbiod_sb), SHUT_RDWR);
+        break;
+    case SocketStream::Readiness::nothing:
+        break;
     }
     return LBER_SBIOD_CTRL_NEXT(layer, option, argument);
 }
@@ -146,7 +165,7 @@ int closeWatch(Sockbuf_IO_Desc* layer) noexcept
 Sockbuf_IO& socketLayer()
 {
     static Sockbuf_IO layer{
-        .sbi_setup = &makeState<SocketStream>,
+        .sbi_setup = &makeStream,
         .sbi_remove = &deleteState<SocketStream>,
         .sbi_ctrl = &controlSocket,
         .sbi_read = &readSocket,
@@ -159,7 +178,7 @@ Sockbuf_IO& socketLayer()
 Sockbuf_IO& watchLayer()
 {
     static Sockbuf_IO layer{
-        .sbi_setup = &makeState<FrameWatch>,
+        .sbi_setup = &makeWatch,
         .sbi_remove = &deleteState<FrameWatch>,
         .sbi_ctrl = &passControl,
         .sbi_read = &readWatched,
@@ -169,10 +188,11 @@ Sockbuf_IO& watchLayer()
     return layer;
 }
 
+/// \param tlsSession null if TLS hasn't begun
 /// \return 0, or below 0 with `errno`
-int addBoth(Sockbuf* connection) noexcept
+int addBoth(Sockbuf* connection, void* tlsSession) noexcept
 {
-    const int added = ber_sockbuf_add_io(connection, &socketLayer(), kSocketLevel, nullptr);
+    const int added = ber_sockbuf_add_io(connection, &socketLayer(), kSocketLevel, tlsSession);
     return added != 0 ? added : ber_sockbuf_add_io(connection, &watchLayer(), kWatchLevel, nullptr);
 }
 
@@ -181,7 +201,12 @@ int addBoth(Sockbuf* connection) noexcept
 int restoreLayers(LDAP*, LDAPURLDesc**, LDAPURLDesc**, void* connection) noexcept
 {
     auto* const sockbuf = static_cast<Sockbuf*>(connection);
-    if (ber_sockbuf_ctrl(sockbuf, LBER_SB_OPT_HAS_IO, &socketLayer()) == 0 && addBoth(sockbuf) != 0) {
+    if (ber_sockbuf_ctrl(sockbuf, LBER_SB_OPT_HAS_IO, &socketLayer()) != 0) {
+        return LDAP_SUCCESS;
+    }
+    void* tlsSession = nullptr;
+    ber_sockbuf_ctrl(sockbuf, LBER_SB_OPT_GET_SSL, static_cast<void*>(&tlsSession));
+    if (addBoth(sockbuf, tlsSession) != 0) {
         // The client library takes no answer from here; without them the connection is of no use.
         shutdown(socketOf(sockbuf), SHUT_RDWR);
     }
@@ -197,7 +222,7 @@ void addLayers(LDAP* ld)
     if (rc != LDAP_OPT_SUCCESS) {
         throw BaseError(rc, QStringLiteral("get LDAP_OPT_SOCKBUF"), 0);
     }
-    const int added = addBoth(connection);
+    const int added = addBoth(connection, nullptr);
     const int systemError = errno;
     if (added != 0) {
         throw BaseError(LDAP_NO_MEMORY, QStringLiteral("ber_sockbuf_add_io"), systemError);

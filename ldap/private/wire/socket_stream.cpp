@@ -23,40 +23,14 @@ constexpr int kPatience = 100;
 
 bool wouldBlock() noexcept { return errno == EAGAIN || errno == EWOULDBLOCK; }
 
-/// \return false with the `errno` that the caller then has
-bool isReadySoon(int socket, short events) noexcept
-{
-    const int wouldBlock = errno;
-    pollfd waiting{socket, events, 0};
-    const int count = poll(&waiting, 1, kPatience);
-    if (count == 0) {
-        errno = wouldBlock;
-    }
-    return count > 0;
-}
-
-ssize_t receive(int socket, char* to, std::size_t size) noexcept
-{
-    ssize_t count = recv(socket, to, size, 0);
-    if (count < 0 && wouldBlock() && isReadySoon(socket, POLLIN)) {
-        count = recv(socket, to, size, 0);
-    }
-    return count;
-}
-
-ssize_t transmit(int socket, std::string_view bytes) noexcept
-{
-    ssize_t count = send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    if (count < 0 && wouldBlock() && isReadySoon(socket, POLLOUT)) {
-        count = send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    }
-    return count;
-}
+/// The client library asks twice before it reads.
+constexpr int kMostOffers = 8;
 
 } // namespace
 
 ssize_t SocketStream::read(int socket, char* to, std::size_t size) noexcept
 {
+    m_offers = 0;
     if (!hasBytes() && size >= kCapacity) {
         return receive(socket, to, size);
     }
@@ -97,6 +71,53 @@ ssize_t SocketStream::write(int socket, std::string_view bytes) noexcept
     return count;
 }
 
+SocketStream::Readiness SocketStream::readiness() noexcept
+{
+    if (!hasBytes()) {
+        return Readiness::nothing;
+    }
+    if (++m_offers <= kMostOffers) {
+        return Readiness::bytes;
+    }
+    reset();
+    return Readiness::abandoned;
+}
+
+/// \return false with the `errno` that the caller then has
+bool SocketStream::isReadySoon(int socket, short events) noexcept
+{
+    m_hasWaited = !m_hasWaited;
+    if (!m_hasWaited) {
+        return false;
+    }
+    const int wouldBlock = errno;
+    pollfd waiting{socket, events, 0};
+    const int count = poll(&waiting, 1, kPatience);
+    if (count >= 0) {
+        // The client library looks at it after good calls, too.
+        errno = count == 0 ? wouldBlock : 0;
+    }
+    return count > 0;
+}
+
+ssize_t SocketStream::receive(int socket, char* to, std::size_t size) noexcept
+{
+    ssize_t count = recv(socket, to, size, 0);
+    if (count < 0 && wouldBlock() && isReadySoon(socket, POLLIN)) {
+        count = recv(socket, to, size, 0);
+    }
+    return count;
+}
+
+ssize_t SocketStream::transmit(int socket, std::string_view bytes) noexcept
+{
+    ssize_t count = send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (count < 0 && wouldBlock() && isReadySoon(socket, POLLOUT)) {
+        count = send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    }
+    return count;
+}
+
 bool SocketStream::mayStartTls(int socket) const noexcept
 {
     const utils::SystemErrorKeeper keepSystemError;
@@ -110,6 +131,8 @@ void SocketStream::reset() noexcept
     m_end = 0;
     m_unwritten = 0;
     m_isEncrypted = false;
+    m_hasWaited = false;
+    m_offers = 0;
 }
 
 } // namespace tavo::ldap

@@ -18,7 +18,13 @@ namespace tavo::ldap {
 class SocketStream
 {
 public:
-    /// Like read(2): waits for the first byte, unless the socket is non-blocking.
+    /// \param isEncrypted whether TLS has begun
+    explicit SocketStream(bool isEncrypted = false)
+        : m_isEncrypted(isEncrypted)
+    {}
+
+    /// Like read(2): waits for the first byte, for a non-blocking socket a while only. A call that waited has
+    /// the next one not wait, so that its caller can look at the time.
     /// \return the number of bytes, 0 at the end of the stream; below 0 with `errno`
     ssize_t read(int socket, char* to, std::size_t size) noexcept;
 
@@ -30,13 +36,26 @@ public:
     /// Whether the next read has bytes without asking the socket.
     bool hasBytes() const noexcept { return m_begin != m_end; }
 
+    /// The same, for a caller that reads then. When it has asked several times and read nothing, it never will:
+    /// the connection has failed, and it would ask for ever. What has been read ahead is dropped, once.
+    enum class Readiness
+    {
+        nothing,
+        bytes,
+        abandoned
+    };
+    Readiness readiness() noexcept;
+
     /// The connection has ended: what has been read ahead is dropped, and the next one begins.
     void reset() noexcept;
 
 private:
-    static constexpr std::size_t kCapacity = 64 * 1024;
+    static constexpr std::size_t kCapacity = std::size_t{64} * 1024;
 
     bool mayStartTls(int socket) const noexcept;
+    bool isReadySoon(int socket, short events) noexcept;
+    ssize_t receive(int socket, char* to, std::size_t size) noexcept;
+    ssize_t transmit(int socket, std::string_view bytes) noexcept;
 
     /// None before the first byte is read.
     std::unique_ptr<std::array<char, kCapacity>> m_buffer;
@@ -44,7 +63,10 @@ private:
     std::size_t m_end = 0;
     /// What is left of the request that is being written.
     std::size_t m_unwritten = 0;
-    bool m_isEncrypted = false;
+    bool m_isEncrypted;
+    bool m_hasWaited = false;
+    /// How often `readiness` has said that there are bytes since the last read.
+    int m_offers = 0;
 };
 
 } // namespace tavo::ldap

@@ -86,17 +86,48 @@ TEST(FrameWatch, RefusesAnEmptyNameHoweverTheIdAndLengthsAreWritten)
     EXPECT_FALSE(isAdmitted(Bytes("\x30\x84\0\0\0", 5) + size + content));
 }
 
-TEST(FrameWatch, RefusesANoticeThatCannotBeRead)
+TEST(FrameWatch, RefusesAnEmptyNameWhereverItMayBeLookedFor)
+{
+    const Bytes name = tlv(kName, "");
+    const Bytes code = berNumber(0, kEnumerated);
+    const Bytes text = tlv(kText, "");
+    const std::vector<Bytes> contents{
+        // Behind the operation; behind what can't be decoded: too long a code, a NUL in the matched DN.
+        kZero + tlv(kExtendedResponse, code + text + text) + name,
+        kZero + tlv(kExtendedResponse, Bytes("\x0a\x05\0\0\0\0\0", 7) + name + text),
+        kZero + tlv(kExtendedResponse, code + tlv(kText, std::string("a\0b", 3)) + name),
+        kZero + tlv(kExtendedResponse, name),
+        kZero + tlv(kExtendedResponse, Bytes("\x1f\x81\x01\x00", 4) + name),
+        // The answers to who-am-I and StartTLS, also behind a referral.
+        berNumber(3) + tlv(kExtendedResponse, code + text + text + name),
+        berNumber(70000) + tlv(kExtendedResponse, code + text + text + tlv(kName, std::string("\0x", 2))),
+        Bytes("\x02\x81\x01\x05", 4) +
+            tlv(kExtendedResponse, code + text + text + tlv(kReferral, tlv(kText, "ldap://a/")) + name),
+    };
+    for (const Bytes& content : contents) {
+        EXPECT_FALSE(isAdmitted(tlv(kMessage, content))) << testing::PrintToString(content);
+        EXPECT_EQ(admittedOneByOne(tlv(kMessage, content)), tlv(kMessage, content).size() - 1);
+    }
+    EXPECT_FALSE(isAdmitted(message(Bytes("\x1f\x02\x01\x00", 4), tlv(kExtendedResponse, name))));
+}
+
+TEST(FrameWatch, AdmitsWhatNeitherItNorTheClientLibraryCanRead)
 {
     for (const Bytes& content : {Bytes(), Bytes("\x0a"), berNumber(0, kEnumerated), kResult + "\x8a",
              kResult + Bytes("\x8a\x05"
                              "12",
                            4),
-             kResult + Bytes("\x1f\x8a\x00", 3), Bytes("\x0a\x84\x7f\xff\xff\xff", 6)}) {
-        EXPECT_FALSE(isAdmitted(message(kZero, tlv(kExtendedResponse, content))))
+             Bytes("\x0a\x84\x7f\xff\xff\xff", 6)}) {
+        EXPECT_TRUE(isAdmitted(message(kZero, tlv(kExtendedResponse, content))))
             << testing::PrintToString(content);
     }
-    EXPECT_FALSE(isAdmitted(message(Bytes("\x1f\x02\x01\x00", 4), tlv(kExtendedResponse, kResult))));
+}
+
+TEST(FrameWatch, AdmitsAnswersOfAnySizeHoweverTheirIdIsWritten)
+{
+    const Bytes large = tlv(kSearchEntry, tlv(kText, std::string(200'000, 'x')));
+    EXPECT_TRUE(isAdmitted(message(Bytes("\x02\x81\x01\x05", 4), large) + kEntry));
+    EXPECT_TRUE(isAdmitted(message(kZero, large) + kEntry));
 }
 
 TEST(FrameWatch, RefusesANoticeThatNeverEnds)
@@ -127,8 +158,8 @@ TEST(FrameWatch, LeavesWhatNobodyCanReadToTheClientLibrary)
     for (const Bytes& whole : {message(kZero, ""), tlv(kMessage, "id"), message(kZero, "\x78\x80")}) {
         EXPECT_TRUE(isAdmitted(whole)) << testing::PrintToString(whole);
     }
-    for (const Bytes& start : {Bytes("HTTP/1.1 400"), Bytes("\x30\x80", 2), Bytes("\x30\x00", 2),
-             Bytes("\x30\x89\1\1\1\1\1\1\1\1\1", 11)}) {
+    for (const Bytes& start :
+        {Bytes("HTTP/1.1 400"), Bytes("\x30\x80", 2), Bytes("\x30\x00", 2), Bytes("\x30\x85\1\1\1\1\1", 7)}) {
         EXPECT_TRUE(isAdmitted(start + kFatal)) << testing::PrintToString(start);
     }
 }

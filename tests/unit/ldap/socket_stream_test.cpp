@@ -8,9 +8,12 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <string>
 #include <string_view>
+#include <thread>
+#include <vector>
 
 namespace tavo::ldap {
 
@@ -114,14 +117,59 @@ TEST_F(SocketStreamTest, TellsTheEndOnceAllIsRead)
     EXPECT_EQ(stream.read(socket, &next, 1), 0);
 }
 
-TEST_F(SocketStreamTest, WaitsAWhileForANonBlockingSocket)
+TEST_F(SocketStreamTest, WaitsAWhileForANonBlockingSocketAndNotTwiceInARow)
 {
     EXPECT_EQ(fcntl(socket, F_SETFL, O_NONBLOCK), 0);
     char next = 0;
-    EXPECT_EQ(stream.read(socket, &next, 1), -1);
-    EXPECT_EQ(errno, EAGAIN);
+    std::vector<std::chrono::milliseconds> waits;
+    for (int i = 0; i < 3; ++i) {
+        const auto begin = std::chrono::steady_clock::now();
+        EXPECT_EQ(stream.read(socket, &next, 1), -1);
+        EXPECT_EQ(errno, EAGAIN);
+        waits.push_back(
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begin));
+    }
+    EXPECT_LT(waits[1], waits[0]);
+    EXPECT_LT(waits[1], waits[2]);
     serverSends("a");
     EXPECT_EQ(read(1), "a");
+}
+
+TEST_F(SocketStreamTest, LeavesNoErrorOfAWaitBehind)
+{
+    EXPECT_EQ(fcntl(socket, F_SETFL, O_NONBLOCK), 0);
+    std::thread server([this] { serverSends("a"); });
+    errno = 0;
+    std::string bytes;
+    while (bytes.empty()) {
+        errno = 0;
+        bytes = read(1);
+    }
+    EXPECT_EQ(errno, 0);
+    server.join();
+}
+
+TEST_F(SocketStreamTest, StopsOfferingBytesThatNobodyReads)
+{
+    serverSends("abc");
+    EXPECT_EQ(stream.readiness(), SocketStream::Readiness::nothing);
+    EXPECT_EQ(read(1), "a");
+    for (int i = 0; i < 8; ++i) {
+        EXPECT_EQ(stream.readiness(), SocketStream::Readiness::bytes);
+    }
+    EXPECT_EQ(read(1), "b");
+    for (int i = 0; i < 8; ++i) {
+        EXPECT_EQ(stream.readiness(), SocketStream::Readiness::bytes);
+    }
+    EXPECT_EQ(stream.readiness(), SocketStream::Readiness::abandoned);
+    EXPECT_EQ(stream.readiness(), SocketStream::Readiness::nothing);
+}
+
+TEST_F(SocketStreamTest, MayBeginWhereTlsHasBegun)
+{
+    SocketStream later(/*isEncrypted*/ true);
+    serverSends("a session ticket");
+    EXPECT_EQ(later.write(socket, "\x17\x03\x03"), 3);
 }
 
 TEST_F(SocketStreamTest, WritesToAnEndedConnectionWithoutASignal)
