@@ -1,6 +1,7 @@
 #include "ldap/private/failure_details.h"
 
 #include <ldap/error.h>
+#include <ldap/private/wipe.h>
 #include <ldap/search_report.h>
 #include <tavo_utils/scope_guard.h>
 
@@ -34,8 +35,10 @@ QString openSslText(unsigned long error)
 /// texts end at a NUL, so of a password with one they hold what is before it.
 bool contains(const QString& text, const QString& secret)
 {
-    const QByteArray sent = secret.toUtf8();
-    const QString shown = QString::fromUtf8(sent.constData());
+    QByteArray sent = secret.toUtf8();
+    const utils::ScopeGuard wipeSent([&] { wipe(sent); });
+    QString shown = QString::fromUtf8(sent.constData());
+    const utils::ScopeGuard wipeShown([&] { wipe(shown); });
     return !shown.isEmpty() && text.contains(shown);
 }
 
