@@ -10,11 +10,7 @@ namespace {
 
 std::atomic<std::size_t> refusedSize = 0;
 
-void* allocate(std::size_t size)
-{
-    void* const memory = size != refusedSize ? std::malloc(size) : nullptr;
-    return memory != nullptr ? memory : throw std::bad_alloc();
-}
+void* allocate(std::size_t size) { return size != refusedSize ? std::malloc(size) : nullptr; }
 
 } // namespace
 
@@ -24,6 +20,12 @@ ScarceMemory::~ScarceMemory() { refusedSize = 0; }
 
 } // namespace tavo::test
 
-void* operator new(std::size_t size) { return tavo::test::allocate(size); }
+void* operator new(std::size_t size)
+{
+    void* const memory = tavo::test::allocate(size);
+    return memory != nullptr ? memory : throw std::bad_alloc();
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return tavo::test::allocate(size); }
 void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+void operator delete(void* memory, const std::nothrow_t&) noexcept { std::free(memory); }
