@@ -92,8 +92,9 @@ SearchContext::~SearchContext()
 {
     callFromDestructor(log::tag(*this), [this] { stopAsyncSearch(); });
     if (runsOnThisThread()) {
-        {
-            // The caller's report may own what its destruction ends, a session even.
+        if (m_queue && m_params->report) {
+            // The report is the caller's and may own what its destruction ends, a session even. That of a
+            // search without a queue of its own is the session's.
             const search_threads::NotAwaited whileReleasing;
             m_params.reset();
         }

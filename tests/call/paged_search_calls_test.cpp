@@ -123,6 +123,48 @@ TEST_F(PagedSearchCalls, AreAwaitedByTheSessionsEndEvenIfTheFinalCallThrows)
     }
 }
 
+/// Counts the threads that have come to their end.
+class CountsThreadEnds
+{
+public:
+    explicit CountsThreadEnds(std::atomic<int>& count)
+        : m_count(count)
+    {}
+    ~CountsThreadEnds() { ++m_count; }
+    CountsThreadEnds(const CountsThreadEnds&) = delete;
+    CountsThreadEnds& operator=(const CountsThreadEnds&) = delete;
+
+private:
+    std::atomic<int>& m_count;
+};
+
+// Whoever is told of the end destroys the session and may leave `main`: the thread must be joined by then.
+TEST_F(PagedSearchCalls, HaveEndedTheirThreadWhenTheirSessionIsGone)
+{
+    std::atomic<int> ends = 0;
+    for (int round = 1; round <= 500; ++round) {
+        server.expectSearch().answer(entries(1, 1), done());
+        auto own =
+            std::make_unique<ldap::Session>(utils::Url(QString::fromStdString(server.url())), false, false);
+        std::promise<void> finished;
+        auto searchParams = params();
+        if (round % 2 == 0)
+            searchParams.report = std::make_shared<ldap::SearchReport>();
+        own->asyncSearch(
+            std::move(searchParams),
+            [&](Result, const auto&) {
+                thread_local const CountsThreadEnds onThisThread(ends);
+                finished.set_value();
+            },
+            2);
+        finished.get_future().get();
+
+        own.reset();
+
+        ASSERT_EQ(ends, round);
+    }
+}
+
 /// A search whose thread writes this line when its session has become idle.
 struct LateLine
 {
