@@ -24,7 +24,8 @@ std::optional<Attribute> takeRange(SearchEntry& entry, const QString& attribute)
         return std::nullopt;
     }
     Attribute first = std::move(*found);
-    all.erase(std::remove_if(all.erase(found), all.end(), isRange), all.end());
+    all.erase(found);
+    std::erase_if(all, isRange);
     return first;
 }
 

@@ -317,6 +317,23 @@ TEST_F(ReportedSearch, LosesNoRangedValuesByTheCaseOfAName)
     EXPECT_THAT(found.at(0).getAttribute("Member"_s).values, SizeIs(2));
 }
 
+TEST_F(ReportedSearch, LeavesNoRangeAmongAllAttributes)
+{
+    server.expectSearch().answer(
+        entry("cn=g").attr("member", std::vector<Bytes>()).attr("member;range=0-0", "a").attr("mail", "m"),
+        done().page(""));
+    server.expectSearch().answer(entry("cn=g").attr("member;range=1-*", "b"), done());
+    ldap::SearchParams asked = params(Completeness::required);
+    asked.attributes = {};
+    asked.rangedAttributes = {"member"};
+
+    const auto found = std::get<1>(session.search(asked, 2));
+
+    ASSERT_THAT(found.at(0).attributes, SizeIs(2));
+    EXPECT_EQ(found[0].attributes[0].toString(), "member: { a, b }"_s);
+    EXPECT_EQ(found[0].attributes[1].toString(), "mail: m"_s);
+}
+
 TEST_F(ReportedSearch, SaysCancelledWhenItsContextIsStopped)
 {
     server.expectSearch();
