@@ -22,20 +22,22 @@ import sections
 BUILD = pathlib.Path("build/bench").resolve()
 
 
-def parse_arguments():
+def argument_parser():
     parser = argparse.ArgumentParser(prog="./dev bench", description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--rounds", type=int, help="how often each client runs; the medians count (5)")
-    parser.add_argument("--only", choices=sections.STANDARD, nargs="+", help="these sections; writes no result.json")
+    parser.add_argument("--rounds", type=int, help="how often each client runs; the medians count (5, with --quick 2)")
+    parser.add_argument("--only", choices=sections.STANDARD, nargs="+", metavar="SECTION",
+                        help=f"these sections of the standard run, of {', '.join(sections.STANDARD)}; "
+                             "writes no result.json")
     which = parser.add_mutually_exclusive_group()
     which.add_argument("--quick", action="store_true", help="small lists, under a minute; to see that all is well")
     which.add_argument("--check", action="store_true",
-                       help=f"compare the instructions per entry with {baseline.FILE.name}; fail beyond "
-                            f"{baseline.TOLERANCE:.0%}")
+                       help=f"compare the instructions per entry with {baseline.FILE.name}; fail when they exceed it by "
+                            f"more than {baseline.TOLERANCE * 100:.0f} %%")
     which.add_argument("--baseline", action="store_true", help="write that file's figures for this environment")
     which.add_argument("--docs", action="store_true", help="write docs/performance.md from the last standard run")
     which.add_argument("--record", action="store_true", help="forget what was recorded; after a change of the requests")
-    return parser.parse_args()
+    return parser
 
 
 def measure_all(bench, names, output):
@@ -51,7 +53,7 @@ def measure_all(bench, names, output):
 
 
 def main():
-    options = parse_arguments()
+    options = argument_parser().parse_args()
     if options.docs:
         return report.write_page(BUILD / "result.json", pathlib.Path("docs"))
     if options.record:
