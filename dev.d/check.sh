@@ -61,8 +61,8 @@ check_fuzz() {
     cmd_fuzz
 }
 
-# No time is judged, which depends on what else the machine does: that every client reads everything, and that the
-# library takes no more instructions than it did.
+# Judges no time, which depends on what else the machine does, but that every client reads everything, and that an entry
+# takes no more instructions than it did.
 check_bench() {
     local status=0
     step "arithmetic of bench" bench_tests || status=1
@@ -73,7 +73,7 @@ check_bench() {
 
 cmd_check() {
     local line failed=0
-    install_missing build test slapd samba ds389 lint
+    install_missing build test slapd samba ds389 fuzz bench lint
     prepare_ds389 || return
     for line in "${check_steps[@]}"; do
         # shellcheck disable=SC2086 # a command and its arguments

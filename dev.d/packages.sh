@@ -13,7 +13,7 @@ declare -A packages=(
     [fuzz]="clang libclang-rt-dev"
     [mutate]="git python3"
     [bench]="python3 openssl strace valgrind libbenchmark-dev ldap-utils"
-    [bench_peers]="python3-ldap python3-ldap3 python3-bonsai libnet-ldap-perl php-cli php-ldap ruby-net-ldap golang-go golang-github-go-ldap-ldap-dev"
+    [bench_peers]="python3-ldap python3-ldap3 python3-bonsai libnet-ldap-perl php-cli php-ldap golang-go golang-github-go-ldap-ldap-dev"
     [lint]="clang clang-format clang-tidy shellcheck git python3"
 )
 
