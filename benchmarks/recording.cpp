@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <iterator>
 #include <stdexcept>
@@ -185,6 +186,7 @@ Recorder::Recorder(const char* file)
     if (!m_file) {
         throw std::runtime_error(std::string("cannot write ") + file);
     }
+    m_file.exceptions(std::ios::failbit | std::ios::badbit);
 }
 
 void Recorder::add(const std::string& question, std::string_view answer)

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 namespace tavo::bench {
 
@@ -32,6 +33,7 @@ public:
     explicit Recorder(const char* file);
 
     /// Keeps the first answer to each question.
+    /// \throws std::ios_base::failure when it can't be written
     void add(const std::string& question, std::string_view answer);
 
 private:
@@ -43,7 +45,7 @@ private:
 class Recordings
 {
 public:
-    /// \throws std::system_error, std::runtime_error when a file can't be read
+    /// \throws std::system_error when a file can't be read
     explicit Recordings(std::span<char*> files);
     ~Recordings();
     Recordings(const Recordings&) = delete;
