@@ -128,12 +128,14 @@ slapd's answers were recorded once and are played back, so the server takes next
 loop over libldap that reads every value of a paged search; *read-ahead* is the same with libldap's own read-ahead
 buffer. The ratio is the client's figure over that of the raw loop without read-ahead in the same run: below 1 the client
 is faster. *streaming* reads each page's records and drops them; *collecting* keeps all of them. The processor time is
-that of the whole process during the search, the peak memory that of the whole process. A ratio is the median of those of the rounds. For `ldapsearch`, which can only
+that of the whole process during the search, the peak memory that of the whole process. A ratio is the median of the rounds'. For `ldapsearch`, which can only
 be timed as a process, start and connecting are included."""),
     "counts": ("What an entry costs", """\
 Counted, not timed: the difference between a long and a short list, divided by the difference in entries. Instructions
 are Callgrind's, without the kernel's; allocations are calls of `malloc` and its relatives; system calls are strace's."""),
-    "growth": ("Long lists", "Streaming, played back. Time for an entry and memory should not depend on how many there are."),
+    "growth": ("Long lists", """\
+Streaming, played back. Time for an entry and memory should not depend on how many there are. Only a client that takes
+more than a minute had one turn here."""),
     "page_sizes": ("Page sizes", "Streaming, played back; the ratio is to the raw loop with the same page size."),
     "slapd": ("From slapd", "The same sets from a real server on the same machine, whose work is part of the time."),
     "connections": ("Plain, StartTLS, ldaps", """\

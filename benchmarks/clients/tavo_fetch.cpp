@@ -320,9 +320,6 @@ int main(int argc, char** argv)
 try {
     run(Arguments(std::span(argv, static_cast<std::size_t>(argc)))).print();
     return 0;
-} catch (const BaseError& error) {
-    std::fprintf(stderr, "tavo_fetch: %s\n", error.what());
-    return 1;
 } catch (const std::exception& error) {
     std::fprintf(stderr, "tavo_fetch: %s\n", error.what());
     return 1;
