@@ -28,7 +28,7 @@ Function* next(Function*, const char* name)
 
 extern "C" {
 
-// Functions of the client library that the linker replaces, only for our library, and their originals.
+// Functions of the client library and of the system that the linker replaces, only for our library, and originals.
 
 int __wrap_ldap_initialize(LDAP** handle, const char* url);
 char* __real_ldap_first_attribute(LDAP* handle, LDAPMessage* entry, BerElement** element);
@@ -40,8 +40,8 @@ ssize_t __wrap_send(int socket, const void* data, std::size_t size, int flags);
 
 int __wrap_ldap_initialize(LDAP** handle, const char*) { return tavo::fuzz::FuzzedServer::connect(handle); }
 
-// The library mostly doesn't free this element, by design; freeing it here saves a suppression for
-// LeakSanitizer.
+// By design, the library doesn't free this element when it reads all attributes; freeing it here saves a
+// suppression for LeakSanitizer.
 char* __wrap_ldap_first_attribute(LDAP* handle, LDAPMessage* entry, BerElement** element)
 {
     char* name = __real_ldap_first_attribute(handle, entry, element);

@@ -63,9 +63,10 @@ public:
 
     /// Frees the element when this server is destroyed.
     static void keep(BerElement* element);
+    /// Not that element: the library frees it itself.
     static void drop(BerElement* element);
 
-    /// What the library receives from its socket, and what it sends.
+    /// In place of recv(2) and send(2) on the library's socket.
     static ssize_t received(char* buffer, std::size_t size, bool isPeeking);
     static ssize_t sent(std::string_view bytes);
 
