@@ -65,8 +65,8 @@ struct SearchReport
     /// See `BaseError::connectFailure`.
     ConnectFailure connectFailure;
 
-    /// The first loss that was seen; others may have followed from it. `Loss::none` says nothing about a search that failed: its list is cut in
-    /// any case.
+    /// The first loss that was seen; others may have followed from it. `Loss::none` says nothing about a search
+    /// that failed: its list is cut in any case.
     Loss loss = Loss::none;
 
     /// The losses in words, for an administrator; empty when there is none.

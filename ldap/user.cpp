@@ -9,7 +9,7 @@ namespace tavo::ldap {
 
 namespace {
 
-// Literals: a search may still be read while the process exits and has destroyed what owns memory.
+// Literals: entries may still be read while the process exits and has destroyed what owns memory.
 const QString kMailAttribute = QStringLiteral("mail");
 
 /// In the order of preference.

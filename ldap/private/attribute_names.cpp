@@ -28,6 +28,7 @@ AttributeName AttributeNames::sent(const char* name)
         }
     }
     AttributeName decoded(bytes.toByteArray());
+    // One that isn't valid UTF-8 would not be found by its bytes.
     if (m_sent.size() < kMostSent && decoded.key == bytes) {
         m_last = m_sent.size();
         m_sent.push_back(decoded);

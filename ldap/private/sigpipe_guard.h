@@ -10,10 +10,10 @@ namespace tavo::ldap {
 
 /// Keeps a SIGPIPE that a call of the client library causes away from the host process.
 ///
-/// The library's own layer writes without it. But a newer client library (2.6.10) frees that with a TLS
-/// handshake that fails, and writes the next one with write(2). A connection that the server has closed then
-/// raises the signal, whose default is to kill the process. It is blocked on this thread for the guard's life, and
-/// one that became pending meanwhile is consumed; one that was pending before is the host's and stays.
+/// The library's own layer raises none. But newer client libraries (2.6.10) free it when a TLS handshake fails,
+/// and write the next one with write(2). On a connection that the server has closed that raises the signal,
+/// whose default is to kill the process. It is blocked on this thread for the guard's life, and one that became
+/// pending meanwhile is consumed; one that was pending before is the host's and stays.
 class SigpipeGuard
 {
 public:

@@ -46,9 +46,9 @@ public:
     bool isValid() const;
     bool isEmpty() const;
 
-    /// The URL without name and password, for logs and people. Where an "@" remains, as in what was typed
-    /// wrongly, nothing is left before the last one, since a password may be anywhere before it; the result
-    /// is then no valid URL.
+    /// The URL without name and password, for logs and people. Where an "@" remains, escaped or not, as in what
+    /// was typed wrongly, nothing is left before the last one, since a password may be anywhere before it; the
+    /// result is then no valid URL.
     Url withoutUserInfo() const;
 
     /// Why the URL is invalid; empty when it is valid. Doesn't repeat the URL, which may hold a password.
