@@ -19,8 +19,8 @@ namespace tavo::test {
 ///     reached.wait("the first 100 bytes");
 ///     goOn.open();
 ///
-/// A hold, a cut or an insertion applies to the connections accepted after it was asked for. Every member may be called
-/// from any thread. The waits throw `std::runtime_error` when `kDeadline` passes.
+/// A hold, a cut or an insertion applies to the connections accepted after it was asked for. Every member may
+/// be called from any thread. The waits throw `std::runtime_error` when `kDeadline` passes.
 class TcpRelay
 {
 public:
