@@ -11,8 +11,13 @@ namespace tavo::ldap {
 
 bool testLdapConnection(const Settings& settings)
 {
+    return testLdapConnection(settings, ConnectionOptions());
+}
+
+bool testLdapConnection(const Settings& settings, const ConnectionOptions& options)
+{
     try {
-        const auto session = openSession(settings);
+        const auto session = openSession(settings, options);
         session->bind(settings.adminDn, settings.adminPassword);
         return true;
     } catch (const BaseError&) {
@@ -22,12 +27,18 @@ bool testLdapConnection(const Settings& settings)
 
 std::future<void> testLdapConnectionAsync(const Settings& settings, utils::MoveOnlyFunc<void()> onFailure)
 {
-    auto task = [settings = Settings(settings), onFailure = std::move(onFailure)]() mutable {
+    return testLdapConnectionAsync(settings, ConnectionOptions(), std::move(onFailure));
+}
+
+std::future<void> testLdapConnectionAsync(
+    const Settings& settings, const ConnectionOptions& options, utils::MoveOnlyFunc<void()> onFailure)
+{
+    auto task = [settings = Settings(settings), options, onFailure = std::move(onFailure)]() mutable {
         // Moved out of the task, which lives as long as the future: password and handler shall not.
         Settings tested = std::move(settings);
         const utils::ScopeGuard wipePassword([&] { wipe(tested.adminPassword); });
         utils::MoveOnlyFunc<void()> handler = std::move(onFailure);
-        if (!testLdapConnection(tested)) {
+        if (!testLdapConnection(tested, options)) {
             handler();
         }
     };

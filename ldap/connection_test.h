@@ -1,5 +1,6 @@
 #pragma once
 
+#include <ldap/connection_options.h>
 #include <ldap/export.h>
 #include <ldap/settings.h>
 #include <tavo_utils/move_only_func.h>
@@ -15,6 +16,9 @@ namespace tavo::ldap {
 /// tested.
 TAVO_LDAP_EXPORT bool testLdapConnection(const Settings& settings);
 
+/// The same over a connection with options.
+TAVO_LDAP_EXPORT bool testLdapConnection(const Settings& settings, const ConnectionOptions& options);
+
 /// Runs `testLdapConnection` on a thread of its own and calls `onFailure` there when the test fails. Nothing
 /// is called when it succeeds.
 ///
@@ -23,5 +27,9 @@ TAVO_LDAP_EXPORT bool testLdapConnection(const Settings& settings);
 /// \throws std::system_error when no thread can be had
 TAVO_LDAP_EXPORT std::future<void> testLdapConnectionAsync(
     const Settings& settings, utils::MoveOnlyFunc<void()> onFailure);
+
+/// The same over a connection with options. To drop the future without waiting for the server, interrupt it.
+TAVO_LDAP_EXPORT std::future<void> testLdapConnectionAsync(
+    const Settings& settings, const ConnectionOptions& options, utils::MoveOnlyFunc<void()> onFailure);
 
 } // namespace tavo::ldap

@@ -49,7 +49,7 @@ bool isSuccess(Result result) { return result == Result::ok || result == Result:
 class ManagerImpl final : public Manager
 {
 public:
-    explicit ManagerImpl(Settings settings)
+    ManagerImpl(Settings settings, const ConnectionOptions& options)
         : m_settings(std::move(settings))
     {
         // It is needed for the bind alone, and a core file of the host should not have it.
@@ -57,7 +57,7 @@ public:
         TAVO_LOG_VERBOSE(log::tag(*this), u"Init LDAP session with settings %1", loggableText(m_settings));
         enableOpenldapDebugOutput(ini().openldapDebugLevel);
 
-        m_session = openSession(m_settings);
+        m_session = openSession(m_settings, options);
         // By design: before the bind, so the root DSE is read without credentials.
         const VendorDefaults defaults = m_session->detectLdapVendor();
         if (!defaults.failure.isEmpty()) {
@@ -197,7 +197,12 @@ Manager::~Manager() = default;
 
 std::unique_ptr<Manager> createManagerOrThrow(Settings settings)
 {
-    return std::make_unique<ManagerImpl>(std::move(settings));
+    return createManagerOrThrow(std::move(settings), ConnectionOptions());
+}
+
+std::unique_ptr<Manager> createManagerOrThrow(Settings settings, const ConnectionOptions& options)
+{
+    return std::make_unique<ManagerImpl>(std::move(settings), options);
 }
 
 } // namespace tavo::ldap

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <ldap/connection_options.h>
 #include <ldap/connection_test.h>
 #include <ldap/error.h>
 #include <ldap/export.h>
@@ -92,5 +93,9 @@ protected:
 /// Sets the client library's debug level to `openldapDebugLevel` of `tavo_ldap.ini`, 0 by default.
 /// \throws InvalidCredentialsError, TlsError, BaseError
 TAVO_LDAP_EXPORT std::unique_ptr<Manager> createManagerOrThrow(Settings settings);
+
+/// The same over a connection with options.
+TAVO_LDAP_EXPORT std::unique_ptr<Manager> createManagerOrThrow(
+    Settings settings, const ConnectionOptions& options);
 
 } // namespace tavo::ldap

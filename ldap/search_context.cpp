@@ -2,7 +2,6 @@
 
 #include <ldap/error.h>
 #include <ldap/private/attribute_names.h>
-#include <ldap/private/client_call.h>
 #include <ldap/private/destructor_call.h>
 #include <ldap/private/failure_details.h>
 #include <ldap/private/handle.h>
@@ -13,6 +12,7 @@
 #include <ldap/private/search_response.h>
 #include <ldap/private/search_threads.h>
 #include <ldap/private/sigpipe_guard.h>
+#include <ldap/private/wire/limited_call.h>
 #include <tavo_utils/assert.h>
 #include <tavo_utils/formatter.h>
 #include <tavo_utils/log.h>
@@ -32,10 +32,13 @@ thread_local const SearchContext* runningOnThisThread = nullptr;
 
 const QString kBlockingSearch = QStringLiteral("ldap_search_ext_s");
 
-BaseError failedCall(LDAP* ld, int code, int systemError)
+BaseError failedCall(LDAP* ld, const Connection* connection, ClientCallResult returned)
 {
-    BaseError error(code, kBlockingSearch, systemError);
+    BaseError error(returned.code, kBlockingSearch, returned.systemError);
     addFailureDetails(error, ld, isSecure(ld));
+    if (connection != nullptr) {
+        connection->explain(error);
+    }
     return error;
 }
 
@@ -130,17 +133,20 @@ std::vector<SearchEntry> SearchContext::findEntries(SearchReport& report) const
     SearchRequest request(*m_params, m_attributeNames, m_timeout);
     clearFailureDetails(m_ldap.get());
     LDAPMessage* received = nullptr;
-    const auto [rc, systemError] = callClient([&] {
+    // A time of 0 or less is for the client library to make sense of.
+    const auto timeout = m_timeout.count() > 0 ? TimeLimit::Duration(m_timeout) : std::nullopt;
+    const auto returned = callWithin(m_connection.get(), Limit::response, timeout, [&] {
         return ldap_search_ext_s(m_ldap.get(), request.base.constData(), request.scope, request.filter(),
             request.attributes(), /*attrsonly*/ 0, nullptr, nullptr, &request.timeout, /*sizelimit*/ 0,
             &received);
     });
+    const auto [rc, systemError] = returned;
     if (rc == LDAP_DECODING_ERROR) {
         stopReading(m_ldap.get());
     }
     if (rc != LDAP_SUCCESS) {
         if (received == nullptr) {
-            throw failedCall(m_ldap.get(), rc, systemError);
+            throw failedCall(m_ldap.get(), m_connection.get(), returned);
         }
         const FinalResult result = readFinalResult(m_ldap.get(), received, /*freeChain*/ true);
         logFailedSearch(log::tag(*this), m_params->base, result);
@@ -226,8 +232,8 @@ void SearchContext::readPages(int pageSize)
     });
     Pages pages(*this);
     try {
-        PageLoop(pages,
-            {m_ldap.get(), *m_params, m_attributeNames, m_timeout, pageSize, m_ticket.get(), log::tag(*this)})
+        PageLoop(pages, {m_ldap.get(), m_connection.get(), *m_params, m_attributeNames, m_timeout, pageSize,
+                            m_ticket.get(), log::tag(*this)})
             .run();
     } catch (const std::exception& error) {
         reportBrokenOff(error.what());

@@ -20,6 +20,7 @@ using LDAP = struct ldap;
 
 namespace tavo::ldap {
 
+class Connection;
 class SearchQueue;
 class SearchTicket;
 
@@ -118,6 +119,9 @@ private:
 
     /// The connection's; null for a context that gets its ticket elsewhere.
     std::shared_ptr<SearchQueue> m_queue;
+
+    /// Null for a connection without options.
+    std::shared_ptr<Connection> m_connection;
 
     /// That of the running search, or of the last one; set before its thread starts. Null for a search that
     /// waits for no other.

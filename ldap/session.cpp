@@ -1,8 +1,8 @@
 #include "ldap/session.h"
 
 #include <ldap/error.h>
-#include <ldap/private/client_call.h>
 #include <ldap/private/collector.h>
+#include <ldap/private/connected_handle.h>
 #include <ldap/private/credentials.h>
 #include <ldap/private/failure_details.h>
 #include <ldap/private/handle.h>
@@ -13,6 +13,7 @@
 #include <ldap/private/server_url.h>
 #include <ldap/private/tls.h>
 #include <ldap/private/vendor.h>
+#include <ldap/private/wire/limited_call.h>
 #include <ldap/utils.h>
 #include <tavo_utils/assert.h>
 #include <tavo_utils/log.h>
@@ -48,9 +49,22 @@ void throwIfRefused(const log::Tag& tag, const utils::Url& url)
     throw refusedUrl(reason);
 }
 
+void logConnectFailure(const log::Tag& tag, const BaseError& error)
+{
+    if (error.connectFailure.kind != ConnectFailure::Kind::none) {
+        TAVO_LOG_DEBUG(tag, u"The connection to %1 failed: %2", error.connectFailure.address,
+            error.connectFailure.detail);
+    }
+}
+
 } // namespace
 
 Session::Session(const utils::Url& url, bool startTls, bool ignoreCertificateErrors)
+    : Session(url, startTls, ignoreCertificateErrors, ConnectionOptions())
+{}
+
+Session::Session(
+    const utils::Url& url, bool startTls, bool ignoreCertificateErrors, const ConnectionOptions& options)
     : m_ldap(nullptr, &Session::destroyLdap)
     , m_queue(std::make_shared<SearchQueue>())
     , m_searches(std::make_unique<SearchTable>())
@@ -61,9 +75,28 @@ Session::Session(const utils::Url& url, bool startTls, bool ignoreCertificateErr
     }
     clearTlsErrors();
     throwIfRefused(log::tag(*this), url);
-    m_ldap = createHandle(url, m_isSecure, ignoreCertificateErrors);
+    if (options.isEmpty()) {
+        m_ldap = createHandle(url, m_isSecure, ignoreCertificateErrors);
+    } else {
+        connect(url, ignoreCertificateErrors, options);
+    }
     if (startTls && !m_isSecure) {
         this->startTls();
+    }
+}
+
+void Session::connect(const utils::Url& url, bool ignoreCertificateErrors, const ConnectionOptions& options)
+{
+    try {
+        ConnectedHandle connected = connectHandle(url, m_isSecure, ignoreCertificateErrors, options);
+        m_ldap = std::move(connected.handle);
+        m_connection = std::move(connected.connection);
+    } catch (const BaseError& error) {
+        logConnectFailure(log::tag(*this), error);
+        throw;
+    }
+    if (options.interrupter) {
+        options.interrupter->m_interruption->add(m_queue);
     }
 }
 
@@ -79,11 +112,11 @@ void Session::startTls()
     m_isSecure = true;
     TAVO_LOG_VERBOSE(log::tag(*this), u"Upgrading to TLS");
     if (isPlain) {
-        prepareStartTls(m_ldap.get());
+        prepareStartTls(m_ldap.get(), m_connection ? &m_connection->options() : nullptr);
     }
     clearFailureDetails(m_ldap.get());
-    const auto [rc, systemError] =
-        callClient([&] { return ldap_start_tls_s(m_ldap.get(), nullptr, nullptr); });
+    const auto [rc, systemError] = callWithin(m_connection.get(), Limit::answer, answerTimeout(),
+        [&] { return ldap_start_tls_s(m_ldap.get(), nullptr, nullptr); });
     if (rc != LDAP_SUCCESS) {
         // Or a bind that is tried all the same would send its password to whoever has spoilt the upgrade. Once
         // the error is explained, which takes the URL that was tried.
@@ -93,6 +126,9 @@ void Session::startTls()
             }
         });
         throwFailure(rc, systemError, QStringLiteral("startTls"));
+    }
+    if (m_connection) {
+        requireTlsVersion(m_ldap.get(), *m_connection);
     }
 }
 
@@ -106,7 +142,7 @@ void Session::bind(const QString& dn, const QString& password)
     const QByteArray name = dn.toUtf8();
     Credentials credentials(password);
     clearFailureDetails(m_ldap.get());
-    const auto [rc, systemError] = callClient([&] {
+    const auto [rc, systemError] = callWithin(m_connection.get(), Limit::answer, answerTimeout(), [&] {
         return ldap_sasl_bind_s(
             m_ldap.get(), name.constData(), LDAP_SASL_SIMPLE, credentials.get(), nullptr, nullptr, nullptr);
     });
@@ -132,8 +168,8 @@ QString Session::whoAmI()
     const utils::ScopeGuard freeIdentity([&] { ber_bvfree(identity); });
     const bool isShared = m_queue.use_count() > 1;
     clearFailureDetails(m_ldap.get());
-    const auto [rc, systemError] =
-        callClient([&] { return ldap_whoami_s(m_ldap.get(), &identity, nullptr, nullptr); });
+    const auto [rc, systemError] = callWithin(m_connection.get(), Limit::answer, answerTimeout(),
+        [&] { return ldap_whoami_s(m_ldap.get(), &identity, nullptr, nullptr); });
     if (rc != LDAP_SUCCESS) {
         throwFailure(rc, systemError, QStringLiteral("whoAmI"));
     }
@@ -146,6 +182,13 @@ QString Session::whoAmI()
     }
     // Up to its first NUL, which the client library guarantees behind the value.
     return QString::fromUtf8(identity->bv_val);
+}
+
+std::optional<TlsFacts> Session::tlsFacts() const { return ldap::tlsFacts(m_ldap.get()); }
+
+std::optional<std::chrono::milliseconds> Session::answerTimeout() const
+{
+    return m_connection ? m_connection->options().answerTimeout : std::nullopt;
 }
 
 void Session::setResponseTimeout(std::chrono::seconds timeout) { m_responseTimeout = timeout; }
@@ -164,6 +207,10 @@ void Session::throwFailure(int ldapCode, int systemError, QString context, const
         stopReading(m_ldap.get());
     }
     try {
+        if (ldapCode == LDAP_TIMEOUT || ldapCode == LDAP_USER_CANCELLED) {
+            // Not of TLS, whatever its library has noted meanwhile.
+            throw BaseError(ldapCode, std::move(context), systemError);
+        }
         checkErrorAndThrow(ldapCode, systemError, std::move(context));
     } catch (BaseError& error) {
         explain(error, secret);
@@ -174,12 +221,14 @@ void Session::throwFailure(int ldapCode, int systemError, QString context, const
 void Session::explain(BaseError& error, const QString& secret) const
 {
     addFailureDetails(error, m_ldap.get(), m_isSecure, secret);
+    if (m_connection) {
+        m_connection->explain(error);
+    }
     if (error.ldapCode > 0) {
         TAVO_LOG_DEBUG(log::tag(*this), u"The server refused, matched DN [%1]; it says: [%2]",
             error.matchedDn, error.serverMessage);
-    } else if (error.connectFailure.kind != ConnectFailure::Kind::none) {
-        TAVO_LOG_DEBUG(log::tag(*this), u"The connection to %1 failed: %2", error.connectFailure.address,
-            error.connectFailure.detail);
+    } else {
+        logConnectFailure(log::tag(*this), error);
     }
 }
 
@@ -190,13 +239,16 @@ std::unique_ptr<SearchContext> Session::createSearchContext(SearchParams params)
     auto context = std::make_unique<SearchContext>(
         duplicateHandle(m_ldap.get()), std::move(params), m_responseTimeout.load());
     context->m_queue = m_queue;
+    context->m_connection = m_connection;
     return context;
 }
 
 std::shared_ptr<SearchContext> Session::createSharedContext(SearchParams params) const
 {
-    return std::make_shared<SearchContext>(
+    auto context = std::make_shared<SearchContext>(
         duplicateHandle(m_ldap.get()), std::move(params), m_responseTimeout.load());
+    context->m_connection = m_connection;
+    return context;
 }
 
 std::vector<SearchEntry> Session::simpleSearch(SearchParams params) const

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <ldap/connection_options.h>
 #include <ldap/export.h>
 #include <ldap/result.h>
 #include <ldap/search_context.h>
 #include <ldap/search_params.h>
+#include <ldap/tls_facts.h>
 #include <ldap/utils.h>
 #include <ldap/vendor.h>
 #include <tavo_utils/url.h>
@@ -13,11 +15,13 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <variant>
 #include <vector>
 
 namespace tavo::ldap {
 
+class Connection;
 class SearchQueue;
 class SearchTable;
 
@@ -52,6 +56,12 @@ public:
     ///         `ldaps` with others; `BaseError::connectFailure` says why
     Session(const utils::Url& url, bool startTls, bool ignoreCertificateErrors);
 
+    /// The same with options. If there are any, it connects here: to the first address of the server, or of a
+    /// list of servers, that takes the connection, TLS included.
+    /// \throws BaseError, TlsError. Options that contradict themselves are refused (LDAP_PARAM_ERROR)
+    Session(
+        const utils::Url& url, bool startTls, bool ignoreCertificateErrors, const ConnectionOptions& options);
+
     /// Gives the handlers of all running searches `Result::cancelled`, on this thread, and closes the
     /// connection. Waits for a handler that runs on another thread, not for a server that doesn't answer: a
     /// page that a search is waiting for keeps the search's thread, and the connection, until it comes. All
@@ -80,6 +90,9 @@ public:
     /// `u:EXAMPLE\reader`; "anonymous" when the server names none. Blocks.
     /// \throws TlsError, BaseError; not every server supports the operation
     QString whoAmI();
+
+    /// What the connection has agreed on with TLS; nothing for a plain one, or for one that isn't connected yet.
+    std::optional<TlsFacts> tlsFacts() const;
 
     /// Sets the time limit of the searches that start from now on; 30 seconds by default.
     void setResponseTimeout(std::chrono::seconds timeout);
@@ -145,6 +158,9 @@ public:
     VendorDefaults detectLdapVendor() const;
 
 private:
+    TAVO_LDAP_NO_EXPORT void connect(
+        const utils::Url& url, bool ignoreCertificateErrors, const ConnectionOptions& options);
+    TAVO_LDAP_NO_EXPORT std::optional<std::chrono::milliseconds> answerTimeout() const;
     TAVO_LDAP_NO_EXPORT std::shared_ptr<SearchContext> createSharedContext(SearchParams params) const;
 
     /// Throws the error of a call on the session's own handle, explained. The connection is over after some.
@@ -161,6 +177,8 @@ private:
     std::atomic<std::chrono::seconds> m_responseTimeout{std::chrono::seconds(30)};
     std::shared_ptr<SearchQueue> m_queue;
     std::unique_ptr<SearchTable> m_searches;
+    /// Null without options.
+    std::shared_ptr<Connection> m_connection;
 };
 
 } // namespace tavo::ldap

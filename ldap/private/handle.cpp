@@ -6,14 +6,21 @@
 #include <ldap/private/positions.h>
 #include <ldap/private/search_threads.h>
 #include <ldap/private/tls.h>
+#include <ldap/private/wire/connection.h>
 #include <ldap/private/wire/layers.h>
 #include <tavo_utils/assert.h>
 #include <tavo_utils/log.h>
+#include <tavo_utils/scope_guard.h>
+
+#include <openldap.h>
 
 #include <sys/socket.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <string>
+#include <utility>
 
 namespace tavo::ldap {
 
@@ -31,7 +38,38 @@ void initialize(LdapHandle& handle, const utils::Url& url)
     }
 }
 
-void setOptions(LDAP* ld, bool isSecure, bool ignoreCertificateErrors)
+/// The same on a connected socket, whose connection owns it.
+void initialize(LdapHandle& handle, const QString& url, int socket)
+{
+    const QByteArray text = url.toUtf8();
+    const bool isLocal = text.toLower().startsWith("ldapi");
+    LDAP* ld = nullptr;
+    const auto [rc, systemError] = callClient([&] {
+        return ldap_init_fd(socket, isLocal ? LDAP_PROTO_IPC : LDAP_PROTO_TCP, text.constData(), &ld);
+    });
+    handle.reset(ld);
+    if (rc != LDAP_SUCCESS) {
+        throw BaseError(rc, QStringLiteral("init"), systemError);
+    }
+}
+
+/// The limits that the client library keeps itself.
+void setLimits(LDAP* ld, const ConnectionOptions& options)
+{
+    if (options.answerTimeout) {
+        const auto seconds = std::chrono::floor<std::chrono::seconds>(*options.answerTimeout);
+        const std::chrono::microseconds rest = *options.answerTimeout - seconds;
+        const timeval timeout{seconds.count(), rest.count()};
+        ldap_set_option(ld, LDAP_OPT_TIMEOUT, &timeout);
+    }
+    Sockbuf* sockbuf = nullptr;
+    if (options.maximumMessageSize && ldap_get_option(ld, LDAP_OPT_SOCKBUF, &sockbuf) == LDAP_OPT_SUCCESS) {
+        ber_len_t limit = *options.maximumMessageSize;
+        ber_sockbuf_ctrl(sockbuf, LBER_SB_OPT_SET_MAX_INCOMING, &limit);
+    }
+}
+
+void setOptions(LDAP* ld, bool isSecure, bool ignoreCertificateErrors, const ConnectionOptions* options)
 {
     // By design: a failure of the first two carries neither a context nor a system error, unlike TLS ones.
     const int version = LDAP_VERSION3;
@@ -43,27 +81,57 @@ void setOptions(LDAP* ld, bool isSecure, bool ignoreCertificateErrors)
     if (rc != LDAP_OPT_SUCCESS) {
         throw BaseError(rc, QString(), 0);
     }
-    setUpTls(ld, isSecure, ignoreCertificateErrors);
+    setUpTls(ld, isSecure, ignoreCertificateErrors, options);
+}
+
+/// Makes and configures a handle.
+/// \param make puts a handle with its layers into what it is given, under the lock of the first use
+template <class Make>
+LdapHandle createHandle(
+    Make make, bool isSecure, bool ignoreCertificateErrors, const ConnectionOptions* options)
+{
+    /// Whether the client library's TLS layer, which its first TLS context sets up, is ready.
+    static std::atomic<bool> tlsIsSetUp = false;
+
+    LdapHandle handle(nullptr, &destroyHandle);
+    MutexLocker lock(initMutex());
+    make(handle);
+    if (tlsIsSetUp) {
+        lock.unlock();
+        setOptions(handle.get(), isSecure, ignoreCertificateErrors, options);
+        return handle;
+    }
+    setOptions(handle.get(), isSecure, ignoreCertificateErrors, options);
+    tlsIsSetUp = true;
+    return handle;
 }
 
 } // namespace
 
 LdapHandle createHandle(const utils::Url& url, bool isSecure, bool ignoreCertificateErrors)
 {
-    /// Whether the client library's TLS layer, which its first TLS context sets up, is ready.
-    static bool tlsIsSetUp = false;
+    const auto make = [&](LdapHandle& handle) {
+        initialize(handle, url);
+        addLayers(handle.get());
+    };
+    return createHandle(make, isSecure, ignoreCertificateErrors, nullptr);
+}
 
-    LdapHandle handle(nullptr, &destroyHandle);
-    MutexLocker lock(initMutex());
-    initialize(handle, url);
-    addLayers(handle.get());
-    if (tlsIsSetUp) {
-        lock.unlock();
-        setOptions(handle.get(), isSecure, ignoreCertificateErrors);
-        return handle;
-    }
-    setOptions(handle.get(), isSecure, ignoreCertificateErrors);
-    tlsIsSetUp = true;
+LdapHandle createHandle(const QString& url, Socket socket, const std::shared_ptr<Connection>& connection,
+    bool isSecure, bool ignoreCertificateErrors)
+{
+    const auto make = [&](LdapHandle& handle) {
+        initialize(handle, url, connection->take(std::move(socket)));
+        utils::ScopeGuard disown([&] {
+            // Now the client library closes it.
+            connection->disown();
+        });
+        addLayers(handle.get(), connection);
+        disown.dismiss();
+        connectNoMore(handle.get());
+    };
+    LdapHandle handle = createHandle(make, isSecure, ignoreCertificateErrors, &connection->options());
+    setLimits(handle.get(), connection->options());
     return handle;
 }
 

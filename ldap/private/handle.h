@@ -1,5 +1,6 @@
 #pragma once
 
+#include <ldap/private/wire/socket.h>
 #include <tavo_utils/url.h>
 
 #include <ldap.h>
@@ -8,12 +9,21 @@
 
 namespace tavo::ldap {
 
+class Connection;
+
 /// Owns one of the client library's connection handles.
 using LdapHandle = std::unique_ptr<LDAP, void (*)(LDAP*)>;
 
 /// Makes a configured handle that is not connected yet.
 /// \throws BaseError
 LdapHandle createHandle(const utils::Url& url, bool isSecure, bool ignoreCertificateErrors);
+
+/// Makes a configured handle on the connected socket of a connection with options. It connects no more, also
+/// when that socket is lost. TLS from the first byte is yet to begin.
+/// \param url the one of the server, whose name its certificate must bear
+/// \throws BaseError
+LdapHandle createHandle(const QString& url, Socket socket, const std::shared_ptr<Connection>& connection,
+    bool isSecure, bool ignoreCertificateErrors);
 
 /// Makes a handle that shares the other's connection, which closes with the last of them.
 /// \throws BaseError

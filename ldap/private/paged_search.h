@@ -12,6 +12,7 @@
 
 namespace tavo::ldap {
 
+class Connection;
 class SearchTicket;
 
 /// The search whose pages a page loop reads, as the loop's thread sees it. Another thread may stop it at any
@@ -35,6 +36,10 @@ public:
 struct PageSource
 {
     LDAP* ldap;
+
+    /// Null for a connection without options.
+    Connection* connection;
+
     const SearchParams& params;
     const std::vector<char*>& attributeNames;
     std::chrono::seconds timeout;

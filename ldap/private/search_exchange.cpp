@@ -4,9 +4,11 @@
 #include <ldap/private/failure_details.h>
 #include <ldap/private/handle.h>
 #include <ldap/private/search_request.h>
+#include <ldap/private/wire/connection.h>
 #include <ldap/tavo_ldap_ini.h>
 
 #include <cerrno>
+#include <chrono>
 #include <ctime>
 #include <utility>
 
@@ -27,21 +29,44 @@ void sleepPollInterval()
     }
 }
 
-BaseError explained(BaseError error, LDAP* ld)
+/// The error of a call that the server hasn't answered.
+BaseError failedCall(const PageSource& source, QString context, ClientCallResult returned)
 {
-    addFailureDetails(error, ld, isSecure(ld));
+    if (source.connection != nullptr) {
+        returned = source.connection->outcome(returned);
+    }
+    BaseError error(returned.code, std::move(context), returned.systemError);
+    addFailureDetails(error, source.ldap, isSecure(source.ldap));
+    if (source.connection != nullptr) {
+        source.connection->explain(error);
+    }
     return error;
 }
 
-BaseError resultError(LDAP* ld, LDAPMessage* message, int systemError)
+BaseError resultError(const PageSource& source, LDAPMessage* message, int systemError)
 {
     int code = LDAP_SERVER_DOWN;
     if (message != nullptr) {
         const int rc =
-            ldap_parse_result(ld, message, &code, nullptr, nullptr, nullptr, nullptr, /*freeit*/ 1);
+            ldap_parse_result(source.ldap, message, &code, nullptr, nullptr, nullptr, nullptr, /*freeit*/ 1);
         code = rc != LDAP_SUCCESS ? rc : code;
     }
-    return explained({code, QStringLiteral("ldap_result"), systemError}, ld);
+    return failedCall(source, QStringLiteral("ldap_result"), {code, systemError});
+}
+
+/// How long the client library waits for a message.
+timeval waitingTime(TimeLimit::Duration left)
+{
+    if (!left) {
+        return kZeroTimeout;
+    }
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(*left);
+    return {seconds.count(), std::chrono::microseconds(*left - seconds).count()};
+}
+
+TimeLimit::Duration silence(const Connection* connection)
+{
+    return connection != nullptr ? connection->options().pageSilenceTimeout : std::nullopt;
 }
 
 /// By design: a result that the server calls a failure is one, whatever entries came with it. They are
@@ -70,12 +95,13 @@ int SearchExchange::send(
     SearchRequest request(params, attributeNames, m_source.timeout);
     int messageId = 0;
     clearFailureDetails(ld);
+    const TimeLimit limit(m_source.connection, Limit::pageSilence, silence(m_source.connection));
     const int rc =
         ldap_search_ext(ld, request.base.constData(), request.scope, request.filter(), request.attributes(),
             /*attrsonly*/ 0, controls, nullptr, &request.timeout, /*sizelimit*/ 0, &messageId);
     const int systemError = errno;
     if (rc != LDAP_SUCCESS) {
-        throw explained({rc, QStringLiteral("ldap_search_ext"), systemError}, ld);
+        throw failedCall(m_source, QStringLiteral("ldap_search_ext"), {rc, systemError});
     }
     return messageId;
 }
@@ -83,8 +109,9 @@ int SearchExchange::send(
 std::optional<SearchResponse> SearchExchange::receive(int messageId, const SearchParams& params)
 {
     LDAP* ld = m_source.ldap;
+    const TimeLimit limit(m_source.connection, Limit::pageSilence, silence(m_source.connection));
     while (m_search.isRunning()) {
-        timeval timeout = kZeroTimeout;
+        timeval timeout = waitingTime(limit.left());
         LDAPMessage* received = nullptr;
         const int rc = ldap_result(ld, messageId, LDAP_MSG_ALL, &timeout, &received);
         const int systemError = errno;
@@ -92,7 +119,7 @@ std::optional<SearchResponse> SearchExchange::receive(int messageId, const Searc
             if (getLdapError(ld) == LDAP_DECODING_ERROR) {
                 stopReading(ld);
             }
-            throw resultError(ld, received, systemError);
+            throw resultError(m_source, received, systemError);
         }
         if (received != nullptr) {
             SearchResponse response(ld, MessagePtr(received, &ldap_msgfree));
@@ -102,6 +129,10 @@ std::optional<SearchResponse> SearchExchange::receive(int messageId, const Searc
             throwIfFailed(
                 readFinalResult(ld, received, /*freeChain*/ false), systemError, m_source.tag, params);
             return response;
+        }
+        if (limit.left() == std::chrono::milliseconds(0)) {
+            m_source.connection->endByLimit(limit.limit(), limit.duration());
+            throw failedCall(m_source, QStringLiteral("ldap_result"), {LDAP_TIMEOUT, ETIMEDOUT});
         }
         sleepPollInterval();
     }

@@ -20,6 +20,15 @@ void SearchQueue::allowInterleaving()
     }
 }
 
+void SearchQueue::interrupt() noexcept
+{
+    const std::lock_guard lock(m_mutex);
+    m_isInterrupted = true;
+    for (const auto& [number, ticket] : m_places) {
+        ticket->m_mayRun.notify_all();
+    }
+}
+
 bool SearchQueue::isHeldUpByThisThread()
 {
     if (delivering == nullptr || delivering->m_queue.get() != this) {
@@ -58,9 +67,12 @@ bool SearchTicket::beginPage()
     std::unique_lock lock(queue.m_mutex);
     const auto isGivenUp = [&] { return queue.m_places.count(m_number) == 0; };
     m_mayRun.wait(lock, [&] {
-        return queue.m_mayInterleave || isGivenUp() ||
+        return queue.m_isInterrupted || queue.m_mayInterleave || isGivenUp() ||
                (queue.m_places.begin()->first == m_number && queue.m_pagesInFlight == 0);
     });
+    if (queue.m_isInterrupted) {
+        return false;
+    }
     if (!queue.m_mayInterleave && isGivenUp()) {
         const bool isAlone = queue.m_places.empty() && queue.m_pagesInFlight == 0;
         if (!m_hasBegun || !isAlone) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <ldap/private/wire/interruption.h>
+
 #include <condition_variable>
 #include <cstdint>
 #include <map>
@@ -15,11 +17,14 @@ class SearchTicket;
 /// OpenLDAP's server keeps the state of one paged search for each connection: the first page of a second one
 /// makes the next page of the first fail. So the searches take turns in the order of their start, each for
 /// its whole length. Active Directory has no such limit, so no search waits there.
-class SearchQueue
+class SearchQueue final : public Interruptible
 {
 public:
     /// Lets all searches run at the same time from now on.
     void allowInterleaving();
+
+    /// No search asks for a page from now on; none waits for its turn.
+    void interrupt() noexcept override;
 
     /// Whether this thread delivers a page of one of the searches, so that those behind it wait for the
     /// caller's handler.
@@ -37,6 +42,7 @@ private:
     std::uint64_t m_lastNumber = 0;
     int m_pagesInFlight = 0;
     bool m_mayInterleave = false;
+    bool m_isInterrupted = false;
 };
 
 /// One search's place in the queue, from its start until it gives the place up. Thread-safe.

@@ -1,6 +1,5 @@
 #include "ldap/private/server_url.h"
 
-#include <QStringList>
 #include <QStringView>
 #include <QUrl>
 
@@ -85,14 +84,19 @@ QString refusalOfOne(const ServerUrl& url)
 
 } // namespace
 
+QStringList urlsOf(const utils::Url& url)
+{
+    // The client library's separators of a list.
+    return url.toString().replace(u',', u' ').split(u' ', Qt::SkipEmptyParts);
+}
+
 QString refusalOf(const utils::Url& url)
 {
     const QString text = url.toString();
     if (text.contains(QChar(0))) {
         return QStringLiteral("the URL holds a NUL");
     }
-    // The client library's separators of a list.
-    const QStringList list = QString(text).replace(u',', u' ').split(u' ', Qt::SkipEmptyParts);
+    const QStringList list = urlsOf(url);
     if (list.isEmpty()) {
         return QStringLiteral("the URL is empty");
     }

@@ -3,6 +3,7 @@
 #include <tavo_utils/url.h>
 
 #include <QString>
+#include <QStringList>
 
 namespace tavo::ldap {
 
@@ -12,5 +13,8 @@ namespace tavo::ldap {
 /// itself when there is no text or no host, takes a name and password for parts of the host's name, and knows
 /// schemes that aren't LDAP version 3. So is a list that is secure in part. Everything else is left to it.
 QString refusalOf(const utils::Url& url);
+
+/// The URLs of a list, in the order in which they are tried.
+QStringList urlsOf(const utils::Url& url);
 
 } // namespace tavo::ldap

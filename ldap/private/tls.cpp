@@ -6,10 +6,16 @@
 
 #include <openssl/err.h>
 
+#include <QFileInfo>
+
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace tavo::ldap {
@@ -25,6 +31,9 @@ void createTlsContext(LDAP* ld)
         throw BaseError(rc, QStringLiteral("set LDAP_OPT_X_TLS_NEWCTX"), systemError);
     }
 }
+
+/// No socket of a server can be there.
+constexpr const char* kNoServer = "ldapi://%2Fdev%2Fnull";
 
 enum class Type
 {
@@ -137,6 +146,27 @@ bool verifiesCertificates(LDAP* ld)
     return requirement != LDAP_OPT_X_TLS_NEVER;
 }
 
+/// Whether the connection's own option takes the place of the host's.
+bool isReplaced(int option, const ConnectionOptions* options)
+{
+    if (options == nullptr) {
+        return false;
+    }
+    switch (option) {
+    case LDAP_OPT_X_TLS_CACERTFILE:
+    case LDAP_OPT_X_TLS_CACERTDIR:
+    case LDAP_OPT_X_TLS_CACERT:
+        return options->trustedCertificates.has_value();
+    case LDAP_OPT_X_TLS_CERTFILE:
+    case LDAP_OPT_X_TLS_KEYFILE:
+    case LDAP_OPT_X_TLS_CERT:
+    case LDAP_OPT_X_TLS_KEY:
+        return options->clientCertificate.has_value();
+    default:
+        return false;
+    }
+}
+
 /// Whether the program has set, for all handles, that connections are made with TLS whatever the URL says.
 bool alwaysUsesTls(LDAP* ld)
 {
@@ -163,14 +193,15 @@ public:
     HostsOptions& operator=(const HostsOptions&) = delete;
 
     /// A handle that verifies nothing does without authorities and revocations, so that no missing file of
-    /// theirs can stop it.
+    /// theirs can stop it. What the connection has options of its own for isn't copied.
     /// \return whether there is anything
-    bool copyAll()
+    bool copyAll(const ConnectionOptions* options)
     {
         const bool isVerifying = verifiesCertificates(m_ld);
         bool found = false;
         for (const TlsOption& option : inheritedByNoHandle) {
-            if (isVerifying || !option.isForVerification) {
+            const bool isWanted = isVerifying || !option.isForVerification;
+            if (isWanted && !isReplaced(option.option, options)) {
                 found = copy(option) || found;
             }
         }
@@ -200,9 +231,71 @@ private:
     std::vector<int> m_copiedBytes;
 };
 
+void setText(LDAP* ld, int option, const char* name, const QString& text)
+{
+    set(ld, {option, Type::text, name}, text.toUtf8().constData());
+}
+
+/// As the client library writes it.
+int numberOf(TlsVersion version)
+{
+    switch (version) {
+    case TlsVersion::tls1_0:
+        return LDAP_OPT_X_TLS_PROTOCOL_TLS1_0;
+    case TlsVersion::tls1_1:
+        return LDAP_OPT_X_TLS_PROTOCOL_TLS1_1;
+    case TlsVersion::tls1_2:
+        return LDAP_OPT_X_TLS_PROTOCOL_TLS1_2;
+    case TlsVersion::tls1_3:
+        return LDAP_OPT_X_TLS_PROTOCOL_TLS1_3;
+    }
+    return LDAP_OPT_X_TLS_PROTOCOL_TLS1_3;
+}
+
+/// The stricter of the host's minimum and the connection's own. GnuTLS ignores it, so the version is looked at
+/// after the handshake, too.
+void setMinimumVersion(LDAP* ld, TlsVersion version)
+{
+    int hosts = 0;
+    ldap_get_option(nullptr, LDAP_OPT_X_TLS_PROTOCOL_MIN, &hosts);
+    const int minimum = std::max(hosts, numberOf(version));
+    set(ld, {LDAP_OPT_X_TLS_PROTOCOL_MIN, Type::number, "LDAP_OPT_X_TLS_PROTOCOL_MIN"}, &minimum);
+}
+
+/// Gives a handle what the connection has options of its own for, for its next context.
+/// \return whether there is anything
+bool setOwnOptions(LDAP* ld, const ConnectionOptions* options)
+{
+    if (options == nullptr) {
+        return false;
+    }
+    if (options->trustedCertificates && verifiesCertificates(ld)) {
+        const bool isFolder = QFileInfo(*options->trustedCertificates).isDir();
+        setText(ld, isFolder ? LDAP_OPT_X_TLS_CACERTDIR : LDAP_OPT_X_TLS_CACERTFILE, "trustedCertificates",
+            *options->trustedCertificates);
+    }
+    if (options->clientCertificate) {
+        setText(ld, LDAP_OPT_X_TLS_CERTFILE, "clientCertificate", *options->clientCertificate);
+        setText(ld, LDAP_OPT_X_TLS_KEYFILE, "clientKey",
+            options->clientKey.value_or(*options->clientCertificate));
+    }
+    if (options->minimumTlsVersion) {
+        setMinimumVersion(ld, *options->minimumTlsVersion);
+    }
+    return options->trustedCertificates || options->clientCertificate || options->minimumTlsVersion;
+}
+
+QString ownedText(char* text)
+{
+    const utils::ScopeGuard freeText([&] { ldap_memfree(text); });
+    return QString::fromUtf8(text);
+}
+
 } // namespace
 
-void setUpTls(LDAP* ld, bool isSecure, bool ignoreCertificateErrors)
+bool startsWithTls(LDAP* ld, bool isSecure) { return isSecure || alwaysUsesTls(ld); }
+
+void setUpTls(LDAP* ld, bool isSecure, bool ignoreCertificateErrors, const ConnectionOptions* options)
 {
     const int requireCertificate = ignoreCertificateErrors ? LDAP_OPT_X_TLS_NEVER : LDAP_OPT_X_TLS_HARD;
     const auto [rc, systemError] =
@@ -211,11 +304,20 @@ void setUpTls(LDAP* ld, bool isSecure, bool ignoreCertificateErrors)
         throw BaseError(rc, QStringLiteral("set LDAP_OPT_X_TLS_REQUIRE_CERT"), systemError);
     }
     HostsOptions hostsOptions(ld);
-    if (isSecure || alwaysUsesTls(ld)) {
-        hostsOptions.copyAll();
+    if (startsWithTls(ld, isSecure)) {
+        hostsOptions.copyAll(options);
+        setOwnOptions(ld, options);
     }
     // The requirement takes effect only in a TLS context that is made after it.
     createTlsContext(ld);
+}
+
+void connectNoMore(LDAP* ld)
+{
+    const int rc = ldap_set_option(ld, LDAP_OPT_URI, kNoServer);
+    if (rc != LDAP_OPT_SUCCESS) {
+        throw BaseError(rc, QStringLiteral("set LDAP_OPT_URI"), 0);
+    }
 }
 
 void refusePlainConnections(LDAP* ld)
@@ -223,7 +325,7 @@ void refusePlainConnections(LDAP* ld)
     const int always = LDAP_OPT_X_TLS_HARD;
     ldap_set_option(ld, LDAP_OPT_X_TLS, &always);
     // No socket: a handle without a context would make its first connection with that of the process.
-    ldap_set_option(ld, LDAP_OPT_URI, "ldapi://%2Fdev%2Fnull");
+    ldap_set_option(ld, LDAP_OPT_URI, kNoServer);
     int socket = -1;
     ldap_get_option(ld, LDAP_OPT_DESC, &socket);
     if (socket >= 0) {
@@ -231,14 +333,55 @@ void refusePlainConnections(LDAP* ld)
     }
 }
 
-void prepareStartTls(LDAP* ld)
+void prepareStartTls(LDAP* ld, const ConnectionOptions* options)
 {
     utils::ScopeGuard refuse([&] { refusePlainConnections(ld); });
     HostsOptions hostsOptions(ld);
-    if (hostsOptions.copyAll()) {
+    const bool hasHosts = hostsOptions.copyAll(options);
+    const bool hasOwn = setOwnOptions(ld, options);
+    if (hasHosts || hasOwn) {
         createTlsContext(ld);
     }
     refuse.dismiss();
+}
+
+std::optional<TlsFacts> tlsFacts(LDAP* ld)
+{
+    if (ldap_tls_inplace(ld) == 0) {
+        return std::nullopt;
+    }
+    TlsFacts facts;
+    char* text = nullptr;
+    if (ldap_get_option(ld, LDAP_OPT_X_TLS_VERSION, static_cast<void*>(&text)) == LDAP_OPT_SUCCESS) {
+        facts.version = ownedText(std::exchange(text, nullptr));
+    }
+    if (ldap_get_option(ld, LDAP_OPT_X_TLS_CIPHER, static_cast<void*>(&text)) == LDAP_OPT_SUCCESS) {
+        facts.cipher = ownedText(text);
+    }
+    berval certificate{};
+    const utils::ScopeGuard freeCertificate([&] { ber_memfree(certificate.bv_val); });
+    if (ldap_get_option(ld, LDAP_OPT_X_TLS_PEERCERT, &certificate) == LDAP_OPT_SUCCESS) {
+        facts.certificate = QByteArray(certificate.bv_val, static_cast<qsizetype>(certificate.bv_len));
+    }
+    return facts;
+}
+
+bool speaksAtLeast(LDAP* ld, TlsVersion version)
+{
+    char* text = nullptr;
+    const utils::ScopeGuard freeText([&] { ldap_memfree(text); });
+    if (ldap_get_option(ld, LDAP_OPT_X_TLS_VERSION, static_cast<void*>(&text)) != LDAP_OPT_SUCCESS ||
+        text == nullptr) {
+        return false;
+    }
+    // "TLSv1.2" or "TLS1.2"; OpenSSL calls the first "TLSv1".
+    const std::string_view name = text;
+    const std::pair<std::string_view, TlsVersion> known[] = {{"TLSv1", TlsVersion::tls1_0},
+        {"TLS1.0", TlsVersion::tls1_0}, {"TLSv1.1", TlsVersion::tls1_1}, {"TLS1.1", TlsVersion::tls1_1},
+        {"TLSv1.2", TlsVersion::tls1_2}, {"TLS1.2", TlsVersion::tls1_2}, {"TLSv1.3", TlsVersion::tls1_3},
+        {"TLS1.3", TlsVersion::tls1_3}};
+    return std::any_of(std::begin(known), std::end(known),
+        [&](const auto& one) { return one.first == name && one.second >= version; });
 }
 
 void clearTlsErrors() { ERR_clear_error(); }

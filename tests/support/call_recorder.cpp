@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <lber.h>
 #include <ldap.h>
+#include <openldap.h>
 #include <openssl/err.h>
 
 #include <algorithm>
@@ -43,10 +44,13 @@
     X(ldap_first_attribute)                                                                                  \
     X(ldap_first_entry)                                                                                      \
     X(ldap_first_reference)                                                                                  \
+    X(ldap_free_urldesc)                                                                                     \
     X(ldap_get_dn)                                                                                           \
     X(ldap_get_option)                                                                                       \
     X(ldap_get_values_len)                                                                                   \
+    X(ldap_init_fd)                                                                                          \
     X(ldap_initialize)                                                                                       \
+    X(ldap_install_tls)                                                                                      \
     X(ldap_is_ldaps_url)                                                                                     \
     X(ldap_memfree)                                                                                          \
     X(ldap_memvfree)                                                                                         \
@@ -66,6 +70,8 @@
     X(ldap_set_urllist_proc)                                                                                 \
     X(ldap_start_tls_s)                                                                                      \
     X(ldap_str2dn)                                                                                           \
+    X(ldap_tls_inplace)                                                                                      \
+    X(ldap_url_parse)                                                                                        \
     X(ldap_value_free_len)                                                                                   \
     X(ldap_whoami_s)                                                                                         \
     X(nanosleep)
@@ -765,6 +771,15 @@ int __wrap_ldap_initialize(LDAP** ld, const char* uri)
         .call(ld, uri);
 }
 
+int __wrap_ldap_init_fd(ber_socket_t socket, int protocol, const char* url, LDAP** ld)
+{
+    return TAVO_INTERCEPT(ldap_init_fd)
+        .argument("proto", [&] { return numberValue(protocol); })
+        .argument("url", [&] { return textValue(url); })
+        .afterwards([&](Results& results) { results.handsOutHandle(*ld, "a handle of ldap_init_fd"); })
+        .call(socket, protocol, url, ld);
+}
+
 LDAP* __wrap_ldap_dup(LDAP* old)
 {
     return TAVO_INTERCEPT(ldap_dup)
@@ -838,6 +853,10 @@ int __wrap_ldap_start_tls_s(LDAP* ld, LDAPControl** serverControls, LDAPControl*
         .argument("clientctrls", [&] { return controlsValue(clientControls); })
         .call(ld, serverControls, clientControls);
 }
+
+int __wrap_ldap_install_tls(LDAP* ld) { return TAVO_INTERCEPT(ldap_install_tls).handle(ld).call(ld); }
+
+int __wrap_ldap_tls_inplace(LDAP* ld) { return TAVO_INTERCEPT(ldap_tls_inplace).handle(ld).call(ld); }
 
 int __wrap_ldap_sasl_bind_s(LDAP* ld, const char* dn, const char* mechanism, berval* credentials,
     LDAPControl** serverControls, LDAPControl** clientControls, berval** serverCredentials)
@@ -1196,6 +1215,21 @@ int __wrap_ldap_rdn2str(LDAPRDN rdn, char** text, unsigned flags)
 void __wrap_ldap_dnfree(LDAPDN dn)
 {
     TAVO_INTERCEPT(ldap_dnfree).frees(dn, [&] { __real_ldap_dnfree(dn); }).call(dn);
+}
+
+int __wrap_ldap_url_parse(const char* url, LDAPURLDesc** parsed)
+{
+    return TAVO_INTERCEPT(ldap_url_parse)
+        .argument("url", [&] { return textValue(url); })
+        .afterwards([&](Results& results) {
+            results.handsOut(*parsed, "the URL of ldap_url_parse", {"ldap_free_urldesc"});
+        })
+        .call(url, parsed);
+}
+
+void __wrap_ldap_free_urldesc(LDAPURLDesc* url)
+{
+    TAVO_INTERCEPT(ldap_free_urldesc).frees(url, [&] { __real_ldap_free_urldesc(url); }).call(url);
 }
 
 char* __wrap_ldap_err2string(int code)

@@ -26,10 +26,13 @@ function(tavo_wrap_libldap target)
         ldap_first_attribute
         ldap_first_entry
         ldap_first_reference
+        ldap_free_urldesc
         ldap_get_dn
         ldap_get_option
         ldap_get_values_len
+        ldap_init_fd
         ldap_initialize
+        ldap_install_tls
         ldap_is_ldaps_url
         ldap_memfree
         ldap_memvfree
@@ -49,6 +52,8 @@ function(tavo_wrap_libldap target)
         ldap_set_urllist_proc
         ldap_start_tls_s
         ldap_str2dn
+        ldap_tls_inplace
+        ldap_url_parse
         ldap_value_free_len
         ldap_whoami_s
         nanosleep)

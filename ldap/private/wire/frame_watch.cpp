@@ -21,6 +21,8 @@ constexpr std::size_t kLongestLength = 4;
 constexpr std::size_t kLongestStart = 16;
 /// No answer that the library asks for is longer, and no notice.
 constexpr std::size_t kLongestSuspect = std::size_t{64} * 1024;
+/// That can be under way at a time; no session asks for so much.
+constexpr std::size_t kMostAnswers = 4096;
 
 /// Takes a tag off the bytes, as the client library would. Only those of one byte are told apart.
 std::optional<unsigned char> takeTag(std::string_view& bytes)
@@ -85,14 +87,31 @@ std::optional<Element> takeElement(std::string_view& bytes)
     return element;
 }
 
-/// The tag of the operation, once it is there, behind a message id that has the usual tag.
-std::optional<unsigned char> operationTag(std::string_view content)
+struct Operation
+{
+    std::uint32_t request;
+    unsigned char tag;
+};
+
+/// The operation, once its tag is there, behind a message id that has the usual tag.
+std::optional<Operation> operationIn(std::string_view content)
 {
     const auto id = takeElement(content);
     if (!id || id->tag != kIntegerTag || content.empty()) {
         return std::nullopt;
     }
-    return static_cast<unsigned char>(content.front());
+    std::uint32_t request = 0;
+    for (const char byte : id->content) {
+        request = request << CHAR_BIT | static_cast<unsigned char>(byte);
+    }
+    return Operation{request, static_cast<unsigned char>(content.front())};
+}
+
+/// Whether more messages follow that answer the same request.
+bool isPartOfAnswer(unsigned char operation)
+{
+    return operation == LDAP_RES_SEARCH_ENTRY || operation == LDAP_RES_SEARCH_REFERENCE ||
+           operation == LDAP_RES_INTERMEDIATE;
 }
 
 /// Whether the client library may abort on the message.
@@ -125,23 +144,25 @@ bool isFatal(std::string_view content)
 
 bool FrameWatch::admits(std::string_view bytes) noexcept
 try {
-    while (!bytes.empty() && m_next != Next::nothing) {
+    while (!bytes.empty() && m_next != Next::nothing && m_verdict == Verdict::good) {
         if (m_next == Next::rest) {
             bytes.remove_prefix(takeRest(bytes));
         } else {
             takeByte(static_cast<unsigned char>(bytes.front()));
             bytes.remove_prefix(1);
         }
-        if (m_content.size() > kLongestSuspect || !endMessage()) {
-            return false;
+        if (m_content.size() > kLongestSuspect) {
+            m_verdict = Verdict::fatal;
         }
+        endMessage();
     }
-    return true;
+    return m_verdict == Verdict::good;
 } catch (const std::bad_alloc&) {
+    m_verdict = Verdict::fatal;
     return false;
 }
 
-void FrameWatch::reset() noexcept { *this = FrameWatch(); }
+void FrameWatch::reset() noexcept { *this = FrameWatch(m_limits); }
 
 void FrameWatch::takeByte(unsigned char byte)
 {
@@ -177,6 +198,12 @@ void FrameWatch::takeLength(unsigned char byte)
         // The client library takes no empty message.
         m_next = m_contentLeft == 0 ? Next::nothing : Next::start;
         m_isSuspect = true;
+        m_size = m_contentLeft;
+        if (m_size > m_limits.message) {
+            m_verdict = Verdict::messageTooLong;
+        } else if (m_size > m_limits.answer) {
+            m_verdict = Verdict::answerTooLong;
+        }
     }
 }
 
@@ -184,9 +211,10 @@ void FrameWatch::takeStart(unsigned char byte)
 {
     m_content.push_back(static_cast<char>(byte));
     --m_contentLeft;
-    if (const auto tag = operationTag(m_content)) {
-        m_isSuspect = *tag == LDAP_RES_EXTENDED;
+    if (const auto operation = operationIn(m_content)) {
+        m_isSuspect = operation->tag == LDAP_RES_EXTENDED;
         m_next = Next::rest;
+        countAnswer(operation->request, operation->tag);
     } else if (m_content.size() == kLongestStart) {
         m_next = Next::rest;
     }
@@ -202,17 +230,32 @@ std::size_t FrameWatch::takeRest(std::string_view bytes)
     return size;
 }
 
-/// \return false when the message is complete and would be the end of the process
-bool FrameWatch::endMessage()
+void FrameWatch::countAnswer(std::uint32_t request, unsigned char operation)
+{
+    if (m_limits.answer == SizeLimits::kNone) {
+        return;
+    }
+    std::size_t& size = m_answers[request];
+    size += m_size;
+    if (size > m_limits.answer || m_answers.size() > kMostAnswers) {
+        m_verdict = Verdict::answerTooLong;
+    }
+    if (!isPartOfAnswer(operation)) {
+        m_answers.erase(request);
+    }
+}
+
+void FrameWatch::endMessage()
 {
     const bool isInContent = m_next == Next::start || m_next == Next::rest;
     if (!isInContent || m_contentLeft != 0) {
-        return true;
+        return;
     }
-    const bool isHarmless = !m_isSuspect || !isFatal(m_content);
+    if (m_isSuspect && isFatal(m_content)) {
+        m_verdict = Verdict::fatal;
+    }
     m_content.clear();
     m_next = Next::tag;
-    return isHarmless;
 }
 
 } // namespace tavo::ldap

@@ -1,6 +1,7 @@
 #include "ldap/private/wire/layers.h"
 
 #include <ldap/error.h>
+#include <ldap/private/wire/connection.h>
 #include <ldap/private/wire/frame_watch.h>
 #include <ldap/private/wire/socket_stream.h>
 
@@ -11,6 +12,7 @@
 #include <cstddef>
 #include <cstring>
 #include <new>
+#include <utility>
 
 // The client library holds its lock on the connections of a handle and its duplicates (ld_conn_mutex) while it
 // connects, reads and closes, and that or the one on their requests (ld_req_mutex) while it writes, whichever
@@ -44,15 +46,41 @@ int keepState(Sockbuf_IO_Desc* layer, void* state) noexcept
     return 0;
 }
 
-/// \param tlsSession null if TLS hasn't begun
-int makeStream(Sockbuf_IO_Desc* layer, void* tlsSession) noexcept
+/// What a new layer is told.
+struct Setup
 {
-    return keepState(layer, new (std::nothrow) SocketStream(tlsSession != nullptr));
+    bool isEncrypted = false;
+    /// Null for a connection without options.
+    std::shared_ptr<Connection> connection;
+};
+
+/// The messages of one connection.
+struct Watch
+{
+    explicit Watch(std::shared_ptr<Connection> whose)
+        : connection(std::move(whose))
+        , frames(connection ? limitsOf(connection->options()) : SizeLimits())
+    {}
+
+    static SizeLimits limitsOf(const ConnectionOptions& options)
+    {
+        return {options.maximumMessageSize.value_or(SizeLimits::kNone),
+            options.maximumAnswerSize.value_or(SizeLimits::kNone)};
+    }
+
+    std::shared_ptr<Connection> connection;
+    FrameWatch frames;
+};
+
+int makeStream(Sockbuf_IO_Desc* layer, void* argument) noexcept
+{
+    const auto& setup = *static_cast<const Setup*>(argument);
+    return keepState(layer, new (std::nothrow) SocketStream(setup.isEncrypted, setup.connection));
 }
 
-int makeWatch(Sockbuf_IO_Desc* layer, void*) noexcept
+int makeWatch(Sockbuf_IO_Desc* layer, void* argument) noexcept
 {
-    return keepState(layer, new (std::nothrow) FrameWatch);
+    return keepState(layer, new (std::nothrow) Watch(static_cast<const Setup*>(argument)->connection));
 }
 
 template <class State>
@@ -107,7 +135,8 @@ int controlSocket(Sockbuf_IO_Desc* layer, int option, void* argument) noexcept
 /// Leaves the layers below, which are closed next, no socket to close.
 int closeSocket(Sockbuf_IO_Desc* layer) noexcept
 {
-    if (auto* const stream = static_cast<SocketStream*>(layer->sbiod_pvt)) {
+    auto* const stream = static_cast<SocketStream*>(layer->sbiod_pvt);
+    if (stream != nullptr) {
         stream->reset();
     }
     const ber_socket_t socket = socketOf(layer->sbiod_sb);
@@ -116,23 +145,46 @@ int closeSocket(Sockbuf_IO_Desc* layer) noexcept
     }
     ber_socket_t none = kNoSocket;
     ber_sockbuf_ctrl(layer->sbiod_sb, LBER_SB_OPT_SET_FD, &none);
-    // The connection ends now, also if a forked child has the socket, too.
-    shutdown(socket, SHUT_RDWR);
-    close(socket);
+    if (stream != nullptr) {
+        stream->close(socket);
+    } else {
+        close(socket);
+    }
     return 0;
+}
+
+/// \return the `errno` of the end of a connection whose server must not be read any more
+int endOf(Connection* connection, FrameWatch::Verdict verdict) noexcept
+{
+    switch (verdict) {
+    case FrameWatch::Verdict::messageTooLong:
+        connection->endByMessageSize();
+        return EMSGSIZE;
+    case FrameWatch::Verdict::answerTooLong:
+        connection->endByAnswerSize();
+        return EMSGSIZE;
+    case FrameWatch::Verdict::good:
+    case FrameWatch::Verdict::fatal:
+        break;
+    }
+    return EPROTO;
 }
 
 ber_slen_t readWatched(Sockbuf_IO_Desc* layer, void* buffer, ber_len_t size) noexcept
 {
-    auto* const watch = stateOf<FrameWatch>(layer);
+    auto* const watch = stateOf<Watch>(layer);
     if (watch == nullptr) {
         return -1;
     }
     const ber_slen_t count = LBER_SBIOD_READ_NEXT(layer, buffer, size);
-    if (count > 0 && !watch->admits({static_cast<const char*>(buffer), static_cast<std::size_t>(count)})) {
+    if (count <= 0) {
+        return count;
+    }
+    if (!watch->frames.admits({static_cast<const char*>(buffer), static_cast<std::size_t>(count)})) {
+        const int systemError = endOf(watch->connection.get(), watch->frames.verdict());
         // The client library keeps the socket of a connection that has failed while it has requests on it.
         shutdown(socketOf(layer->sbiod_sb), SHUT_RDWR);
-        errno = EPROTO;
+        errno = systemError;
         return -1;
     }
     return count;
@@ -156,8 +208,8 @@ int passControl(Sockbuf_IO_Desc* layer, int option, void* argument) noexcept
 
 int closeWatch(Sockbuf_IO_Desc* layer) noexcept
 {
-    if (auto* const watch = static_cast<FrameWatch*>(layer->sbiod_pvt)) {
-        watch->reset();
+    if (auto* const watch = static_cast<Watch*>(layer->sbiod_pvt)) {
+        watch->frames.reset();
     }
     return 0;
 }
@@ -179,7 +231,7 @@ Sockbuf_IO& watchLayer()
 {
     static Sockbuf_IO layer{
         .sbi_setup = &makeWatch,
-        .sbi_remove = &deleteState<FrameWatch>,
+        .sbi_remove = &deleteState<Watch>,
         .sbi_ctrl = &passControl,
         .sbi_read = &readWatched,
         .sbi_write = &writeAndWipe,
@@ -188,12 +240,11 @@ Sockbuf_IO& watchLayer()
     return layer;
 }
 
-/// \param tlsSession null if TLS hasn't begun
 /// \return 0, or below 0 with `errno`
-int addBoth(Sockbuf* connection, void* tlsSession) noexcept
+int addBoth(Sockbuf* connection, Setup setup) noexcept
 {
-    const int added = ber_sockbuf_add_io(connection, &socketLayer(), kSocketLevel, tlsSession);
-    return added != 0 ? added : ber_sockbuf_add_io(connection, &watchLayer(), kWatchLevel, nullptr);
+    const int added = ber_sockbuf_add_io(connection, &socketLayer(), kSocketLevel, &setup);
+    return added != 0 ? added : ber_sockbuf_add_io(connection, &watchLayer(), kWatchLevel, &setup);
 }
 
 /// Called with each connection that has come about, under the lock. Newer client libraries (2.6.10) free all
@@ -206,28 +257,37 @@ int restoreLayers(LDAP*, LDAPURLDesc**, LDAPURLDesc**, void* connection) noexcep
     }
     void* tlsSession = nullptr;
     ber_sockbuf_ctrl(sockbuf, LBER_SB_OPT_GET_SSL, static_cast<void*>(&tlsSession));
-    if (addBoth(sockbuf, tlsSession) != 0) {
+    if (addBoth(sockbuf, {tlsSession != nullptr, nullptr}) != 0) {
         // The client library takes no answer from here; without them the connection is of no use.
         shutdown(socketOf(sockbuf), SHUT_RDWR);
     }
     return LDAP_SUCCESS;
 }
 
-} // namespace
-
-void addLayers(LDAP* ld)
+/// \return the client library's side of the connection
+Sockbuf* addLayersOf(LDAP* ld, const std::shared_ptr<Connection>& connection)
 {
-    Sockbuf* connection = nullptr;
-    const int rc = ldap_get_option(ld, LDAP_OPT_SOCKBUF, &connection);
+    Sockbuf* sockbuf = nullptr;
+    const int rc = ldap_get_option(ld, LDAP_OPT_SOCKBUF, &sockbuf);
     if (rc != LDAP_OPT_SUCCESS) {
         throw BaseError(rc, QStringLiteral("get LDAP_OPT_SOCKBUF"), 0);
     }
-    const int added = addBoth(connection, nullptr);
+    const int added = addBoth(sockbuf, {false, connection});
     const int systemError = errno;
     if (added != 0) {
         throw BaseError(LDAP_NO_MEMORY, QStringLiteral("ber_sockbuf_add_io"), systemError);
     }
-    ldap_set_urllist_proc(ld, &restoreLayers, connection);
+    return sockbuf;
 }
+
+} // namespace
+
+void addLayers(LDAP* ld)
+{
+    Sockbuf* const sockbuf = addLayersOf(ld, nullptr);
+    ldap_set_urllist_proc(ld, &restoreLayers, sockbuf);
+}
+
+void addLayers(LDAP* ld, const std::shared_ptr<Connection>& connection) { addLayersOf(ld, connection); }
 
 } // namespace tavo::ldap

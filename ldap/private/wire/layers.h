@@ -2,7 +2,11 @@
 
 #include <ldap.h>
 
+#include <memory>
+
 namespace tavo::ldap {
+
+class Connection;
 
 /// Puts two layers of the library's own into the connections of the handle, which its duplicates share. For a
 /// handle that hasn't connected yet.
@@ -15,5 +19,10 @@ namespace tavo::ldap {
 /// Above TLS, one that ends the connection (`EPROTO`) before a message that would end the process.
 /// \throws BaseError
 void addLayers(LDAP* ld);
+
+/// The same for a handle that has been given a socket and connects no more. Its time limits are kept by the layer
+/// below TLS, its limits of size by the one above (`EMSGSIZE`).
+/// \throws BaseError
+void addLayers(LDAP* ld, const std::shared_ptr<Connection>& connection);
 
 } // namespace tavo::ldap

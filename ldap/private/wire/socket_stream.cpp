@@ -1,14 +1,17 @@
 #include "ldap/private/wire/socket_stream.h"
 
+#include <ldap/private/wire/connection.h>
 #include <tavo_utils/system_error.h>
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <new>
+#include <utility>
 
 namespace tavo::ldap {
 
@@ -27,6 +30,19 @@ bool wouldBlock() noexcept { return errno == EAGAIN || errno == EWOULDBLOCK; }
 constexpr int kMostOffers = 8;
 
 } // namespace
+
+SocketStream::SocketStream(bool isEncrypted, std::shared_ptr<Connection> connection)
+    : m_isEncrypted(isEncrypted)
+    , m_connection(std::move(connection))
+{}
+
+SocketStream::~SocketStream()
+{
+    // Newer client libraries (2.6.10) free the layers of a failed handshake before they close the socket.
+    if (m_connection) {
+        m_connection->disown();
+    }
+}
 
 ssize_t SocketStream::read(int socket, char* to, std::size_t size) noexcept
 {
@@ -63,6 +79,9 @@ ssize_t SocketStream::write(int socket, std::string_view bytes) noexcept
             return -1;
         }
         m_isEncrypted = true;
+        if (m_connection) {
+            m_connection->handshakeBegins();
+        }
     }
     const ssize_t count = transmit(socket, bytes);
     if (count >= 0) {
@@ -74,6 +93,10 @@ ssize_t SocketStream::write(int socket, std::string_view bytes) noexcept
 SocketStream::Readiness SocketStream::readiness() noexcept
 {
     if (!hasBytes()) {
+        // Now the client library waits for the socket itself.
+        if (m_connection) {
+            m_connection->aboutToRead();
+        }
         return Readiness::nothing;
     }
     if (++m_offers <= kMostOffers) {
@@ -102,6 +125,9 @@ bool SocketStream::isReadySoon(int socket, short events) noexcept
 
 ssize_t SocketStream::receive(int socket, char* to, std::size_t size) noexcept
 {
+    if (m_connection) {
+        return m_connection->receive(socket, to, size);
+    }
     ssize_t count = recv(socket, to, size, 0);
     if (count < 0 && wouldBlock() && isReadySoon(socket, POLLIN)) {
         count = recv(socket, to, size, 0);
@@ -111,6 +137,9 @@ ssize_t SocketStream::receive(int socket, char* to, std::size_t size) noexcept
 
 ssize_t SocketStream::transmit(int socket, std::string_view bytes) noexcept
 {
+    if (m_connection) {
+        return m_connection->send(socket, bytes);
+    }
     ssize_t count = send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
     if (count < 0 && wouldBlock() && isReadySoon(socket, POLLOUT)) {
         count = send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
@@ -133,6 +162,15 @@ void SocketStream::reset() noexcept
     m_isEncrypted = false;
     m_hasWaited = false;
     m_offers = 0;
+}
+
+void SocketStream::close(int socket) noexcept
+{
+    if (!m_connection || !m_connection->close(socket)) {
+        // The connection ends now, also if a forked child has the socket, too.
+        shutdown(socket, SHUT_RDWR);
+        ::close(socket);
+    }
 }
 
 } // namespace tavo::ldap

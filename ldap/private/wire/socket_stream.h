@@ -9,6 +9,8 @@
 
 namespace tavo::ldap {
 
+class Connection;
+
 /// The bytes of one connection, as they pass its socket: reads ahead, and writes without raising SIGPIPE.
 ///
 /// The client library asks for a message in two reads of a few bytes. Below TLS they are read in large pieces;
@@ -19,9 +21,12 @@ class SocketStream
 {
 public:
     /// \param isEncrypted whether TLS has begun
-    explicit SocketStream(bool isEncrypted = false)
-        : m_isEncrypted(isEncrypted)
-    {}
+    /// \param connection whose socket it is, if it has options; its time limits are kept then, whether the socket
+    ///        is blocking or not
+    explicit SocketStream(bool isEncrypted = false, std::shared_ptr<Connection> connection = {});
+    ~SocketStream();
+    SocketStream(const SocketStream&) = delete;
+    SocketStream& operator=(const SocketStream&) = delete;
 
     /// Like read(2): waits for the first byte, for a non-blocking socket a while only. A call that waited has
     /// the next one not wait, so that its caller can look at the time.
@@ -49,6 +54,9 @@ public:
     /// The connection has ended: what has been read ahead is dropped, and the next one begins.
     void reset() noexcept;
 
+    /// Closes the socket. Never blocks.
+    void close(int socket) noexcept;
+
 private:
     static constexpr std::size_t kCapacity = std::size_t{64} * 1024;
 
@@ -67,6 +75,7 @@ private:
     bool m_hasWaited = false;
     /// How often `readiness` has said that there are bytes since the last read.
     int m_offers = 0;
+    std::shared_ptr<Connection> m_connection;
 };
 
 } // namespace tavo::ldap

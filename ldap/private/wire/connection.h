@@ -1,0 +1,114 @@
+#pragma once
+
+#include <ldap/connect_failure.h>
+#include <ldap/connection_options.h>
+#include <ldap/private/client_call.h>
+#include <ldap/private/wire/interruption.h>
+#include <ldap/private/wire/socket.h>
+#include <ldap/private/wire/time_limit.h>
+
+#include <QString>
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string_view>
+
+namespace tavo::ldap {
+
+class BaseError;
+
+/// One connection with options: owns its socket, keeps its limits, and knows why it ended. Shared by the session
+/// and the layers in the client library, which may outlive it. Thread-safe.
+///
+/// The socket is shut down and closed under one mutex, so that no other socket that has got its number is hit.
+class Connection final : public Interruptible
+{
+public:
+    /// \param url of the server, for those who are told why the connection failed
+    static std::shared_ptr<Connection> make(const ConnectionOptions& options, QString url);
+
+    const ConnectionOptions& options() const { return m_options; }
+
+    /// Takes a connected socket. \return its number
+    int take(Socket socket);
+
+    /// Closes the socket, if this is its number. Never blocks. \return whether it is
+    bool close(int socket) noexcept;
+
+    /// The socket is another's to close.
+    void disown() noexcept;
+
+    /// Like recv(2) and send(2), but wait as long as the time limit of the calling thread allows, and no longer
+    /// than to the interruption. A thread without a limit doesn't wait: it is closing the connection.
+    ssize_t receive(int socket, char* to, std::size_t size) noexcept;
+    ssize_t send(int socket, std::string_view bytes) noexcept;
+
+    /// The calling thread is about to wait for the server in the client library itself.
+    void aboutToRead() noexcept;
+
+    /// When bytes last came in.
+    TimeLimit::Clock::time_point lastByte() const { return TimeLimit::Clock::time_point(m_lastByte.load()); }
+
+    /// What the TLS handshake may take yet of the time to connect.
+    void setHandshakeTime(TimeLimit::Duration left) { m_handshakeTime = left; }
+
+    /// The handshake of StartTLS begins on this thread.
+    void handshakeBegins() noexcept;
+
+    /// Null for none.
+    const Interruption* interruption() const noexcept { return m_interruption.get(); }
+
+    /// From now on it is over, for the first of the reasons that are given.
+    void interrupt() noexcept override;
+    void endByLimit(Limit limit, TimeLimit::Duration duration) noexcept;
+    void endByMessageSize() noexcept;
+    void endByAnswerSize() noexcept;
+    void endByTlsVersion() noexcept;
+
+    /// What a call of the client library has returned, or that of the connection's end, where it has failed for
+    /// that.
+    ClientCallResult outcome(ClientCallResult returned) const noexcept;
+
+    /// Tells the error why the connection ended, if it has.
+    void explain(BaseError& error) const;
+
+private:
+    enum class End
+    {
+        none,
+        interruption,
+        limit,
+        messageSize,
+        answerSize,
+        tlsVersion,
+    };
+
+    Connection(const ConnectionOptions& options, QString url);
+
+    void end(End reason, Limit limit = Limit::connect, TimeLimit::Duration duration = {}) noexcept;
+    bool isOver() const noexcept;
+    bool awaitReady(int socket, short events) noexcept;
+    int errorOfEnd() const noexcept;
+    QString reason() const;
+
+    const ConnectionOptions m_options;
+    const QString m_url;
+    std::shared_ptr<Interruption> m_interruption;
+
+    mutable std::mutex m_mutex;
+    Socket m_socket;
+    End m_end = End::none;
+    Limit m_endLimit = Limit::connect;
+    TimeLimit::Duration m_endDuration;
+
+    TimeLimit::Duration m_handshakeTime;
+    std::atomic<TimeLimit::Clock::duration> m_lastByte{TimeLimit::Clock::duration::zero()};
+};
+
+} // namespace tavo::ldap

@@ -1,0 +1,96 @@
+#include "ldap/private/wire/time_limit.h"
+
+#include <ldap/private/wire/connection.h>
+
+#include <algorithm>
+
+namespace tavo::ldap {
+
+namespace {
+
+thread_local TimeLimit* ofThread = nullptr;
+
+/// Longer than any connection; longer ones would leave the clock's range.
+constexpr std::chrono::milliseconds kForever = std::chrono::hours(24 * 365);
+
+} // namespace
+
+TimeLimit::TimeLimit(const Connection* connection, Limit limit, Duration duration)
+    : m_connection(connection)
+    , m_limit(limit)
+    , m_duration(duration ? std::optional(std::min(*duration, kForever)) : std::nullopt)
+{
+    ofThread = this;
+    if (m_limit == Limit::pageSilence) {
+        begin();
+    }
+}
+
+TimeLimit::TimeLimit(const Connection* connection, Limit limit, Duration duration, Clock::time_point deadline)
+    : TimeLimit(connection, limit, duration)
+{
+    m_deadline = deadline;
+}
+
+TimeLimit::~TimeLimit() { ofThread = nullptr; }
+
+TimeLimit* TimeLimit::ofThisThread(const Connection& connection)
+{
+    return ofThread != nullptr && ofThread->m_connection == &connection ? ofThread : nullptr;
+}
+
+void TimeLimit::begin()
+{
+    if (m_duration && !m_deadline) {
+        m_deadline = Clock::now() + *m_duration;
+    }
+}
+
+void TimeLimit::aboutToWrite() { begin(); }
+
+void TimeLimit::hasWritten()
+{
+    if (m_deadline) {
+        m_lastWrite = Clock::now();
+    }
+}
+
+void TimeLimit::aboutToRead()
+{
+    begin();
+    if (!m_hasRead && m_lastWrite) {
+        *m_deadline += Clock::now() - *m_lastWrite;
+    }
+    m_hasRead = true;
+}
+
+void TimeLimit::switchTo(Limit limit, Duration duration, Duration left)
+{
+    m_limit = limit;
+    m_duration = duration;
+    m_deadline.reset();
+    m_lastWrite.reset();
+    if (left) {
+        m_deadline = Clock::now() + *left;
+    }
+}
+
+std::optional<TimeLimit::Clock::time_point> TimeLimit::deadline() const
+{
+    if (m_deadline && m_limit == Limit::pageSilence) {
+        return std::max(*m_deadline, m_connection->lastByte() + *m_duration);
+    }
+    return m_deadline;
+}
+
+TimeLimit::Duration TimeLimit::left() const
+{
+    const auto end = deadline();
+    if (!end) {
+        return std::nullopt;
+    }
+    return std::max(
+        std::chrono::ceil<std::chrono::milliseconds>(*end - Clock::now()), std::chrono::milliseconds(0));
+}
+
+} // namespace tavo::ldap

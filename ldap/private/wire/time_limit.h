@@ -1,0 +1,71 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+
+namespace tavo::ldap {
+
+class Connection;
+
+/// The limits of time that a connection has, as its options name them.
+enum class Limit
+{
+    connect,
+    answer,
+    response,
+    pageSilence,
+};
+
+/// While it lives: how long the calling thread may wait for the server in the client library. One at a time for
+/// each thread. The thread that waits is the one that reads, whoever has asked, so the limit is the thread's and
+/// not the connection's.
+class TimeLimit
+{
+public:
+    using Clock = std::chrono::steady_clock;
+    using Duration = std::optional<std::chrono::milliseconds>;
+
+    /// \param connection may be null; there is no limit then. Must outlive it otherwise
+    /// \param duration absent for no limit. Begins with the thread's first write or read
+    TimeLimit(const Connection* connection, Limit limit, Duration duration);
+
+    /// The time that is left of a duration that has begun already.
+    TimeLimit(const Connection* connection, Limit limit, Duration duration, Clock::time_point deadline);
+
+    ~TimeLimit();
+    TimeLimit(const TimeLimit&) = delete;
+    TimeLimit& operator=(const TimeLimit&) = delete;
+
+    /// That of the calling thread, if it is for the connection.
+    static TimeLimit* ofThisThread(const Connection& connection);
+
+    /// The thread is about to write or read. Between its last write and its first read it may have waited for
+    /// the lock of another thread that waited for the server: that time doesn't count.
+    void aboutToWrite();
+    void hasWritten();
+    void aboutToRead();
+
+    /// The handshake of StartTLS begins, which has another limit.
+    void switchTo(Limit limit, Duration duration, Duration left);
+
+    /// When the wait is over; nothing for no limit. Every byte from the server puts off the end of a silence.
+    std::optional<Clock::time_point> deadline() const;
+
+    /// What is left until then; never below 0.
+    Duration left() const;
+
+    Limit limit() const { return m_limit; }
+    Duration duration() const { return m_duration; }
+
+private:
+    void begin();
+
+    const Connection* m_connection;
+    Limit m_limit;
+    Duration m_duration;
+    std::optional<Clock::time_point> m_deadline;
+    std::optional<Clock::time_point> m_lastWrite;
+    bool m_hasRead = false;
+};
+
+} // namespace tavo::ldap
