@@ -35,38 +35,39 @@ struct ConnectionOptions
     /// How long it may take to be connected: TCP to all addresses, and the TLS handshake, that of StartTLS
     /// included. Looking up the server's name is not: the system's resolver bounds that. Absent: the bounds of
     /// the system (about two minutes for TCP), and none for the handshake.
-    std::optional<std::chrono::milliseconds> connectTimeout;
+    std::optional<std::chrono::milliseconds> connectTimeout = std::nullopt;
 
     /// How long the answer to a bind, StartTLS or who-am-I may take, to its last byte. While another search of
     /// the connection waits for its page, the time begins when that page has come. Absent: `TIMEOUT` of
     /// `ldap.conf`, or no bound.
-    std::optional<std::chrono::milliseconds> answerTimeout;
+    std::optional<std::chrono::milliseconds> answerTimeout = std::nullopt;
 
     /// How long a server may send no byte while a paged search waits for it. Absent: no bound.
-    std::optional<std::chrono::milliseconds> pageSilenceTimeout;
+    std::optional<std::chrono::milliseconds> pageSilenceTimeout = std::nullopt;
 
     /// The authorities that sign the server's certificate, in place of the host's: a PEM file, or a folder as
-    /// `openssl rehash` makes it. Whatever else the host has configured for TLS holds.
-    std::optional<QString> trustedCertificates;
+    /// `openssl rehash` makes it. Whatever else the host has configured for TLS holds. Has no effect where
+    /// certificate errors are ignored.
+    std::optional<QString> trustedCertificates = std::nullopt;
 
     /// The client's own certificate, a PEM file, for servers that ask for one.
-    std::optional<QString> clientCertificate;
+    std::optional<QString> clientCertificate = std::nullopt;
 
     /// Its private key, a PEM file. Absent: the file of the certificate has it, too.
-    std::optional<QString> clientKey;
+    std::optional<QString> clientKey = std::nullopt;
 
     /// The oldest version of TLS that is good enough. Checked after the handshake and before anything else is
     /// sent; a version that can't be found out isn't good enough. Has no effect without TLS.
-    std::optional<TlsVersion> minimumTlsVersion;
+    std::optional<TlsVersion> minimumTlsVersion = std::nullopt;
 
     /// The longest message that is taken from the server, in bytes. A longer one ends the connection.
-    std::optional<std::size_t> maximumMessageSize;
+    std::optional<std::size_t> maximumMessageSize = std::nullopt;
 
     /// The same for all messages that answer one request: a page of a paged search, or a blocking search.
-    std::optional<std::size_t> maximumAnswerSize;
+    std::optional<std::size_t> maximumAnswerSize = std::nullopt;
 
     /// Ends the connection, and whatever waits for it, from any thread.
-    std::optional<Interrupter> interrupter;
+    std::optional<Interrupter> interrupter = std::nullopt;
 
     /// Whether everything is absent.
     bool isEmpty() const

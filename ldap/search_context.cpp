@@ -36,9 +36,7 @@ BaseError failedCall(LDAP* ld, const Connection* connection, ClientCallResult re
 {
     BaseError error(returned.code, kBlockingSearch, returned.systemError);
     addFailureDetails(error, ld, isSecure(ld));
-    if (connection != nullptr) {
-        connection->explain(error);
-    }
+    explainEnd(connection, error);
     return error;
 }
 
@@ -154,7 +152,10 @@ std::vector<SearchEntry> SearchContext::findEntries(SearchReport& report) const
     }
     if (received == nullptr) {
         // The client library's success when another thread has seen the connection end.
-        throw BaseError(LDAP_SERVER_DOWN, kBlockingSearch, systemError);
+        const ClientCallResult lost = outcomeOf(m_connection.get(), {LDAP_SERVER_DOWN, systemError});
+        BaseError error(lost.code, kBlockingSearch, lost.systemError);
+        explainEnd(m_connection.get(), error);
+        throw error;
     }
     SearchResponse response(m_ldap.get(), MessagePtr(received, &ldap_msgfree));
     AttributeNames names(m_params->attributes);

@@ -175,7 +175,10 @@ QString Session::whoAmI()
     }
     if (identity == nullptr && isShared && hasLostConnection(m_ldap.get())) {
         // The client library's success when another thread, a search's, has seen the connection end.
-        throw BaseError(LDAP_SERVER_DOWN, QStringLiteral("whoAmI"), systemError);
+        const ClientCallResult lost = outcomeOf(m_connection.get(), {LDAP_SERVER_DOWN, systemError});
+        BaseError error(lost.code, QStringLiteral("whoAmI"), lost.systemError);
+        explainEnd(m_connection.get(), error);
+        throw error;
     }
     if (identity == nullptr || identity->bv_len == 0) {
         return QStringLiteral("anonymous");
@@ -221,9 +224,7 @@ void Session::throwFailure(int ldapCode, int systemError, QString context, const
 void Session::explain(BaseError& error, const QString& secret) const
 {
     addFailureDetails(error, m_ldap.get(), m_isSecure, secret);
-    if (m_connection) {
-        m_connection->explain(error);
-    }
+    explainEnd(m_connection.get(), error);
     if (error.ldapCode > 0) {
         TAVO_LOG_DEBUG(log::tag(*this), u"The server refused, matched DN [%1]; it says: [%2]",
             error.matchedDn, error.serverMessage);

@@ -32,14 +32,10 @@ void sleepPollInterval()
 /// The error of a call that the server hasn't answered.
 BaseError failedCall(const PageSource& source, QString context, ClientCallResult returned)
 {
-    if (source.connection != nullptr) {
-        returned = source.connection->outcome(returned);
-    }
-    BaseError error(returned.code, std::move(context), returned.systemError);
+    const auto [code, systemError] = outcomeOf(source.connection, returned);
+    BaseError error(code, std::move(context), systemError);
     addFailureDetails(error, source.ldap, isSecure(source.ldap));
-    if (source.connection != nullptr) {
-        source.connection->explain(error);
-    }
+    explainEnd(source.connection, error);
     return error;
 }
 

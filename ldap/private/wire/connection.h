@@ -111,4 +111,17 @@ private:
     std::atomic<TimeLimit::Clock::duration> m_lastByte{TimeLimit::Clock::duration::zero()};
 };
 
+/// The same for a connection that may have no options (null); there is no more to say then.
+inline ClientCallResult outcomeOf(const Connection* connection, ClientCallResult returned) noexcept
+{
+    return connection != nullptr ? connection->outcome(returned) : returned;
+}
+
+inline void explainEnd(const Connection* connection, BaseError& error)
+{
+    if (connection != nullptr) {
+        connection->explain(error);
+    }
+}
+
 } // namespace tavo::ldap

@@ -3,6 +3,7 @@
 #include <ldap/private/wire/connection.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace tavo::ldap {
 
@@ -16,11 +17,11 @@ constexpr std::chrono::milliseconds kForever = std::chrono::hours(24 * 365);
 } // namespace
 
 TimeLimit::TimeLimit(const Connection* connection, Limit limit, Duration duration)
-    : m_connection(connection)
+    : m_former(std::exchange(ofThread, this))
+    , m_connection(connection)
     , m_limit(limit)
     , m_duration(duration ? std::optional(std::min(*duration, kForever)) : std::nullopt)
 {
-    ofThread = this;
     if (m_limit == Limit::pageSilence) {
         begin();
     }
@@ -32,7 +33,7 @@ TimeLimit::TimeLimit(const Connection* connection, Limit limit, Duration duratio
     m_deadline = deadline;
 }
 
-TimeLimit::~TimeLimit() { ofThread = nullptr; }
+TimeLimit::~TimeLimit() { ofThread = m_former; }
 
 TimeLimit* TimeLimit::ofThisThread(const Connection& connection)
 {

@@ -16,8 +16,8 @@ enum class Limit
     pageSilence,
 };
 
-/// While it lives: how long the calling thread may wait for the server in the client library. One at a time for
-/// each thread. The thread that waits is the one that reads, whoever has asked, so the limit is the thread's and
+/// While it lives: how long the calling thread may wait for the server in the client library. A later one of the
+/// same thread, as of a log that uses a session of its own, takes its place meanwhile. The thread that waits is the one that reads, whoever has asked, so the limit is the thread's and
 /// not the connection's.
 class TimeLimit
 {
@@ -60,6 +60,7 @@ public:
 private:
     void begin();
 
+    TimeLimit* const m_former;
     const Connection* m_connection;
     Limit m_limit;
     Duration m_duration;

@@ -20,6 +20,7 @@ constexpr unsigned kMessage = 0x30;
 constexpr unsigned kText = 0x04;
 constexpr unsigned kExtendedResponse = 0x78;
 constexpr unsigned kSearchEntry = 0x64;
+constexpr unsigned kSearchDone = 0x65;
 constexpr unsigned kName = 0x8a;
 constexpr unsigned kReferral = 0xa3;
 
@@ -170,6 +171,84 @@ TEST(FrameWatch, BeginsAnewWithEachConnection)
     EXPECT_TRUE(watch.admits(kEntry.substr(0, 20)));
     watch.reset();
     EXPECT_FALSE(watch.admits(kFatal));
+}
+
+Bytes entryOf(std::int64_t request, std::size_t size)
+{
+    return message(berNumber(request), tlv(kSearchEntry, tlv(kText, std::string(size, 'x'))));
+}
+
+Bytes endOf(std::int64_t request) { return message(berNumber(request), tlv(kSearchDone, kResult)); }
+
+TEST(FrameWatch, RefusesTheLengthOfTooLongAMessage)
+{
+    const Bytes fits = entryOf(1, 100);
+    const std::size_t content = fits.size() - 2;
+    FrameWatch watch({.message = content});
+    EXPECT_TRUE(watch.admits(fits + fits + fits));
+
+    const Bytes tooLong = entryOf(1, 101);
+    EXPECT_TRUE(watch.admits(tooLong.substr(0, 1)));
+    EXPECT_FALSE(watch.admits(tooLong.substr(1, 1)));
+    EXPECT_EQ(watch.verdict(), FrameWatch::Verdict::messageTooLong);
+    EXPECT_FALSE(watch.admits(fits));
+}
+
+TEST(FrameWatch, CountsAnAnswerToItsEnd)
+{
+    const Bytes one = entryOf(1, 100);
+    FrameWatch watch({.answer = 3 * one.size()});
+    for (int page = 0; page < 4; ++page) {
+        EXPECT_TRUE(watch.admits(one + one + endOf(1)));
+    }
+    EXPECT_TRUE(watch.admits(one + one));
+    EXPECT_FALSE(watch.admits(one + one));
+    EXPECT_EQ(watch.verdict(), FrameWatch::Verdict::answerTooLong);
+}
+
+TEST(FrameWatch, CountsTheAnswersOfEachRequest)
+{
+    const Bytes one = entryOf(1, 100);
+    FrameWatch watch({.answer = 3 * one.size()});
+    EXPECT_TRUE(watch.admits(one + entryOf(2, 100) + one + entryOf(2, 100) + entryOf(300'000, 100)));
+    EXPECT_FALSE(watch.admits(entryOf(2, 200)));
+}
+
+TEST(FrameWatch, CountsReferencesAndIntermediateAnswersToo)
+{
+    for (const unsigned operation : {0x73U, 0x79U}) {
+        const Bytes part = message(berNumber(1), tlv(operation, std::string(100, 'x')));
+        FrameWatch watch({.answer = 2 * part.size()});
+        EXPECT_TRUE(watch.admits(part + part));
+        EXPECT_FALSE(watch.admits(part));
+    }
+}
+
+TEST(FrameWatch, RefusesTheLengthOfAMessageThatIsTooLongAnAnswer)
+{
+    FrameWatch watch({.answer = 100});
+    EXPECT_FALSE(watch.admits(entryOf(1, 200).substr(0, 3)));
+    EXPECT_EQ(watch.verdict(), FrameWatch::Verdict::answerTooLong);
+}
+
+// What is counted takes memory, too.
+TEST(FrameWatch, CountsNoMoreAnswersThanCanBeUnderWay)
+{
+    FrameWatch watch({.answer = 1'000'000});
+    int request = 0;
+    while (request < 100'000 && watch.admits(entryOf(++request, 1))) {
+    }
+    EXPECT_EQ(watch.verdict(), FrameWatch::Verdict::answerTooLong);
+    EXPECT_LT(request, 10'000);
+}
+
+TEST(FrameWatch, KeepsItsLimitsForTheNextConnection)
+{
+    FrameWatch watch({.message = 100});
+    EXPECT_FALSE(watch.admits(entryOf(1, 200)));
+    watch.reset();
+    EXPECT_TRUE(watch.admits(entryOf(1, 20)));
+    EXPECT_FALSE(watch.admits(entryOf(1, 200)));
 }
 
 } // namespace
