@@ -114,13 +114,13 @@ public:
         }
         LdapHandle handle = createHandle(
             m_url, connect(std::move(addresses)), m_connection, m_isSecure, m_ignoreCertificateErrors);
+        if (m_deadline) {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(*m_deadline - Clock::now());
+            m_connection->setHandshakeTime(std::max(left, std::chrono::milliseconds(0)));
+        }
         if (startsWithTls(handle.get(), m_isSecure)) {
             installTls(handle.get());
             requireTlsVersion(handle.get(), *m_connection);
-        } else if (m_deadline) {
-            m_connection->setHandshakeTime(
-                std::max(std::chrono::ceil<std::chrono::milliseconds>(*m_deadline - Clock::now()),
-                    std::chrono::milliseconds(0)));
         }
         return {std::move(handle), m_connection};
     } catch (BaseError& error) {
@@ -161,13 +161,7 @@ private:
 
     void installTls(LDAP* ld)
     {
-        const TimeLimit::Duration whole = m_connection->options().connectTimeout;
-        std::optional<TimeLimit> limit;
-        if (m_deadline) {
-            limit.emplace(m_connection.get(), Limit::connect, whole, *m_deadline);
-        } else {
-            limit.emplace(m_connection.get(), Limit::connect, whole);
-        }
+        const TimeLimit limit(m_connection.get(), Limit::connect, m_connection->options().connectTimeout);
         clearFailureDetails(ld);
         const ClientCallResult returned = callClient([&] { return ldap_install_tls(ld); });
         if (returned.code == LDAP_SUCCESS) {
@@ -225,6 +219,7 @@ ConnectedHandle connectHandle(
 
 void requireTlsVersion(LDAP* ld, Connection& connection)
 {
+    connection.handshakeSucceeds();
     const auto& minimum = connection.options().minimumTlsVersion;
     if (!minimum || speaksAtLeast(ld, *minimum)) {
         return;

@@ -22,7 +22,7 @@ struct ConnectedHandle
 ConnectedHandle connectHandle(
     const utils::Url& url, bool isSecure, bool ignoreCertificateErrors, const ConnectionOptions& options);
 
-/// Ends the connection if it has TLS of a version that its options don't allow.
+/// After a handshake: ends the connection if it has TLS of a version that its options don't allow.
 /// \throws BaseError
 void requireTlsVersion(LDAP* ld, Connection& connection);
 

@@ -175,6 +175,7 @@ bool Connection::awaitReady(int socket, short events) noexcept
 
 void Connection::handshakeBegins() noexcept
 {
+    m_isInHandshake = true;
     if (TimeLimit* const limit = TimeLimit::ofThisThread(*this)) {
         limit->switchTo(Limit::connect, m_options.connectTimeout, m_handshakeTime);
     }
@@ -283,6 +284,9 @@ try {
     case End::none:
         if (error.connectFailure.kind == Kind::tls) {
             error.connectFailure.address = m_url;
+        } else if (m_isInHandshake) {
+            error.connectFailure = {Kind::tls, m_url,
+                QStringLiteral("The server ended the connection during the TLS handshake.")};
         }
         return;
     case End::interruption:

@@ -58,8 +58,9 @@ public:
     /// What the TLS handshake may take yet of the time to connect.
     void setHandshakeTime(TimeLimit::Duration left) { m_handshakeTime = left; }
 
-    /// The handshake of StartTLS begins on this thread.
+    /// On this thread. What is known of a connection that fails between the two is that.
     void handshakeBegins() noexcept;
+    void handshakeSucceeds() noexcept { m_isInHandshake = false; }
 
     /// Null for none.
     const Interruption* interruption() const noexcept { return m_interruption.get(); }
@@ -108,6 +109,7 @@ private:
     TimeLimit::Duration m_endDuration;
 
     TimeLimit::Duration m_handshakeTime;
+    std::atomic<bool> m_isInHandshake = false;
     std::atomic<TimeLimit::Clock::duration> m_lastByte{TimeLimit::Clock::duration::zero()};
 };
 

@@ -27,12 +27,6 @@ TimeLimit::TimeLimit(const Connection* connection, Limit limit, Duration duratio
     }
 }
 
-TimeLimit::TimeLimit(const Connection* connection, Limit limit, Duration duration, Clock::time_point deadline)
-    : TimeLimit(connection, limit, duration)
-{
-    m_deadline = deadline;
-}
-
 TimeLimit::~TimeLimit() { ofThread = m_former; }
 
 TimeLimit* TimeLimit::ofThisThread(const Connection& connection)

@@ -29,9 +29,6 @@ public:
     /// \param duration absent for no limit. Begins with the thread's first write or read
     TimeLimit(const Connection* connection, Limit limit, Duration duration);
 
-    /// The time that is left of a duration that has begun already.
-    TimeLimit(const Connection* connection, Limit limit, Duration duration, Clock::time_point deadline);
-
     ~TimeLimit();
     TimeLimit(const TimeLimit&) = delete;
     TimeLimit& operator=(const TimeLimit&) = delete;
@@ -45,7 +42,7 @@ public:
     void hasWritten();
     void aboutToRead();
 
-    /// The handshake of StartTLS begins, which has another limit.
+    /// Another limit begins, of whose duration so much is left.
     void switchTo(Limit limit, Duration duration, Duration left);
 
     /// When the wait is over; nothing for no limit. Every byte from the server puts off the end of a silence.

@@ -95,7 +95,8 @@ TEST(TimeLimitTest, TakesTheLongestDurationThereIs)
 TEST(TimeLimitTest, HasNothingLeftOnceItHasPassed)
 {
     const auto connection = makeConnection();
-    const TimeLimit limit(connection.get(), Limit::connect, 1h, TimeLimit::Clock::now() - 1s);
+    TimeLimit limit(connection.get(), Limit::connect, 1h);
+    limit.switchTo(Limit::connect, 1h, -1s);
     EXPECT_EQ(*limit.left(), 0ms);
 }
 
