@@ -53,7 +53,10 @@ def measure_all(bench, names, output):
 
 
 def main():
-    options = argument_parser().parse_args()
+    parser = argument_parser()
+    options = parser.parse_args()
+    if options.only and (options.quick or options.check or options.baseline):
+        parser.error("--only is for the standard run")
     if options.docs:
         return report.write_page(BUILD / "result.json", pathlib.Path("docs"))
     if options.record:

@@ -210,7 +210,7 @@ void Session::throwFailure(int ldapCode, int systemError, QString context, const
         stopReading(m_ldap.get());
     }
     try {
-        if (ldapCode == LDAP_TIMEOUT || ldapCode == LDAP_USER_CANCELLED) {
+        if (m_connection && (ldapCode == LDAP_TIMEOUT || ldapCode == LDAP_USER_CANCELLED)) {
             // Not of TLS, whatever its library has noted meanwhile.
             throw BaseError(ldapCode, std::move(context), systemError);
         }

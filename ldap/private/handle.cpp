@@ -16,7 +16,6 @@
 
 #include <sys/socket.h>
 
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <string>
@@ -25,6 +24,10 @@
 namespace tavo::ldap {
 
 namespace {
+
+/// Whether the client library's TLS layer, which its first TLS context sets up, is ready. Guarded by the mutex of
+/// the first use.
+bool tlsIsSetUp = false;
 
 /// Puts the new handle into `handle` also when the call fails, so that whatever it left is freed.
 void initialize(LdapHandle& handle, const utils::Url& url)
@@ -90,9 +93,6 @@ template <class Make>
 LdapHandle createHandle(
     Make make, bool isSecure, bool ignoreCertificateErrors, const ConnectionOptions* options)
 {
-    /// Whether the client library's TLS layer, which its first TLS context sets up, is ready.
-    static std::atomic<bool> tlsIsSetUp = false;
-
     LdapHandle handle(nullptr, &destroyHandle);
     MutexLocker lock(initMutex());
     make(handle);

@@ -133,14 +133,16 @@ void PageLoop::completeRanges(std::vector<SearchEntry>& entries)
         return;
     }
     RangeFollower follower(m_exchange, m_search, m_source, m_names.ranged());
-    const auto vanished = std::remove_if(entries.begin(), entries.end(), [&](SearchEntry& entry) {
-        const bool isWhole = follower.complete(entry);
-        if (!isWhole) {
+    std::vector<SearchEntry> whole;
+    whole.reserve(entries.size());
+    for (SearchEntry& entry : entries) {
+        if (follower.complete(entry)) {
+            whole.push_back(std::move(entry));
+        } else {
             noteVanishedEntry(entry.dn);
         }
-        return !isWhole;
-    });
-    entries.erase(vanished, entries.end());
+    }
+    entries = std::move(whole);
 }
 
 void PageLoop::finish(std::vector<SearchEntry> entries)

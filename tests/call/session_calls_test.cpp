@@ -441,9 +441,8 @@ TEST(SessionCreation, PutsOneLayerBelowTlsAndOneAbove)
     EXPECT_THAT(described(recorder.calls("ber_sockbuf_add_io")),
         ElementsAre("ber_sockbuf_add_io(arg=pointer, layer=11) = 0",
             "ber_sockbuf_add_io(arg=pointer, layer=30) = 0"));
-    EXPECT_LT(LBER_SBIOD_LEVEL_PROVIDER, 11);
-    EXPECT_LT(11, LBER_SBIOD_LEVEL_TRANSPORT);
-    EXPECT_LT(LBER_SBIOD_LEVEL_TRANSPORT, 30);
+    static_assert(LBER_SBIOD_LEVEL_PROVIDER < 11 && 11 < LBER_SBIOD_LEVEL_TRANSPORT);
+    static_assert(LBER_SBIOD_LEVEL_TRANSPORT < 30);
 }
 
 /// The layers that are added while it lives; they can be taken away, as a newer client library takes them when

@@ -143,6 +143,7 @@ TEST(Layers, EndTheConnectionAtAMessageThatWouldEndTheProcess)
     EXPECT_EQ(nextMessage(connection), "first message");
     EXPECT_EQ(nextMessage(connection), std::nullopt);
     EXPECT_EQ(errno, EPROTO);
+    EXPECT_TRUE(peer.isEnded());
 }
 
 TEST(Layers, WipeARequestOnceItIsSent)

@@ -100,7 +100,7 @@ ssize_t Connection::receive(int socket, char* to, std::size_t size) noexcept
     for (;;) {
         const ssize_t count = recv(socket, to, size, MSG_DONTWAIT);
         if (count > 0) {
-            m_lastByte = TimeLimit::Clock::now().time_since_epoch();
+            noteBytes();
             return count;
         }
         if (count < 0 && wouldBlock()) {

@@ -27,7 +27,7 @@ class BaseError;
 /// and the layers in the client library, which may outlive it. Thread-safe.
 ///
 /// The socket is shut down and closed under one mutex, so that no other socket that has got its number is hit.
-class Connection final : public Interruptible
+class Connection final : public Interruptible, public Activity
 {
 public:
     /// \param url of the server, for those who are told why the connection failed
@@ -51,9 +51,6 @@ public:
 
     /// The calling thread is about to wait for the server in the client library itself.
     void aboutToRead() noexcept;
-
-    /// When bytes last came in.
-    TimeLimit::Clock::time_point lastByte() const { return TimeLimit::Clock::time_point(m_lastByte.load()); }
 
     /// What the TLS handshake may take yet of the time to connect.
     void setHandshakeTime(TimeLimit::Duration left) { m_handshakeTime = left; }
@@ -110,7 +107,6 @@ private:
 
     TimeLimit::Duration m_handshakeTime;
     std::atomic<bool> m_isInHandshake = false;
-    std::atomic<TimeLimit::Clock::duration> m_lastByte{TimeLimit::Clock::duration::zero()};
 };
 
 /// The same for a connection that may have no options (null); there is no more to say then.

@@ -15,7 +15,7 @@ constexpr unsigned char kMessageTag = 0x30;
 constexpr unsigned char kIntegerTag = 0x02;
 constexpr unsigned char kLongTag = 0x1f;
 constexpr unsigned char kLongForm = 0x80;
-/// Of a message; the client library takes no longer one.
+/// How many bytes the length of a message has at most; the client library takes no more.
 constexpr std::size_t kLongestLength = 4;
 /// Where the operation begins at the latest in any message that makes sense.
 constexpr std::size_t kLongestStart = 16;

@@ -1,7 +1,5 @@
 #include "ldap/private/wire/time_limit.h"
 
-#include <ldap/private/wire/connection.h>
-
 #include <algorithm>
 #include <utility>
 
@@ -16,7 +14,7 @@ constexpr std::chrono::milliseconds kForever = std::chrono::hours(24 * 365);
 
 } // namespace
 
-TimeLimit::TimeLimit(const Connection* connection, Limit limit, Duration duration)
+TimeLimit::TimeLimit(const Activity* connection, Limit limit, Duration duration)
     : m_former(std::exchange(ofThread, this))
     , m_connection(connection)
     , m_limit(limit)
@@ -29,7 +27,7 @@ TimeLimit::TimeLimit(const Connection* connection, Limit limit, Duration duratio
 
 TimeLimit::~TimeLimit() { ofThread = m_former; }
 
-TimeLimit* TimeLimit::ofThisThread(const Connection& connection)
+TimeLimit* TimeLimit::ofThisThread(const Activity& connection)
 {
     return ofThread != nullptr && ofThread->m_connection == &connection ? ofThread : nullptr;
 }

@@ -1,11 +1,10 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <optional>
 
 namespace tavo::ldap {
-
-class Connection;
 
 /// The limits of time that a connection has, as its options name them.
 enum class Limit
@@ -16,25 +15,42 @@ enum class Limit
     pageSilence,
 };
 
+/// When a server has last been heard of. Thread-safe.
+class Activity
+{
+public:
+    using Clock = std::chrono::steady_clock;
+
+    Clock::time_point lastByte() const noexcept { return Clock::time_point(m_lastByte.load()); }
+
+protected:
+    ~Activity() = default;
+
+    void noteBytes() noexcept { m_lastByte = Clock::now().time_since_epoch(); }
+
+private:
+    std::atomic<Clock::duration> m_lastByte{Clock::duration::zero()};
+};
+
 /// While it lives: how long the calling thread may wait for the server in the client library. A later one of the
 /// same thread, as of a log that uses a session of its own, takes its place meanwhile. The thread that waits is the one that reads, whoever has asked, so the limit is the thread's and
 /// not the connection's.
 class TimeLimit
 {
 public:
-    using Clock = std::chrono::steady_clock;
+    using Clock = Activity::Clock;
     using Duration = std::optional<std::chrono::milliseconds>;
 
     /// \param connection may be null; there is no limit then. Must outlive it otherwise
     /// \param duration absent for no limit. Begins with the thread's first write or read
-    TimeLimit(const Connection* connection, Limit limit, Duration duration);
+    TimeLimit(const Activity* connection, Limit limit, Duration duration);
 
     ~TimeLimit();
     TimeLimit(const TimeLimit&) = delete;
     TimeLimit& operator=(const TimeLimit&) = delete;
 
     /// That of the calling thread, if it is for the connection.
-    static TimeLimit* ofThisThread(const Connection& connection);
+    static TimeLimit* ofThisThread(const Activity& connection);
 
     /// The thread is about to write or read. Between its last write and its first read it may have waited for
     /// the lock of another thread that waited for the server: that time doesn't count.
@@ -58,7 +74,7 @@ private:
     void begin();
 
     TimeLimit* const m_former;
-    const Connection* m_connection;
+    const Activity* m_connection;
     Limit m_limit;
     Duration m_duration;
     std::optional<Clock::time_point> m_deadline;

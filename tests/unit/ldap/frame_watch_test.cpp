@@ -149,8 +149,8 @@ TEST(FrameWatch, KeepsNothingOfOtherMessages)
     // Its length is that of a page of 100 MB; only the start of it comes.
     FrameWatch watch;
     EXPECT_TRUE(watch.admits(Bytes("\x30\x84\x06\x00\x00\x00\x02\x01\x05", 9)));
-    for (int i = 0; i < 100; ++i) {
-        EXPECT_TRUE(watch.admits(kFatal));
+    for (int i = 0; i < 10'000; ++i) {
+        ASSERT_TRUE(watch.admits(kFatal));
     }
 }
 
