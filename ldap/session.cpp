@@ -270,7 +270,7 @@ std::vector<SearchEntry> Session::simpleSearch(SearchParams params) const
 
 SearchContext* Session::asyncSearch(SearchParams params, SearchHandler handler, int pageSize)
 {
-    handler = reportingHandler(params.report, std::move(handler));
+    handler = reportingHandler(params.report, m_connection, std::move(handler));
     return m_searches->start(createSharedContext(std::move(params)), m_queue, std::move(handler), pageSize);
 }
 
@@ -289,7 +289,7 @@ std::variant<Result, std::vector<SearchEntry>> Session::search(SearchParams para
         Collector collector;
         finished = collector.finished();
         entries = collector.entries();
-        SearchHandler handler = reportingHandler(params.report, std::move(collector));
+        SearchHandler handler = reportingHandler(params.report, m_connection, std::move(collector));
         auto context = createSharedContext(std::move(params));
         // Or this thread would wait for a final call that nobody is left to make.
         context->m_onBrokenOff = m_searches->brokenOffHandler(context.get());

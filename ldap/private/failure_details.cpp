@@ -2,6 +2,7 @@
 
 #include <ldap/error.h>
 #include <ldap/private/wipe.h>
+#include <ldap/private/wire/connection.h>
 #include <ldap/search_report.h>
 #include <tavo_utils/scope_guard.h>
 
@@ -108,6 +109,16 @@ void fillReport(SearchReport& report, const BaseError& error)
     report.serverMessage = error.serverMessage;
     report.matchedDn = error.matchedDn;
     report.connectFailure = error.connectFailure;
+}
+
+SearchReport cancelledReport(const Connection* connection)
+{
+    SearchReport report;
+    report.ldapCode = LDAP_USER_CANCELLED;
+    if (connection != nullptr) {
+        connection->explain(report);
+    }
+    return report;
 }
 
 } // namespace tavo::ldap

@@ -7,6 +7,7 @@
 namespace tavo::ldap {
 
 class BaseError;
+class Connection;
 struct SearchReport;
 
 /// Forgets what the handle keeps about an earlier failure, so that it isn't taken for a later one's.
@@ -23,5 +24,9 @@ bool isSecure(LDAP* ld);
 
 /// Makes the report of a search that an error has ended; a loss stays in it.
 void fillReport(SearchReport& report, const BaseError& error);
+
+/// The report of a search that was cancelled; it says so if an interruption of its connection was why.
+/// \param connection may be null
+SearchReport cancelledReport(const Connection* connection);
 
 } // namespace tavo::ldap

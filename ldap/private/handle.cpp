@@ -60,8 +60,10 @@ void initialize(LdapHandle& handle, const QString& url, int socket)
 void setLimits(LDAP* ld, const ConnectionOptions& options)
 {
     if (options.answerTimeout) {
-        const auto seconds = std::chrono::floor<std::chrono::seconds>(*options.answerTimeout);
-        const std::chrono::microseconds rest = *options.answerTimeout - seconds;
+        // It takes off what is more than whole milliseconds each time that it waits.
+        const auto whole = *options.answerTimeout + std::chrono::milliseconds(1);
+        const auto seconds = std::chrono::floor<std::chrono::seconds>(whole);
+        const std::chrono::microseconds rest = whole - seconds;
         const timeval timeout{seconds.count(), rest.count()};
         ldap_set_option(ld, LDAP_OPT_TIMEOUT, &timeout);
     }

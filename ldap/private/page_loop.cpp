@@ -65,9 +65,7 @@ bool PageLoop::fetchPage()
 {
     std::optional<SearchResponse> response = receivePage();
     if (!response) {
-        SearchReport cancelled;
-        cancelled.ldapCode = LDAP_USER_CANCELLED;
-        m_search.finish(std::move(cancelled), {});
+        m_search.finish(cancelledReport(m_source.connection), {});
         return false;
     }
     std::vector<SearchEntry> entries = response->entries(m_names);

@@ -1,6 +1,7 @@
 #include "ldap/private/wire/connection.h"
 
 #include <ldap/error.h>
+#include <ldap/search_report.h>
 #include <tavo_utils/formatter.h>
 
 #include <ldap.h>
@@ -305,6 +306,16 @@ try {
     }
 } catch (const std::bad_alloc&) {
     // The error matters more than its details.
+}
+
+void Connection::explain(SearchReport& cancelled) const
+try {
+    const std::lock_guard lock(m_mutex);
+    if (m_end == End::interruption) {
+        cancelled.connectFailure = {ConnectFailure::Kind::interrupted, m_url, reason()};
+    }
+} catch (const std::bad_alloc&) {
+    // As above.
 }
 
 } // namespace tavo::ldap

@@ -22,6 +22,7 @@
 namespace tavo::ldap {
 
 class BaseError;
+struct SearchReport;
 
 /// One connection with options: owns its socket, keeps its limits, and knows why it ended. Shared by the session
 /// and the layers in the client library, which may outlive it. Thread-safe.
@@ -75,6 +76,9 @@ public:
 
     /// Tells the error why the connection ended, if it has.
     void explain(BaseError& error) const;
+
+    /// The same for the report of a cancelled search, which tells of an interruption only.
+    void explain(SearchReport& cancelled) const;
 
 private:
     enum class End

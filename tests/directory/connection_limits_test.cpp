@@ -1,0 +1,590 @@
+// Servers that fall silent at every stage of a connection with options. Each wait ends at the limit of time that
+// is meant for it, or when another thread says so, and the session is over then.
+//
+// A wait is measured from below only; one that never ends is ended by the test's deadline. Where a test needs
+// time to pass, it waits for another connection to reach the same limit.
+#include "directory_test.h"
+#include "support/black_hole.h"
+#include "support/blocked_call.h"
+#include "support/reserved_port.h"
+#include "support/sanitized.h"
+#include "support/scripted_server.h"
+#include "support/tcp_client.h"
+#include "support/tcp_relay.h"
+#include "support/test_ca.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <ldap.h>
+
+#include <dlfcn.h>
+#include <netdb.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <ctime>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace tavo::test {
+namespace {
+
+/// A name that stands for several servers of this machine.
+constexpr std::string_view kManyAddresses = "many.addresses.invalid";
+/// Their ports, in their order.
+std::vector<std::string> portsOfName;
+/// Called when the name is looked up.
+std::function<void()> whileLookedUp = [] {};
+
+} // namespace
+} // namespace tavo::test
+
+/// Stands before the C library's function of this name.
+extern "C" __attribute__((visibility("default"))) int getaddrinfo(
+    const char* host, const char* service, const addrinfo* hints, addrinfo** result)
+{
+    static const auto real = reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
+    if (host == nullptr || host != tavo::test::kManyAddresses) {
+        return real(host, service, hints, result);
+    }
+    tavo::test::whileLookedUp();
+    addrinfo** end = result;
+    for (const std::string& port : tavo::test::portsOfName) {
+        if (const int rc = real("127.0.0.1", port.c_str(), hints, end); rc != 0) {
+            return rc;
+        }
+        end = &(*end)->ai_next;
+    }
+    return 0;
+}
+
+namespace tavo::ldap {
+namespace {
+
+using test::operator""_s;
+using test::BlackHole;
+using test::BlockedCall;
+using test::done;
+using test::entry;
+using test::Gate;
+using test::NothingIsLeft;
+using test::qt;
+using test::Request;
+using test::ScriptedServer;
+using test::Slapd;
+using test::Steps;
+using test::success;
+using test::TcpRelay;
+using test::urlOf;
+using ::testing::ElementsAre;
+using ::testing::Field;
+using ::testing::Matcher;
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr milliseconds kLimit{test::sanitized ? 1500 : 300};
+/// Of a wait that must not be the one that ends.
+constexpr milliseconds kLong = std::chrono::hours(1);
+
+/// The authority that this process trusts.
+test::TestCa& trustedCa()
+{
+    static test::TestCa ca;
+    return ca;
+}
+
+/// How a call has ended.
+struct End
+{
+    int code = LDAP_SUCCESS;
+    ConnectFailure failure;
+
+    bool operator==(const End& other) const
+    {
+        return code == other.code && failure.kind == other.failure.kind &&
+               failure.address == other.failure.address && failure.detail == other.failure.detail;
+    }
+};
+
+void PrintTo(const End& end, std::ostream* out)
+{
+    *out << end.code << ", kind " << static_cast<int>(end.failure.kind) << ", ["
+         << end.failure.address.toStdString() << "], [" << end.failure.detail.toStdString() << "]";
+}
+
+End endedByLimit(const std::string& url, const QString& limit, milliseconds time = kLimit)
+{
+    const QString detail = "The connection was ended after the %1 of %2 ms."_s;
+    return {LDAP_TIMEOUT,
+        {ConnectFailure::Kind::timedOut, qt(url), detail.arg(limit, QString::number(time.count()))}};
+}
+
+End interrupted(const std::string& url)
+{
+    return {LDAP_USER_CANCELLED,
+        {ConnectFailure::Kind::interrupted, qt(url), "The program has interrupted the connection."_s}};
+}
+
+/// The calls that may wait for a server.
+using Call = std::function<End(Session&)>;
+
+template <class Function>
+End endOf(Function function)
+{
+    try {
+        function();
+        return {};
+    } catch (const BaseError& error) {
+        return {error.ldapCode, error.connectFailure};
+    }
+}
+
+End bind(Session& session)
+{
+    return endOf([&] { session.bind("cn=admin,dc=example,dc=test"_s, "secret"_s); });
+}
+
+End whoAmI(Session& session)
+{
+    return endOf([&] { session.whoAmI(); });
+}
+
+End blockingSearch(Session& session)
+{
+    return endOf([&] { session.simpleSearch({}); });
+}
+
+SearchParams searchParams(std::shared_ptr<SearchReport> report)
+{
+    SearchParams params{"dc=example,dc=test"_s, QString(), {}, SearchScope::subtree};
+    params.report = std::move(report);
+    return params;
+}
+
+/// Of single entries.
+End pagedSearch(Session& session)
+{
+    const auto report = std::make_shared<SearchReport>();
+    const auto found = session.search(searchParams(report), 1);
+    const auto* const result = std::get_if<Result>(&found);
+    EXPECT_EQ(result != nullptr ? *result : Result::ok, translateErrorCode(report->ldapCode));
+    return {report->ldapCode, report->connectFailure};
+}
+
+/// The same, calling back after the first page.
+Call pagedSearchWith(const std::function<void()>& afterFirstPage)
+{
+    return [=](Session& session) -> End {
+        test::Entries entries;
+        const auto report = std::make_shared<SearchReport>();
+        const auto handler = [&, isFirst = true](Result result, std::vector<SearchEntry> page) mutable {
+            if (std::exchange(isFirst, false)) {
+                afterFirstPage();
+            }
+            entries.add(result, std::move(page));
+        };
+        session.asyncSearch(searchParams(report), handler, 1);
+        const Result result = entries.waitForEnd();
+        EXPECT_EQ(result, translateErrorCode(report->ldapCode));
+        return {report->ldapCode, report->connectFailure};
+    };
+}
+
+/// Opens one gate after the other, every few milliseconds.
+class Drip
+{
+public:
+    Drip()
+        : m_gates(1000)
+        , m_thread([this] { open(); })
+    {}
+    ~Drip()
+    {
+        m_isOver.set_value();
+        m_thread.join();
+    }
+    Drip(const Drip&) = delete;
+    Drip& operator=(const Drip&) = delete;
+
+    /// One byte after the other.
+    Steps steps() const
+    {
+        Steps steps;
+        for (const Gate& gate : m_gates) {
+            steps.append({waitFor(gate), test::raw(std::string(1, '\0'))});
+        }
+        return steps;
+    }
+
+private:
+    void open()
+    {
+        const auto isOver = m_isOver.get_future();
+        for (const Gate& gate : m_gates) {
+            if (isOver.wait_for(milliseconds(5)) == std::future_status::ready) {
+                return;
+            }
+            gate.open();
+        }
+    }
+
+    std::vector<Gate> m_gates;
+    std::promise<void> m_isOver;
+    std::thread m_thread;
+};
+
+enum class Protocol
+{
+    plain,
+    startTls,
+    ldaps
+};
+
+std::string nameOf(Protocol protocol)
+{
+    switch (protocol) {
+    case Protocol::plain:
+        return "plain";
+    case Protocol::startTls:
+        return "startTls";
+    case Protocol::ldaps:
+        break;
+    }
+    return "ldaps";
+}
+
+std::string schemeOf(Protocol protocol) { return protocol == Protocol::ldaps ? "ldaps" : "ldap"; }
+
+/// A server that falls silent, and the call that waits for it.
+struct Scene
+{
+    std::string url;
+    /// What waits for the server, once there is a session; without it the session's constructor does.
+    Call call;
+    std::vector<std::shared_ptr<void>> servers;
+    /// Before the call.
+    std::function<void()> fallSilent = [] {};
+    /// Opens when the call has come as far as it can; already open where nothing tells.
+    Gate reached{};
+    /// Lets the servers go on.
+    Gate goOn{};
+};
+
+Scene fullBacklog(Protocol protocol)
+{
+    const auto hole = std::make_shared<BlackHole>();
+    Scene scene{hole->url(schemeOf(protocol)), {}, {hole}};
+    scene.reached.open();
+    return scene;
+}
+
+/// Answers the first bytes of the client's handshake like this.
+Scene handshake(Protocol protocol, const Steps& answer)
+{
+    const auto server = std::make_shared<ScriptedServer>();
+    Scene scene{server->url(schemeOf(protocol)), {}, {server}};
+    const Steps steps{test::awaitRawInput(), opens(scene.reached), answer};
+    if (protocol == Protocol::ldaps) {
+        server->greet(steps);
+    } else {
+        server->expectStartTls().answer(success(), steps);
+    }
+    return scene;
+}
+
+Scene drippingHandshake(Protocol protocol)
+{
+    const auto drip = std::make_shared<Drip>();
+    // A record of 16 KiB, of which each byte comes in time.
+    Scene scene = handshake(protocol, {test::raw(test::Bytes("\x16\x03\x03\x40\x00", 5)), drip->steps()});
+    scene.servers.push_back(drip);
+    return scene;
+}
+
+std::shared_ptr<Slapd> makeSlapd()
+{
+    const auto certificate = trustedCa().issue();
+    return std::make_shared<Slapd>(test::SlapdOptions{.ldif = test::people(3),
+        .tls = test::SlapdTls{trustedCa().certificate(), certificate.certificate, certificate.key}});
+}
+
+/// A real server behind a relay.
+struct Relayed
+{
+    explicit Relayed(Protocol protocol)
+        : slapd(makeSlapd())
+        , relay(std::make_shared<TcpRelay>(
+              protocol == Protocol::ldaps ? slapd->ldapsPort() : slapd->port()))
+    {}
+
+    std::shared_ptr<Slapd> slapd;
+    std::shared_ptr<TcpRelay> relay;
+};
+
+Scene withinHandshake(Protocol protocol, std::size_t bytes)
+{
+    const Relayed server(protocol);
+    Scene scene{server.relay->url(schemeOf(protocol)), {}, {server.slapd, server.relay}};
+    scene.reached = server.relay->hold(TcpRelay::Direction::toClient, TcpRelay::bytes(bytes), scene.goOn);
+    return scene;
+}
+
+/// A plain server that answers everything like this.
+Scene answered(const Steps& answer, Call call)
+{
+    const auto server = std::make_shared<ScriptedServer>();
+    Scene scene{server->url(), std::move(call), {server}};
+    server->otherwise([answer, reached = scene.reached](const Request&) {
+        return Steps{answer, opens(reached)};
+    });
+    return scene;
+}
+
+/// A real server that stops working before the call. Over TLS it has sent tickets for later sessions by then
+/// (RFC 8446, section 4.6.1), which nobody has read yet.
+Scene stopped(Protocol protocol, Call call)
+{
+    const auto slapd = makeSlapd();
+    Scene scene{
+        protocol == Protocol::ldaps ? slapd->ldapsUrl() : slapd->url(), std::move(call), {slapd}};
+    scene.fallSilent = [slapd] { slapd->suspend(); };
+    scene.reached.open();
+    return scene;
+}
+
+/// A real server that stops working after the first page.
+Scene stoppedBetweenPages(Protocol protocol)
+{
+    const auto slapd = makeSlapd();
+    Scene scene{protocol == Protocol::ldaps ? slapd->ldapsUrl() : slapd->url(), {}, {slapd}};
+    scene.call = pagedSearchWith([slapd, reached = scene.reached] {
+        slapd->suspend();
+        reached.open();
+    });
+    return scene;
+}
+
+/// How many bytes a relay forwards to the client until it has its answer to a who-am-I.
+std::size_t bytesToWhoAmI(const TcpRelay& relay, Protocol protocol)
+{
+    Session session(urlOf(relay.url(schemeOf(protocol))), protocol == Protocol::startTls, false);
+    session.whoAmI();
+    // It counts what it has forwarded before it accepts another connection.
+    const test::TcpClient next(relay.port());
+    relay.waitForConnections(2);
+    return relay.forwarded(TcpRelay::Direction::toClient);
+}
+
+/// A real server whose answer breaks off a few bytes before its end.
+Scene withinAnswer(Protocol protocol)
+{
+    constexpr std::size_t kShort = 8;
+    const Relayed server(protocol);
+    Scene scene{server.relay->url(schemeOf(protocol)), &whoAmI, {server.slapd, server.relay}};
+    const std::size_t bytes = bytesToWhoAmI(*server.relay, protocol) - kShort;
+    scene.reached = server.relay->hold(TcpRelay::Direction::toClient, TcpRelay::bytes(bytes), scene.goOn);
+    return scene;
+}
+
+Scene drippingAnswer(Call call)
+{
+    const auto drip = std::make_shared<Drip>();
+    // A message of 16 KiB.
+    Scene scene = answered({test::raw(test::Bytes("\x30\x82\x40\x00", 4)), drip->steps()}, std::move(call));
+    scene.servers.push_back(drip);
+    scene.reached.open();
+    return scene;
+}
+
+Scene betweenPages()
+{
+    const auto server = std::make_shared<ScriptedServer>();
+    Scene scene{server->url(), &pagedSearch, {server}};
+    server->expectSearch().answer(entry("cn=a"), done().page("more"));
+    server->expectSearch().answer(opens(scene.reached));
+    return scene;
+}
+
+struct Stage
+{
+    std::string name;
+    Protocol protocol;
+    /// As the options call it.
+    QString limit;
+    std::function<Scene()> scene;
+};
+
+void PrintTo(const Stage& stage, std::ostream* out) { *out << stage.name + "_" + nameOf(stage.protocol); }
+
+std::vector<Stage> stages()
+{
+    const auto connect = "connectTimeout"_s;
+    const auto answer = "answerTimeout"_s;
+    const auto silence = "pageSilenceTimeout"_s;
+    const auto plain = Protocol::plain;
+    std::vector<Stage> all;
+    for (const Protocol protocol : {Protocol::plain, Protocol::startTls, Protocol::ldaps}) {
+        all.push_back({"backlog", protocol, connect, [=] { return fullBacklog(protocol); }});
+        all.push_back({"bind", protocol, answer, [=] { return stopped(protocol, &bind); }});
+        all.push_back({"whoAmI", protocol, answer, [=] { return stopped(protocol, &whoAmI); }});
+        all.push_back({"withinWhoAmI", protocol, answer, [=] { return withinAnswer(protocol); }});
+        all.push_back({"firstPage", protocol, silence, [=] { return stopped(protocol, &pagedSearch); }});
+        all.push_back({"laterPage", protocol, silence, [=] { return stoppedBetweenPages(protocol); }});
+    }
+    for (const Protocol protocol : {Protocol::startTls, Protocol::ldaps}) {
+        all.push_back({"handshake", protocol, connect, [=] { return handshake(protocol, {}); }});
+        all.push_back({"withinServerHello", protocol, connect, [=] { return withinHandshake(protocol, 60); }});
+        all.push_back(
+            {"withinCertificate", protocol, connect, [=] { return withinHandshake(protocol, 600); }});
+        all.push_back(
+            {"drippingHandshake", protocol, connect, [=] { return drippingHandshake(protocol); }});
+    }
+    all.push_back({"answer", Protocol::startTls, answer, [] { return answered({}, {}); }});
+    all.push_back({"drippingAnswer", Protocol::startTls, answer, [] { return drippingAnswer({}); }});
+    all.push_back({"drippingBind", plain, answer, [] { return drippingAnswer(&bind); }});
+    all.push_back({"drippingWhoAmI", plain, answer, [] { return drippingAnswer(&whoAmI); }});
+    const Steps firstEntry{entry("cn=a")};
+    all.push_back({"afterAnEntry", plain, silence, [=] { return answered(firstEntry, &pagedSearch); }});
+    all.push_back({"withinAnEntry", plain, silence,
+        [=] { return answered(test::truncated(8, firstEntry), &pagedSearch); }});
+    all.push_back({"betweenPages", plain, silence, [] { return betweenPages(); }});
+    return all;
+}
+
+/// All limits but one are out of reach.
+ConnectionOptions withLimit(const QString& limit)
+{
+    const auto time = [&](const QString& name) { return name == limit ? kLimit : kLong; };
+    ConnectionOptions options;
+    options.connectTimeout = time("connectTimeout"_s);
+    options.answerTimeout = time("answerTimeout"_s);
+    options.pageSilenceTimeout = time("pageSilenceTimeout"_s);
+    return options;
+}
+
+ConnectionOptions interruptible()
+{
+    ConnectionOptions options;
+    options.interrupter.emplace();
+    return options;
+}
+
+std::chrono::nanoseconds processorTime()
+{
+    timespec time{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
+/// A wait that ends at a limit of time: not earlier, and without being busy meanwhile.
+class LimitedWait
+{
+public:
+    explicit LimitedWait(milliseconds limit = kLimit)
+        : m_limit(limit)
+    {}
+    ~LimitedWait()
+    {
+        EXPECT_GE(steady_clock::now() - m_begin, m_limit);
+        EXPECT_LT(processorTime() - m_processorTime, m_limit / 2);
+    }
+    LimitedWait(const LimitedWait&) = delete;
+    LimitedWait& operator=(const LimitedWait&) = delete;
+
+private:
+    const milliseconds m_limit;
+    const steady_clock::time_point m_begin = steady_clock::now();
+    const std::chrono::nanoseconds m_processorTime = processorTime();
+};
+
+/// A session that has ended says the same for ever.
+void expectAllCallsToEnd(Session& session, const End& end)
+{
+    EXPECT_EQ(bind(session), end);
+    EXPECT_EQ(whoAmI(session), end);
+    EXPECT_EQ(blockingSearch(session), end);
+    EXPECT_EQ(pagedSearch(session), end);
+}
+
+class ConnectionLimits : public ::testing::Test
+{
+protected:
+    ConnectionLimits() { setenv("LDAPTLS_CACERT", trustedCa().certificate().c_str(), 1); }
+};
+
+class SilentServer : public ConnectionLimits, public ::testing::WithParamInterface<Stage>
+{
+protected:
+    void makeSession(const ConnectionOptions& options)
+    {
+        m_session = std::make_unique<Session>(
+            urlOf(m_scene.url), GetParam().protocol == Protocol::startTls, false, options);
+    }
+
+    /// Until the server falls silent.
+    void begin(const ConnectionOptions& options)
+    {
+        if (m_scene.call) {
+            makeSession(options);
+            m_scene.fallSilent();
+        }
+    }
+
+    End wait(const ConnectionOptions& options)
+    {
+        return m_scene.call ? m_scene.call(*m_session) : endOf([&] { makeSession(options); });
+    }
+
+    void expectSessionToBeOver(const End& end)
+    {
+        if (m_session) {
+            expectAllCallsToEnd(*m_session, end);
+        }
+    }
+
+    void TearDown() override { m_scene.goOn.open(); }
+
+    const Scene m_scene = GetParam().scene();
+    const NothingIsLeft m_nothingIsLeft;
+    std::unique_ptr<Session> m_session;
+};
+
+TEST_P(SilentServer, IsLeftAtTheLimit)
+{
+    const End expected = endedByLimit(m_scene.url, GetParam().limit);
+    const ConnectionOptions options = withLimit(GetParam().limit);
+    begin(options);
+    {
+        const LimitedWait wholeLimit;
+        EXPECT_EQ(wait(options), expected);
+    }
+    expectSessionToBeOver(expected);
+}
+
+TEST_P(SilentServer, IsLeftAtAnInterruption)
+{
+    const End expected = interrupted(m_scene.url);
+    const ConnectionOptions options = interruptible();
+    begin(options);
+    BlockedCall call([&] { EXPECT_EQ(wait(options), expected); });
+    m_scene.reached.wait("the silence");
+    EXPECT_TRUE(call.isWaiting());
+
+    options.interrupter->interrupt();
+
+    call.get();
+    expectSessionToBeOver(expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Stages, SilentServer, ::testing::ValuesIn(stages()), ::testing::PrintToStringParamName());
+
+} // namespace
+} // namespace tavo::ldap
