@@ -165,6 +165,35 @@ TEST_F(PagedSearchCalls, HaveEndedTheirThreadWhenTheirSessionIsGone)
     }
 }
 
+TEST_F(PagedSearchCalls, MayFreeAReportThatOwnsASessionWithAContextOfAnyHandle)
+{
+    const Gate isLast;
+    const Gate freed;
+    auto owned =
+        std::make_shared<ldap::Session>(utils::Url(QString::fromStdString(server.url())), false, false);
+    auto searchParams = params();
+    searchParams.report = std::shared_ptr<ldap::SearchReport>(
+        new ldap::SearchReport, [freed, owned = std::move(owned)](const ldap::SearchReport* report) mutable {
+            delete report;
+            owned.reset();
+            freed.open();
+        });
+    LDAP* ld = nullptr;
+    ASSERT_EQ(ldap_initialize(&ld, server.url().c_str()), LDAP_SUCCESS);
+    const int version = LDAP_VERSION3;
+    ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
+    auto context = std::make_shared<SearchContext>(
+        std::unique_ptr<LDAP, void (*)(LDAP*)>(ld, &ldap::Session::destroyLdap), std::move(searchParams),
+        std::chrono::seconds(30));
+    server.expectSearch().answer(done());
+    context->asyncSearch([isLast](Result, const auto&) { isLast.wait("the other owner"); }, 2);
+    context.reset();
+
+    isLast.open();
+
+    freed.wait("the report's end");
+}
+
 /// A search whose thread writes this line when its session has become idle.
 struct LateLine
 {
