@@ -60,6 +60,10 @@ Threads& threads()
 /// The calling thread's, if it is a search's.
 thread_local EndingThreads::Node* own = nullptr;
 
+/// Set at the end of a search's thread. The destructors of its thread-local objects still run, but others
+/// join the thread from then on: it would wait for itself.
+thread_local bool hasEnded = false;
+
 std::future<void> exchangeLast(std::future<void> task)
 {
     const std::lock_guard lock(threads().mutex);
@@ -106,6 +110,7 @@ SearchThread::~SearchThread()
 {
     withdrawEnd();
     own = nullptr;
+    hasEnded = true;
 }
 
 void announceEnd()
@@ -135,6 +140,9 @@ void joinLater(std::future<void> task)
 
 void joinAnnounced()
 {
+    if (hasEnded) {
+        return;
+    }
     {
         std::unique_lock lock(threads().mutex);
         threads().changed.wait(lock,

@@ -74,7 +74,8 @@ private:
 void joinLater(std::future<void> task);
 
 /// Waits for the threads that have announced their end before this call, except the calling one. Threads that
-/// do so meanwhile are not waited for, or a busy process would never be done.
+/// do so meanwhile are not waited for, or a busy process would never be done. Returns at once in the destructor
+/// of a search thread's thread-local object.
 void joinAnnounced();
 
 } // namespace tavo::ldap::search_threads

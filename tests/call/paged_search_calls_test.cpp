@@ -165,6 +165,69 @@ TEST_F(PagedSearchCalls, HaveEndedTheirThreadWhenTheirSessionIsGone)
     }
 }
 
+/// A session that lives as long as its thread, as a host may keep one for each.
+class SessionOfThread
+{
+public:
+    SessionOfThread(const ScriptedServer& server, Gate ending, Gate mayEnd, Gate ended)
+        : m_ending(std::move(ending))
+        , m_mayEnd(std::move(mayEnd))
+        , m_ended(std::move(ended))
+        , m_session(
+              std::make_unique<ldap::Session>(utils::Url(QString::fromStdString(server.url())), false, false))
+    {}
+    ~SessionOfThread()
+    {
+        m_ending.open();
+        m_mayEnd.wait("the test");
+        m_session.reset();
+        m_ended.open();
+    }
+    SessionOfThread(const SessionOfThread&) = delete;
+    SessionOfThread& operator=(const SessionOfThread&) = delete;
+
+private:
+    const Gate m_ending;
+    const Gate m_mayEnd;
+    const Gate m_ended;
+    std::unique_ptr<ldap::Session> m_session;
+};
+
+// Such a thread has been handed over to others, who join it; it must neither do so itself nor wait for them.
+TEST_F(PagedSearchCalls, MayLeaveASessionToTheEndOfTheirThread)
+{
+    for (const bool isBeingJoined : {false, true}) {
+        SCOPED_TRACE(isBeingJoined);
+        const Gate isStarted;
+        const Gate ending;
+        const Gate mayEnd;
+        const Gate ended;
+        server.expectSearch().answer(waitFor(isStarted), done());
+        session->asyncSearch(
+            params(),
+            [&](Result, const auto&) {
+                thread_local const SessionOfThread onThisThread(server, ending, mayEnd, ended);
+            },
+            2);
+        isStarted.open();
+        ending.wait("the end of the search's thread");
+        if (isBeingJoined) {
+            const Gate isNextStarted;
+            const Gate joins;
+            beforeEach(recorder, ldap_destroy, [=] { joins.open(); });
+            server.expectSearch().answer(waitFor(isNextStarted), done());
+            session->asyncSearch(
+                params(), [](Result, const auto&) {}, 2);
+            isNextStarted.open();
+            joins.wait("the end of the next search's thread");
+        }
+
+        mayEnd.open();
+
+        ended.wait("the end of the session");
+    }
+}
+
 TEST_F(PagedSearchCalls, MayFreeAReportThatOwnsASessionWithAContextOfAnyHandle)
 {
     const Gate isLast;
