@@ -46,7 +46,10 @@ struct Threads
 {
     std::mutex mutex;
     std::condition_variable changed;
-    EndingThreads ending;
+    EndingThreads announced;
+    /// Those that other threads are just joining; the nodes are on the stacks of these.
+    EndingThreads joined;
+    /// The one that nobody is joining yet.
     std::future<void> last;
 };
 
@@ -64,12 +67,6 @@ thread_local EndingThreads::Node* own = nullptr;
 /// join the thread from then on: it would wait for itself.
 thread_local bool hasEnded = false;
 
-std::future<void> exchangeLast(std::future<void> task)
-{
-    const std::lock_guard lock(threads().mutex);
-    return std::exchange(threads().last, std::move(task));
-}
-
 /// \return whether it had announced its end
 bool withdrawEnd()
 {
@@ -78,9 +75,27 @@ bool withdrawEnd()
     }
     const std::lock_guard lock(threads().mutex);
     const bool wasAnnounced = own->number != 0;
-    threads().ending.remove(*own);
+    threads().announced.remove(*own);
     threads().changed.notify_all();
     return wasAnnounced;
+}
+
+/// Waits for the thread of a task without the lock.
+void join(std::future<void> task, std::unique_lock<std::mutex>& lock)
+{
+    EndingThreads::Node thread;
+    threads().joined.add(thread);
+    lock.unlock();
+    task = {};
+    lock.lock();
+    threads().joined.remove(thread);
+    threads().changed.notify_all();
+}
+
+/// Whether those that are in the list now have left it, apart from the calling thread.
+auto areDone(const EndingThreads& list)
+{
+    return [&list, number = list.lastNumber()] { return list.isDoneWith(number, own); };
 }
 
 /// Leaves no thread behind that has ended without being joined when the process exits. In a forked child
@@ -117,7 +132,7 @@ void announceEnd()
 {
     if (own != nullptr) {
         const std::lock_guard lock(threads().mutex);
-        threads().ending.add(*own);
+        threads().announced.add(*own);
     }
 }
 
@@ -134,8 +149,8 @@ NotAwaited::~NotAwaited()
 
 void joinLater(std::future<void> task)
 {
-    // Destroying the former one waits for its thread, outside the lock.
-    const std::future<void> former = exchangeLast(std::move(task));
+    std::unique_lock lock(threads().mutex);
+    join(std::exchange(threads().last, std::move(task)), lock);
 }
 
 void joinAnnounced()
@@ -143,12 +158,12 @@ void joinAnnounced()
     if (hasEnded) {
         return;
     }
-    {
-        std::unique_lock lock(threads().mutex);
-        threads().changed.wait(lock,
-            [number = threads().ending.lastNumber()] { return threads().ending.isDoneWith(number, own); });
-    }
-    const std::future<void> last = exchangeLast({});
+    std::unique_lock lock(threads().mutex);
+    threads().changed.wait(lock, areDone(threads().announced));
+    // Each of these is the last now, or somebody is joining it.
+    const auto areJoinedByOthers = areDone(threads().joined);
+    join(std::exchange(threads().last, {}), lock);
+    threads().changed.wait(lock, areJoinedByOthers);
 }
 
 } // namespace tavo::ldap::search_threads
