@@ -16,6 +16,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -27,6 +28,7 @@ namespace {
 using ldap::BaseError;
 using ldap::Result;
 using ldap::SearchContext;
+using namespace std::string_view_literals;
 
 using ::testing::Contains;
 using ::testing::Each;
@@ -255,6 +257,60 @@ TEST_F(PagedSearchCalls, MayFreeAReportThatOwnsASessionWithAContextOfAnyHandle)
     isLast.open();
 
     freed.wait("the report's end");
+}
+
+/// Holds up, after an exception, the thread of the first search that looks for itself a second time among
+/// those of its session. There is one at a time.
+class SecondLook
+{
+public:
+    SecondLook()
+    {
+        s_looks = 0;
+        s_current = this;
+        setLockObserver(&observe);
+    }
+    ~SecondLook()
+    {
+        setLockObserver(nullptr);
+        mayLook.open();
+    }
+    SecondLook(const SecondLook&) = delete;
+    SecondLook& operator=(const SecondLook&) = delete;
+
+    const Gate isLooking;
+    const Gate mayLook;
+
+private:
+    static void observe(const Mutex&, SourcePosition position, LockEvent event)
+    {
+        const bool isLook = position.file == "ldap/session"sv && position.line == 153;
+        if (isLook && event == LockEvent::locked && ++s_looks == 2) {
+            const Gate mayLook = s_current->mayLook;
+            s_current->isLooking.open();
+            mayLook.wait("the test");
+        }
+    }
+
+    static inline std::atomic<int> s_looks = 0;
+    static inline SecondLook* s_current = nullptr;
+};
+
+// Whoever waits for the thread may be an intermediate call, made under the lock that the thread needs.
+TEST_F(PagedSearchCalls, AreNotAwaitedBeforeTheyAreDoneWithTheirSessionsLock)
+{
+    recorder.replace(ldap_create_page_control,
+        [](LDAP*, ber_int_t, berval*, int, LDAPControl**) -> int { throw std::runtime_error("no disk"); });
+    const SecondLook secondLook;
+    EXPECT_EQ(std::get<Result>(session->search(params(), 2)), Result::connectError);
+    secondLook.isLooking.wait("the search's thread");
+    auto other =
+        std::make_unique<ldap::Session>(utils::Url(QString::fromStdString(server.url())), false, false);
+
+    auto ended = std::async(std::launch::async, [&] { other.reset(); });
+
+    EXPECT_EQ(ended.wait_for(kDeadline / 4), std::future_status::ready);
+    secondLook.mayLook.open();
 }
 
 /// A search whose thread writes this line when its session has become idle.
