@@ -1,10 +1,11 @@
 #include "ldap/private/search_threads.h"
 
-#include <unistd.h>
+#include <pthread.h>
 
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <new>
 #include <utility>
 
 namespace tavo::ldap::search_threads {
@@ -98,21 +99,25 @@ auto areDone(const EndingThreads& list)
     return [&list, number = list.lastNumber()] { return list.isDoneWith(number, own); };
 }
 
-/// Leaves no thread behind that has ended without being joined when the process exits. In a forked child
-/// there are no such threads, only the memory of them.
+/// Of the parent's threads a forked child has but the memory, and perhaps a lock that is held for ever. It
+/// forgets them, and leaks what they own.
+void forgetTheParents()
+{
+    new (&threads()) Threads;
+    if (own != nullptr) {
+        *own = {};
+    }
+}
+
+[[maybe_unused]] const int isToldOfForks = pthread_atfork(nullptr, nullptr, &forgetTheParents);
+
+/// Leaves no thread behind that has ended without being joined when the process exits.
 struct JoinAtExit
 {
     JoinAtExit() = default;
     JoinAtExit(const JoinAtExit&) = delete;
     JoinAtExit& operator=(const JoinAtExit&) = delete;
-    ~JoinAtExit()
-    {
-        if (getpid() == process) {
-            joinAnnounced();
-        }
-    }
-
-    const pid_t process = getpid();
+    ~JoinAtExit() { joinAnnounced(); }
 };
 
 const JoinAtExit joinAtExit;

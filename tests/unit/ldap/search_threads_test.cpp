@@ -3,11 +3,15 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdint>
 #include <exception>
 #include <future>
 #include <memory>
+#include <thread>
 #include <utility>
 
 namespace tavo::ldap::search_threads {
@@ -126,6 +130,35 @@ TEST(SearchThreadsTest, AreWaitedForAlsoWhileOthersJoinThem)
 
     EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
     mayEnd.open();
+}
+
+// They exist no more, and nobody would ever tell it of their end.
+TEST(SearchThreadsTest, OfTheParentAreNotWaitedForByAForkedChild)
+{
+    const test::Gate announced;
+    const test::Gate mayEnd;
+    std::thread announcing([=] {
+        const SearchThread thread;
+        announceEnd();
+        announced.open();
+        mayEnd.wait("the test");
+    });
+    joinLater(std::async(std::launch::async, [=] { mayEnd.wait("the test"); }));
+    announced.wait("the thread's end");
+
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(std::chrono::seconds(test::kDeadline / 4).count());
+        joinAnnounced();
+        _exit(0);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+
+    mayEnd.open();
+    announcing.join();
+    joinAnnounced();
 }
 
 } // namespace
