@@ -22,8 +22,10 @@ TAVO_LDAP_EXPORT bool testLdapConnection(const Settings& settings, const Connect
 /// Runs `testLdapConnection` on a thread of its own and calls `onFailure` there when the test fails. Nothing
 /// is called when it succeeds.
 ///
-/// Destroying the returned future waits for the test. `get()` rethrows what `onFailure` threw and any failure
-/// that is no `BaseError`; with an empty `onFailure` a failed test gives `std::bad_function_call`.
+/// Destroying the returned future waits for the test. So neither `onFailure` nor its destruction may destroy
+/// the future: the test's thread would wait for itself, which ends the process. `get()` rethrows what
+/// `onFailure` threw and any failure that is no `BaseError`; with an empty `onFailure` a failed test gives
+/// `std::bad_function_call`.
 /// \throws std::system_error when no thread can be had
 TAVO_LDAP_EXPORT std::future<void> testLdapConnectionAsync(
     const Settings& settings, utils::MoveOnlyFunc<void()> onFailure);

@@ -38,6 +38,10 @@ using GroupsHandler = utils::MoveOnlyFunc<void(Result, std::vector<Group>)>;
 /// the manager from a final call, but not from an intermediate one: that is reported as an assertion failure,
 /// and what follows is undefined. Destroying the manager gives the handlers of running fetches
 /// `Result::cancelled`, on the destroying thread, and waits for a handler that runs on another thread.
+///
+/// Starting and detaching wait for an intermediate call that runs on another thread, and for the lines that the
+/// manager logs at debug level while it takes a page. So do neither while holding a lock that the log's sink
+/// takes; and in an intermediate call, neither to another manager, whose calls may be waiting for this one.
 class TAVO_LDAP_EXPORT Manager
 {
 public:

@@ -93,9 +93,10 @@ SearchContext::~SearchContext()
 {
     callFromDestructor(log::tag(*this), [this] { stopAsyncSearch(); });
     if (runsOnThisThread()) {
-        if (m_queue && m_params->report) {
-            // The report is the caller's and may own what its destruction ends, a session even. That of a
-            // search without a queue of its own is the session's.
+        const bool isOfASessionsTable = m_ticket && !m_queue;
+        if (!isOfASessionsTable && m_params->report) {
+            // The report is the caller's and may own what its destruction ends, a session even. In a
+            // session's table a search has a report of its own.
             const search_threads::NotAwaited whileReleasing;
             m_params.reset();
         }

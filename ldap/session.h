@@ -106,7 +106,8 @@ public:
     static void destroyLdap(LDAP* ld);
 
     /// A search context on a duplicate of this session's handle, which shares its connection and may outlive
-    /// the session.
+    /// the session. Keep it until its search has ended: nobody waits for a search's thread that is the last to
+    /// own it.
     /// \throws BaseError when the handle can't be duplicated
     std::unique_ptr<SearchContext> createSearchContext(SearchParams params) const;
 
@@ -130,8 +131,9 @@ public:
     SearchContext* asyncSearch(SearchParams params, SearchHandler handler, int pageSize);
 
     /// Detaches a search: its handler is dropped and not called again. Thread-safe. Waits for an intermediate
-    /// call that is running on another thread. Comes too late for a search whose final call is due: another
-    /// thread may be making that call, or be about to, when this returns.
+    /// call that is running on another thread, as a start does: don't call either in an intermediate call of
+    /// another session, for which this one's may be waiting. Comes too late for a search whose final call is
+    /// due: another thread may be making that call, or be about to, when this returns.
     ///
     /// An unknown address does nothing; so does that of a search that has ended by its final call or by this
     /// function. Stopping late harms nobody: no search gets that address before 4,096 more searches of the

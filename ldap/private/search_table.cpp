@@ -117,6 +117,9 @@ utils::MoveOnlyFunc<void()> SearchTable::brokenOffHandler(SearchContext* context
     return [this, guard = m_asyncGuard.sharedGuard(), context] {
         if (const auto alive = guard.lock()) {
             complete(context, Result::connectError, {});
+            // Here, as it looks for the search under the lock: whoever waits for this thread once it has
+            // announced its end may hold that lock.
+            context->stopAsyncSearch();
             search_threads::announceEnd();
         }
     };

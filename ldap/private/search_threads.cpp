@@ -1,10 +1,11 @@
 #include "ldap/private/search_threads.h"
 
-#include <unistd.h>
+#include <pthread.h>
 
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <new>
 #include <utility>
 
 namespace tavo::ldap::search_threads {
@@ -46,7 +47,10 @@ struct Threads
 {
     std::mutex mutex;
     std::condition_variable changed;
-    EndingThreads ending;
+    EndingThreads announced;
+    /// Those that other threads are just joining; the nodes are on the stacks of these.
+    EndingThreads joined;
+    /// The one that nobody is joining yet.
     std::future<void> last;
 };
 
@@ -60,11 +64,9 @@ Threads& threads()
 /// The calling thread's, if it is a search's.
 thread_local EndingThreads::Node* own = nullptr;
 
-std::future<void> exchangeLast(std::future<void> task)
-{
-    const std::lock_guard lock(threads().mutex);
-    return std::exchange(threads().last, std::move(task));
-}
+/// Set at the end of a search's thread. The destructors of its thread-local objects still run, but others
+/// join the thread from then on: it would wait for itself.
+thread_local bool hasEnded = false;
 
 /// \return whether it had announced its end
 bool withdrawEnd()
@@ -74,26 +76,48 @@ bool withdrawEnd()
     }
     const std::lock_guard lock(threads().mutex);
     const bool wasAnnounced = own->number != 0;
-    threads().ending.remove(*own);
+    threads().announced.remove(*own);
     threads().changed.notify_all();
     return wasAnnounced;
 }
 
-/// Leaves no thread behind that has ended without being joined when the process exits. In a forked child
-/// there are no such threads, only the memory of them.
+/// Waits for the thread of a task without the lock.
+void join(std::future<void> task, std::unique_lock<std::mutex>& lock)
+{
+    EndingThreads::Node thread;
+    threads().joined.add(thread);
+    lock.unlock();
+    task = {};
+    lock.lock();
+    threads().joined.remove(thread);
+    threads().changed.notify_all();
+}
+
+/// Whether those that are in the list now have left it, apart from the calling thread.
+auto areDone(const EndingThreads& list)
+{
+    return [&list, number = list.lastNumber()] { return list.isDoneWith(number, own); };
+}
+
+/// Of the parent's threads a forked child has but the memory, and perhaps a lock that is held for ever. It
+/// forgets them, and leaks what they own.
+void forgetTheParents()
+{
+    new (&threads()) Threads;
+    if (own != nullptr) {
+        *own = {};
+    }
+}
+
+[[maybe_unused]] const int isToldOfForks = pthread_atfork(nullptr, nullptr, &forgetTheParents);
+
+/// Leaves no thread behind that has ended without being joined when the process exits.
 struct JoinAtExit
 {
     JoinAtExit() = default;
     JoinAtExit(const JoinAtExit&) = delete;
     JoinAtExit& operator=(const JoinAtExit&) = delete;
-    ~JoinAtExit()
-    {
-        if (getpid() == process) {
-            joinAnnounced();
-        }
-    }
-
-    const pid_t process = getpid();
+    ~JoinAtExit() { joinAnnounced(); }
 };
 
 const JoinAtExit joinAtExit;
@@ -106,13 +130,14 @@ SearchThread::~SearchThread()
 {
     withdrawEnd();
     own = nullptr;
+    hasEnded = true;
 }
 
 void announceEnd()
 {
     if (own != nullptr) {
         const std::lock_guard lock(threads().mutex);
-        threads().ending.add(*own);
+        threads().announced.add(*own);
     }
 }
 
@@ -129,18 +154,21 @@ NotAwaited::~NotAwaited()
 
 void joinLater(std::future<void> task)
 {
-    // Destroying the former one waits for its thread, outside the lock.
-    const std::future<void> former = exchangeLast(std::move(task));
+    std::unique_lock lock(threads().mutex);
+    join(std::exchange(threads().last, std::move(task)), lock);
 }
 
 void joinAnnounced()
 {
-    {
-        std::unique_lock lock(threads().mutex);
-        threads().changed.wait(lock,
-            [number = threads().ending.lastNumber()] { return threads().ending.isDoneWith(number, own); });
+    if (hasEnded) {
+        return;
     }
-    const std::future<void> last = exchangeLast({});
+    std::unique_lock lock(threads().mutex);
+    threads().changed.wait(lock, areDone(threads().announced));
+    // Each of these is the last now, or somebody is joining it.
+    const auto areJoinedByOthers = areDone(threads().joined);
+    join(std::exchange(threads().last, {}), lock);
+    threads().changed.wait(lock, areJoinedByOthers);
 }
 
 } // namespace tavo::ldap::search_threads

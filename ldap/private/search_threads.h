@@ -6,8 +6,8 @@
 /// The threads of asynchronous searches at their end: a thread can't join itself, so others do.
 namespace tavo::ldap::search_threads {
 
-/// Threads that have announced their end, the earliest first. Not thread-safe. The nodes belong to the
-/// threads, so that announcing can't fail for want of memory.
+/// Threads at their end, the earliest first. Not thread-safe. The nodes belong to the threads that announce
+/// their end or join another, so that neither can fail for want of memory.
 class EndingThreads
 {
 public:
@@ -23,7 +23,7 @@ public:
     /// Does nothing when the node isn't in the list.
     void remove(Node& thread);
 
-    /// The number of the latest announcement; the numbers grow.
+    /// The number of the latest that was added; the numbers grow.
     std::uint64_t lastNumber() const { return m_lastNumber; }
 
     /// Whether no thread with this number or an earlier one is left, other than `self`.
@@ -73,8 +73,9 @@ private:
 /// to do than to return, and nothing to log.
 void joinLater(std::future<void> task);
 
-/// Waits for the threads that have announced their end before this call, except the calling one. Threads that
-/// do so meanwhile are not waited for, or a busy process would never be done.
+/// Waits for the threads that have announced their end before this call, except the calling one, and for those
+/// that others are just joining. Threads that do so meanwhile are not waited for, or a busy process would
+/// never be done. Returns at once in the destructor of a search thread's thread-local object.
 void joinAnnounced();
 
 } // namespace tavo::ldap::search_threads

@@ -74,25 +74,28 @@ void writeToQt(Level level, const QString& tag, const QString& text)
         type, QMessageLogContext(nullptr, 0, nullptr, "tavo.ldap"), tag + QStringLiteral(": ") + text);
 }
 
-std::shared_ptr<GuardedSink> currentSink()
+/// Members are destroyed from the last to the first: once `setSink` need not wait for the lock any more, nobody
+/// else owns the sink.
+struct SinkInUse
+{
+    utils::AsyncOperationGuard::Lock lock;
+    std::shared_ptr<const GuardedSink> sink;
+};
+
+/// Taken together, so that the sink isn't replaced in between.
+SinkInUse currentSink()
 {
     const std::lock_guard lock(state().mutex);
-    return state().sink;
+    return {state().sink->guard.sharedGuard().lock(), state().sink};
 }
 
 void writeToSink(Level level, const QString& tag, const QString& text)
 {
-    for (;;) {
-        const auto current = currentSink();
-        const auto lock = current->guard.sharedGuard().lock();
-        if (!lock) {
-            continue; // replaced this very moment: the next one is in place already
-        }
-        if (!current->sink) {
-            return writeToQt(level, tag, text);
-        }
-        return current->sink(level, tag, text);
+    const SinkInUse current = currentSink();
+    if (!current.sink->sink) {
+        return writeToQt(level, tag, text);
     }
+    current.sink->sink(level, tag, text);
 }
 
 /// The number of nested messages on this thread: a sink may log, too.
@@ -185,7 +188,7 @@ Sink setSink(Sink sink)
         const std::lock_guard lock(state().mutex);
         state().sink.swap(replacement);
     }
-    replacement->guard.invalidate(); // after the swap: a thread that is turned away finds the new sink
+    replacement->guard.invalidate(); // after the swap, so nobody takes its lock any more
     return replacement->sink;
 }
 

@@ -155,10 +155,10 @@ using Sink = std::function<void(Level level, const QString& tag, const QString& 
 /// debug for both debug and verbose). It bypasses the category's own filter: what is admitted here is not
 /// filtered a second time.
 ///
-/// When this returns, the previous sink runs on no other thread and is never called again. Waits for calls in
-/// progress: don't call it while holding a lock that the sink takes. A sink may call it; that call of the
-/// sink is not waited for. A message that a sink logs goes to the default sink, and one that Qt's message
-/// handler logs goes to standard error, so that neither can feed itself.
+/// When this returns, the previous sink runs on no other thread, is never called again, and belongs to the
+/// caller alone. Waits for calls in progress: don't call it while holding a lock that the sink takes. A sink
+/// may call it; that call of the sink is not waited for. A message that a sink logs goes to the default sink,
+/// and one that Qt's message handler logs goes to standard error, so that neither can feed itself.
 /// \return the previous sink; empty when it was the default
 TAVO_UTILS_EXPORT Sink setSink(Sink sink);
 

@@ -16,6 +16,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -27,6 +28,7 @@ namespace {
 using ldap::BaseError;
 using ldap::Result;
 using ldap::SearchContext;
+using namespace std::string_view_literals;
 
 using ::testing::Contains;
 using ::testing::Each;
@@ -163,6 +165,152 @@ TEST_F(PagedSearchCalls, HaveEndedTheirThreadWhenTheirSessionIsGone)
 
         ASSERT_EQ(ends, round);
     }
+}
+
+/// A session that lives as long as its thread, as a host may keep one for each.
+class SessionOfThread
+{
+public:
+    SessionOfThread(const ScriptedServer& server, Gate ending, Gate mayEnd, Gate ended)
+        : m_ending(std::move(ending))
+        , m_mayEnd(std::move(mayEnd))
+        , m_ended(std::move(ended))
+        , m_session(
+              std::make_unique<ldap::Session>(utils::Url(QString::fromStdString(server.url())), false, false))
+    {}
+    ~SessionOfThread()
+    {
+        m_ending.open();
+        m_mayEnd.wait("the test");
+        m_session.reset();
+        m_ended.open();
+    }
+    SessionOfThread(const SessionOfThread&) = delete;
+    SessionOfThread& operator=(const SessionOfThread&) = delete;
+
+private:
+    const Gate m_ending;
+    const Gate m_mayEnd;
+    const Gate m_ended;
+    std::unique_ptr<ldap::Session> m_session;
+};
+
+// Such a thread has been handed over to others, who join it; it must neither do so itself nor wait for them.
+TEST_F(PagedSearchCalls, MayLeaveASessionToTheEndOfTheirThread)
+{
+    for (const bool isBeingJoined : {false, true}) {
+        SCOPED_TRACE(isBeingJoined);
+        const Gate isStarted;
+        const Gate ending;
+        const Gate mayEnd;
+        const Gate ended;
+        server.expectSearch().answer(waitFor(isStarted), done());
+        session->asyncSearch(
+            params(),
+            [&](Result, const auto&) {
+                thread_local const SessionOfThread onThisThread(server, ending, mayEnd, ended);
+            },
+            2);
+        isStarted.open();
+        ending.wait("the end of the search's thread");
+        if (isBeingJoined) {
+            const Gate isNextStarted;
+            const Gate joins;
+            beforeEach(recorder, ldap_destroy, [=] { joins.open(); });
+            server.expectSearch().answer(waitFor(isNextStarted), done());
+            session->asyncSearch(
+                params(), [](Result, const auto&) {}, 2);
+            isNextStarted.open();
+            joins.wait("the end of the next search's thread");
+        }
+
+        mayEnd.open();
+
+        ended.wait("the end of the session");
+    }
+}
+
+TEST_F(PagedSearchCalls, MayFreeAReportThatOwnsASessionWithAContextOfAnyHandle)
+{
+    const Gate isLast;
+    const Gate freed;
+    auto owned =
+        std::make_shared<ldap::Session>(utils::Url(QString::fromStdString(server.url())), false, false);
+    auto searchParams = params();
+    searchParams.report = std::shared_ptr<ldap::SearchReport>(
+        new ldap::SearchReport, [freed, owned = std::move(owned)](const ldap::SearchReport* report) mutable {
+            delete report;
+            owned.reset();
+            freed.open();
+        });
+    LDAP* ld = nullptr;
+    ASSERT_EQ(ldap_initialize(&ld, server.url().c_str()), LDAP_SUCCESS);
+    const int version = LDAP_VERSION3;
+    ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
+    auto context = std::make_shared<SearchContext>(
+        std::unique_ptr<LDAP, void (*)(LDAP*)>(ld, &ldap::Session::destroyLdap), std::move(searchParams),
+        std::chrono::seconds(30));
+    server.expectSearch().answer(done());
+    context->asyncSearch([isLast](Result, const auto&) { isLast.wait("the other owner"); }, 2);
+    context.reset();
+
+    isLast.open();
+
+    freed.wait("the report's end");
+}
+
+/// Holds up, after an exception, the thread of the first search that looks for itself a second time among
+/// those of its session. There is one at a time.
+class SecondLook
+{
+public:
+    SecondLook()
+    {
+        s_looks = 0;
+        s_current = this;
+        setLockObserver(&observe);
+    }
+    ~SecondLook()
+    {
+        setLockObserver(nullptr);
+        mayLook.open();
+    }
+    SecondLook(const SecondLook&) = delete;
+    SecondLook& operator=(const SecondLook&) = delete;
+
+    const Gate isLooking;
+    const Gate mayLook;
+
+private:
+    static void observe(const Mutex&, SourcePosition position, LockEvent event)
+    {
+        const bool isLook = position.file == "ldap/session"sv && position.line == 153;
+        if (isLook && event == LockEvent::locked && ++s_looks == 2) {
+            const Gate mayLook = s_current->mayLook;
+            s_current->isLooking.open();
+            mayLook.wait("the test");
+        }
+    }
+
+    static inline std::atomic<int> s_looks = 0;
+    static inline SecondLook* s_current = nullptr;
+};
+
+// Whoever waits for the thread may be an intermediate call, made under the lock that the thread needs.
+TEST_F(PagedSearchCalls, AreNotAwaitedBeforeTheyAreDoneWithTheirSessionsLock)
+{
+    recorder.replace(ldap_create_page_control,
+        [](LDAP*, ber_int_t, berval*, int, LDAPControl**) -> int { throw std::runtime_error("no disk"); });
+    const SecondLook secondLook;
+    EXPECT_EQ(std::get<Result>(session->search(params(), 2)), Result::connectError);
+    secondLook.isLooking.wait("the search's thread");
+    auto other =
+        std::make_unique<ldap::Session>(utils::Url(QString::fromStdString(server.url())), false, false);
+
+    auto ended = std::async(std::launch::async, [&] { other.reset(); });
+
+    EXPECT_EQ(ended.wait_for(kDeadline / 4), std::future_status::ready);
+    secondLook.mayLook.open();
 }
 
 /// A search whose thread writes this line when its session has become idle.

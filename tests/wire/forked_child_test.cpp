@@ -21,6 +21,18 @@ TEST(ForkedChild, EndsWithoutWaitingForTheThreadsOfItsParent)
     EXPECT_EQ(program.exitStatus(), 0);
 }
 
+// As a server does that becomes a daemon after it has loaded the library.
+TEST(ForkedChild, WaitsForTheThreadsOfItsOwn)
+{
+    ScriptedServer server;
+    server.expectSearch().answer(done());
+    ChildProcess program({.words = {TAVO_FORKING_PROGRAM, server.url(), "daemon"}});
+
+    const bool hasEnded = program.waitForExit(kDeadline / 4);
+    EXPECT_TRUE(hasEnded);
+    EXPECT_EQ(program.exitStatus(), 0);
+}
+
 } // namespace
 
 } // namespace tavo::test

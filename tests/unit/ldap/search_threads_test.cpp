@@ -1,8 +1,18 @@
+#include "support/gate.h"
 #include <ldap/private/search_threads.h>
 
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <cstdint>
+#include <exception>
+#include <future>
+#include <memory>
+#include <thread>
+#include <utility>
 
 namespace tavo::ldap::search_threads {
 
@@ -79,6 +89,76 @@ TEST(SearchThreadsTest, LeaveTheQueueOnlyIfTheyWereInIt)
     threads.remove(outside);
 
     EXPECT_FALSE(threads.isDoneWith(threads.lastNumber(), nullptr));
+}
+
+/// A task whose thread is joined from the opening of one gate to that of another.
+class SlowToJoin
+{
+public:
+    SlowToJoin(test::Gate isJoined, test::Gate mayEnd)
+        : m_isJoined(std::move(isJoined))
+        , m_mayEnd(std::move(mayEnd))
+    {}
+
+    /// What the task has thrown goes with the last that is left of it.
+    std::future<void> task() const
+    {
+        const auto wait = [isJoined = m_isJoined, mayEnd = m_mayEnd](const int* thrown) {
+            delete thrown;
+            isJoined.open();
+            mayEnd.wait("the test");
+        };
+        std::promise<void> promise;
+        promise.set_exception(std::make_exception_ptr(std::shared_ptr<int>(new int(0), wait)));
+        return promise.get_future();
+    }
+
+private:
+    const test::Gate m_isJoined;
+    const test::Gate m_mayEnd;
+};
+
+TEST(SearchThreadsTest, AreWaitedForAlsoWhileOthersJoinThem)
+{
+    const test::Gate isJoined;
+    const test::Gate mayEnd;
+    joinLater(SlowToJoin(isJoined, mayEnd).task());
+    auto joining = std::async(std::launch::async, [] { joinAnnounced(); });
+    isJoined.wait("the join");
+
+    auto waiting = std::async(std::launch::async, [] { joinAnnounced(); });
+
+    EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+    mayEnd.open();
+}
+
+// They exist no more, and nobody would ever tell it of their end.
+TEST(SearchThreadsTest, OfTheParentAreNotWaitedForByAForkedChild)
+{
+    const test::Gate announced;
+    const test::Gate mayEnd;
+    std::thread announcing([=] {
+        const SearchThread thread;
+        announceEnd();
+        announced.open();
+        mayEnd.wait("the test");
+    });
+    joinLater(std::async(std::launch::async, [=] { mayEnd.wait("the test"); }));
+    announced.wait("the thread's end");
+
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(std::chrono::seconds(test::kDeadline / 4).count());
+        joinAnnounced();
+        _exit(0);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+
+    mayEnd.open();
+    announcing.join();
+    joinAnnounced();
 }
 
 } // namespace

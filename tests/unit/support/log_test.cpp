@@ -1,6 +1,7 @@
 #include "allocation_count.h"
 #include "support/log_capture.h"
 #include <tavo_utils/log.h>
+#include <tavo_utils/scope_guard.h>
 
 #include <gmock/gmock.h>
 
@@ -572,6 +573,31 @@ TEST_F(LogSink, MayBeReplacedWhileThreadsLog)
         stop = true;
     }
     setSink({});
+    EXPECT_EQ(late, 0);
+}
+
+// What a sink refers to may be destroyed by then, and its captures with it.
+TEST_F(LogSink, BelongsToNoOtherThreadOnceItIsReplaced)
+{
+    std::atomic<bool> stop{false};
+    const auto logUntilStopped = [&] {
+        while (!stop)
+            write(Level::info, scopeTag<Scope>(), QStringLiteral("x"));
+    };
+    int late = 0;
+    {
+        const std::jthread first(logUntilStopped);
+        const std::jthread second(logUntilStopped);
+        const std::jthread third(logUntilStopped);
+        const utils::ScopeGuard stopThem([&] { stop = true; });
+        for (int i = 0; i < 20'000 && late == 0; ++i) {
+            auto captured = std::make_shared<int>(i);
+            const std::weak_ptr<int> left = captured;
+            setSink([captured = std::move(captured)](Level, const QString&, const QString&) {});
+            setSink({});
+            late += left.expired() ? 0 : 1;
+        }
+    }
     EXPECT_EQ(late, 0);
 }
 
