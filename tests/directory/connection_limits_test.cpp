@@ -222,7 +222,8 @@ public:
         }
         return steps;
     }
-    Steps steps() const { return steps(test::Bytes(kCount, '\0')); }
+    /// More than a limit lasts, and then the end of the connection: whoever lets each byte put off the limit sees it.
+    Steps steps() const { return {steps(test::Bytes(kCount, '\0')), test::closeConnection()}; }
 
     static constexpr std::size_t kCount = 1200;
     static constexpr milliseconds kPace{5};
@@ -708,6 +709,18 @@ TEST_F(SeveralAddresses, AreNotTriedAfterAnInterruptionDuringTheLookUp)
     test::whileLookedUp = [] {};
     EXPECT_EQ(end, interrupted(m_url));
     EXPECT_EQ(good.connections(), 0U);
+}
+
+TEST_F(SeveralAddresses, AreNotLookedUpAfterAnInterruption)
+{
+    const ConnectionOptions options = interruptible();
+    options.interrupter->interrupt();
+    test::whileLookedUp = [] { ADD_FAILURE() << "the name was looked up"; };
+
+    const End end = endOf([&] { Session(urlOf(m_url), false, false, options); });
+
+    test::whileLookedUp = [] {};
+    EXPECT_EQ(end, interrupted(m_url));
 }
 
 TEST_F(SeveralAddresses, MayTakeLongToLookUp)
