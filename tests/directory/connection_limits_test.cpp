@@ -1052,6 +1052,7 @@ TEST_F(Interruptions, EndBlockingSearches)
 TEST_F(Interruptions, EndTheMakingOfAManager)
 {
     m_server.otherwise([](const Request&) -> Steps { return {}; });
+    const test::LogCapture warnings;
     Settings settings;
     settings.uri = urlOf(m_server.url());
     BlockedCall call([&] {
