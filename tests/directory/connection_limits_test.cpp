@@ -896,6 +896,11 @@ protected:
     /// Or the server would keep the rest of its answer.
     void TearDown() override { m_page.open(); }
 
+    void answerCall(const Steps& answer)
+    {
+        m_server.otherwise([answer](const Request&) { return answer; });
+    }
+
     void makeCall(const End& expected)
     {
         m_call.emplace([this, expected] { EXPECT_EQ(GetParam().call(m_session), expected); });
@@ -918,7 +923,7 @@ protected:
 
 TEST_P(CallBehindAPage, IsNotLimitedWhileItWaitsForThePage)
 {
-    m_server.otherwise([](const Request&) { return success(); });
+    answerCall(success());
     makeCall(End());
 
     waitForALimit();
@@ -931,7 +936,7 @@ TEST_P(CallBehindAPage, IsNotLimitedWhileItWaitsForThePage)
 
 TEST_P(CallBehindAPage, HasItsWholeTimeFromThenOn)
 {
-    m_server.otherwise([](const Request&) -> Steps { return {}; });
+    answerCall({waitFor(m_page), test::truncated(5, success())});
     makeCall(endedByLimit(m_server.url(), "answerTimeout"_s));
 
     waitForALimit();
@@ -944,7 +949,7 @@ TEST_P(CallBehindAPage, HasItsWholeTimeFromThenOn)
 
 TEST_P(CallBehindAPage, EndsWithTheSearchAtAnInterruption)
 {
-    m_server.otherwise([](const Request&) -> Steps { return {}; });
+    answerCall({});
     makeCall(interrupted(m_server.url()));
 
     m_options.interrupter->interrupt();
