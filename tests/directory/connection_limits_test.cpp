@@ -202,7 +202,7 @@ class Drip
 {
 public:
     Drip()
-        : m_gates(1000)
+        : m_gates(kCount)
         , m_thread([this] { open(); })
     {}
     ~Drip()
@@ -214,21 +214,26 @@ public:
     Drip& operator=(const Drip&) = delete;
 
     /// One byte after the other.
-    Steps steps() const
+    Steps steps(const test::Bytes& bytes) const
     {
         Steps steps;
-        for (const Gate& gate : m_gates) {
-            steps.append({waitFor(gate), test::raw(std::string(1, '\0'))});
+        for (std::size_t i = 0; i < bytes.size(); ++i) {
+            steps.append({waitFor(m_gates.at(i)), test::raw(bytes.substr(i, 1))});
         }
         return steps;
     }
+    /// More than a limit lasts, and then the end of the connection: whoever lets each byte put off the limit sees it.
+    Steps steps() const { return {steps(test::Bytes(kCount, '\0')), test::closeConnection()}; }
+
+    static constexpr std::size_t kCount = 1200;
+    static constexpr milliseconds kPace{5};
 
 private:
     void open()
     {
         const auto isOver = m_isOver.get_future();
         for (const Gate& gate : m_gates) {
-            if (isOver.wait_for(milliseconds(5)) == std::future_status::ready) {
+            if (isOver.wait_for(kPace) == std::future_status::ready) {
                 return;
             }
             gate.open();
@@ -320,8 +325,7 @@ struct Relayed
 {
     explicit Relayed(Protocol protocol)
         : slapd(makeSlapd())
-        , relay(std::make_shared<TcpRelay>(
-              protocol == Protocol::ldaps ? slapd->ldapsPort() : slapd->port()))
+        , relay(std::make_shared<TcpRelay>(protocol == Protocol::ldaps ? slapd->ldapsPort() : slapd->port()))
     {}
 
     std::shared_ptr<Slapd> slapd;
@@ -347,13 +351,11 @@ Scene answered(const Steps& answer, Call call)
     return scene;
 }
 
-/// A real server that stops working before the call. Over TLS it has sent tickets for later sessions by then
-/// (RFC 8446, section 4.6.1), which nobody has read yet.
+/// A real server that stops working before the call.
 Scene stopped(Protocol protocol, Call call)
 {
     const auto slapd = makeSlapd();
-    Scene scene{
-        protocol == Protocol::ldaps ? slapd->ldapsUrl() : slapd->url(), std::move(call), {slapd}};
+    Scene scene{protocol == Protocol::ldaps ? slapd->ldapsUrl() : slapd->url(), std::move(call), {slapd}};
     scene.fallSilent = [slapd] { slapd->suspend(); };
     scene.reached.open();
     return scene;
@@ -382,7 +384,8 @@ std::size_t bytesToWhoAmI(const TcpRelay& relay, Protocol protocol)
     return relay.forwarded(TcpRelay::Direction::toClient);
 }
 
-/// A real server whose answer breaks off a few bytes before its end.
+/// A real server whose answer breaks off a few bytes before its end. Over TLS it has sent tickets for later sessions
+/// (RFC 8446, section 4.6.1) before, which make the socket readable.
 Scene withinAnswer(Protocol protocol)
 {
     constexpr std::size_t kShort = 8;
@@ -440,11 +443,11 @@ std::vector<Stage> stages()
     }
     for (const Protocol protocol : {Protocol::startTls, Protocol::ldaps}) {
         all.push_back({"handshake", protocol, connect, [=] { return handshake(protocol, {}); }});
-        all.push_back({"withinServerHello", protocol, connect, [=] { return withinHandshake(protocol, 60); }});
+        all.push_back(
+            {"withinServerHello", protocol, connect, [=] { return withinHandshake(protocol, 60); }});
         all.push_back(
             {"withinCertificate", protocol, connect, [=] { return withinHandshake(protocol, 600); }});
-        all.push_back(
-            {"drippingHandshake", protocol, connect, [=] { return drippingHandshake(protocol); }});
+        all.push_back({"drippingHandshake", protocol, connect, [=] { return drippingHandshake(protocol); }});
     }
     all.push_back({"answer", Protocol::startTls, answer, [] { return answered({}, {}); }});
     all.push_back({"drippingAnswer", Protocol::startTls, answer, [] { return drippingAnswer({}); }});
@@ -511,6 +514,14 @@ void expectAllCallsToEnd(Session& session, const End& end)
     EXPECT_EQ(whoAmI(session), end);
     EXPECT_EQ(blockingSearch(session), end);
     EXPECT_EQ(pagedSearch(session), end);
+}
+
+/// Until another connection has reached its limit.
+void waitForALimit()
+{
+    const Scene silent = answered({}, {});
+    Session session(urlOf(silent.url), false, false, withLimit("answerTimeout"_s));
+    EXPECT_EQ(bind(session), endedByLimit(silent.url, "answerTimeout"_s));
 }
 
 class ConnectionLimits : public ::testing::Test
@@ -585,6 +596,479 @@ TEST_P(SilentServer, IsLeftAtAnInterruption)
 
 INSTANTIATE_TEST_SUITE_P(
     Stages, SilentServer, ::testing::ValuesIn(stages()), ::testing::PrintToStringParamName());
+
+class SeveralAddresses : public ConnectionLimits
+{
+protected:
+    ~SeveralAddresses() override { test::portsOfName.clear(); }
+
+    static std::string portOf(const std::string& url) { return url.substr(url.rfind(':') + 1); }
+    static QString addressOf(const std::string& url) { return qt(url.substr(url.rfind('/') + 1)); }
+
+    /// The ports of the name; the URL's own isn't looked at.
+    void nameThem(const std::vector<std::string>& urls)
+    {
+        for (const std::string& url : urls) {
+            test::portsOfName.push_back(portOf(url));
+        }
+    }
+
+    static Matcher<ConnectFailure::Try> tried(const std::string& url, int systemError)
+    {
+        return AllOf(Field(&ConnectFailure::Try::address, addressOf(url)),
+            Field(&ConnectFailure::Try::systemError, systemError));
+    }
+
+    const std::string m_url = "ldap://" + std::string(test::kManyAddresses);
+    const BlackHole m_first;
+    const BlackHole m_second;
+    const BlackHole m_third;
+};
+
+TEST_F(SeveralAddresses, AreTriedBesideThoseThatDoNotAnswer)
+{
+    ScriptedServer good;
+    good.expectWhoAmI().answer(success());
+    nameThem({m_first.url(), m_second.url(), good.url()});
+    ConnectionOptions options;
+    options.connectTimeout = kLong;
+
+    Session session(urlOf(m_url), false, false, options);
+
+    EXPECT_EQ(session.whoAmI(), "anonymous"_s);
+}
+
+TEST_F(SeveralAddresses, AreTriedAtOnceAfterThoseThatRefuse)
+{
+    const test::ReservedPort nobody;
+    const std::string refusing = "ldap://127.0.0.1:" + std::to_string(nobody.number());
+    ScriptedServer good;
+    good.expectWhoAmI().answer(success());
+    nameThem({refusing, refusing, good.url()});
+
+    Session session(urlOf(m_url), false, false, withLimit("connectTimeout"_s));
+
+    EXPECT_EQ(session.whoAmI(), "anonymous"_s);
+}
+
+TEST_F(SeveralAddresses, ThatRefuseAreAllNamed)
+{
+    const test::ReservedPort nobody;
+    const std::string refusing = "ldap://127.0.0.1:" + std::to_string(nobody.number());
+    nameThem({refusing, refusing});
+    ConnectionOptions options;
+    options.connectTimeout = kLong;
+
+    const End end = endOf([&] { Session(urlOf(m_url), false, false, options); });
+
+    EXPECT_EQ(end.code, LDAP_SERVER_DOWN);
+    EXPECT_EQ(end.failure.kind, ConnectFailure::Kind::unreachable);
+    EXPECT_EQ(end.failure.address, qt(m_url));
+    EXPECT_THAT(end.failure.tries, ElementsAre(tried(refusing, ECONNREFUSED), tried(refusing, ECONNREFUSED)));
+}
+
+TEST_F(SeveralAddresses, AreAllTriedWithinTheLimitAndNamed)
+{
+    nameThem({m_first.url(), m_second.url(), m_third.url()});
+    const NothingIsLeft nothingIsLeft;
+    const LimitedWait wholeLimit;
+
+    const End end = endOf([&] { Session(urlOf(m_url), false, false, withLimit("connectTimeout"_s)); });
+
+    EXPECT_EQ(end, endedByLimit(m_url, "connectTimeout"_s));
+    EXPECT_THAT(end.failure.tries, ElementsAre(tried(m_first.url(), ETIMEDOUT),
+                                       tried(m_second.url(), ETIMEDOUT), tried(m_third.url(), ETIMEDOUT)));
+}
+
+TEST_F(SeveralAddresses, AreLeftAtAnInterruption)
+{
+    nameThem({m_first.url(), m_second.url()});
+    const NothingIsLeft nothingIsLeft;
+    const ConnectionOptions options = interruptible();
+    End end;
+    BlockedCall call([&] { end = endOf([&] { Session(urlOf(m_url), false, false, options); }); });
+    EXPECT_TRUE(call.isWaiting());
+
+    options.interrupter->interrupt();
+
+    call.get();
+    EXPECT_EQ(end, interrupted(m_url));
+    ASSERT_FALSE(end.failure.tries.empty());
+    EXPECT_THAT(end.failure.tries.front(), tried(m_first.url(), ECANCELED));
+}
+
+TEST_F(SeveralAddresses, AreNotTriedAfterAnInterruptionDuringTheLookUp)
+{
+    ScriptedServer good;
+    nameThem({good.url()});
+    const ConnectionOptions options = interruptible();
+    test::whileLookedUp = [&] { options.interrupter->interrupt(); };
+
+    const End end = endOf([&] { Session(urlOf(m_url), false, false, options); });
+
+    test::whileLookedUp = [] {};
+    EXPECT_EQ(end, interrupted(m_url));
+    EXPECT_EQ(good.connections(), 0U);
+}
+
+TEST_F(SeveralAddresses, AreNotLookedUpAfterAnInterruption)
+{
+    const ConnectionOptions options = interruptible();
+    options.interrupter->interrupt();
+    test::whileLookedUp = [] { ADD_FAILURE() << "the name was looked up"; };
+
+    const End end = endOf([&] { Session(urlOf(m_url), false, false, options); });
+
+    test::whileLookedUp = [] {};
+    EXPECT_EQ(end, interrupted(m_url));
+}
+
+TEST_F(SeveralAddresses, MayTakeLongToLookUp)
+{
+    ScriptedServer good;
+    good.expectWhoAmI().answer(success());
+    nameThem({good.url()});
+    test::whileLookedUp = [] { waitForALimit(); };
+
+    Session session(urlOf(m_url), false, false, withLimit("connectTimeout"_s));
+
+    test::whileLookedUp = [] {};
+    EXPECT_EQ(session.whoAmI(), "anonymous"_s);
+}
+
+TEST_F(SeveralAddresses, OfAListOfServersShareTheLimit)
+{
+    ScriptedServer good;
+    good.expectWhoAmI().answer(success());
+    const std::string list = m_first.url() + " " + m_second.url() + " " + good.url();
+
+    Session session(urlOf(list), false, false, withLimit("connectTimeout"_s));
+
+    EXPECT_EQ(session.whoAmI(), "anonymous"_s);
+}
+
+TEST_F(SeveralAddresses, OfAListOfServersAreAllNamed)
+{
+    const std::string list = m_first.url() + " " + m_second.url();
+    const NothingIsLeft nothingIsLeft;
+    const LimitedWait wholeLimit;
+
+    const End end = endOf([&] { Session(urlOf(list), false, false, withLimit("connectTimeout"_s)); });
+
+    EXPECT_EQ(end, endedByLimit(m_second.url(), "connectTimeout"_s));
+    EXPECT_THAT(
+        end.failure.tries, ElementsAre(tried(m_first.url(), ETIMEDOUT), tried(m_second.url(), ETIMEDOUT)));
+}
+
+TEST_F(SeveralAddresses, OfAListOfServersAreLeftAtAnInterruption)
+{
+    ScriptedServer good;
+    const ConnectionOptions options = interruptible();
+    BlockedCall call([&] {
+        const std::string list = m_first.url() + " " + good.url();
+        EXPECT_EQ(endOf([&] { Session(urlOf(list), false, false, options); }), interrupted(m_first.url()));
+    });
+    EXPECT_TRUE(call.isWaiting());
+
+    options.interrupter->interrupt();
+
+    call.get();
+    EXPECT_EQ(good.connections(), 0U);
+}
+
+TEST_F(ConnectionLimits, OfSilenceArePutOffByEveryByte)
+{
+    constexpr milliseconds kSilence{test::sanitized ? 3000 : 1000};
+    const Drip drip;
+    ScriptedServer server;
+    server.expectSearch().answerWith([&](const Request& request) {
+        const auto length = static_cast<std::size_t>(kSilence / Drip::kPace) * 3 / 2;
+        const auto found = entry("cn=a").attr("cn", std::string(length, 'a'));
+        return drip.steps(found.encode(request) + done().page("").encode(request));
+    });
+    ConnectionOptions options;
+    options.pageSilenceTimeout = kSilence;
+    Session session(urlOf(server.url()), false, false, options);
+    const auto begin = steady_clock::now();
+
+    EXPECT_EQ(pagedSearch(session), End());
+
+    EXPECT_GT(steady_clock::now() - begin, kSilence);
+}
+
+TEST_F(ConnectionLimits, OfSilenceDoNotConcernHandlers)
+{
+    ScriptedServer server;
+    server.expectSearch().answer(entry("cn=a"), done().page("more"));
+    server.expectSearch().answer(entry("cn=b"), done().page(""));
+    Session session(urlOf(server.url()), false, false, withLimit("pageSilenceTimeout"_s));
+
+    EXPECT_EQ(pagedSearchWith(&waitForALimit)(session), End());
+}
+
+TEST_F(ConnectionLimits, OfAnswersDoNotConcernPages)
+{
+    const Gate page;
+    ScriptedServer server;
+    server.expectSearch().answer(waitFor(page), done());
+    Session session(urlOf(server.url()), false, false, withLimit("answerTimeout"_s));
+    BlockedCall call([&] { EXPECT_EQ(pagedSearch(session), End()); });
+    server.waitForRequests(1);
+
+    waitForALimit();
+    EXPECT_TRUE(call.isWaiting());
+    page.open();
+}
+
+TEST_F(ConnectionLimits, OfBlockingSearchesEndTheConnectionWithinAMessage)
+{
+    constexpr std::chrono::seconds kResponse{1};
+    for (const bool isWithinMessage : {false, true}) {
+        SCOPED_TRACE(isWithinMessage);
+        ScriptedServer server;
+        const Steps found{entry("cn=a")};
+        server.expectSearch().answer(isWithinMessage ? test::truncated(8, found) : found);
+        if (!isWithinMessage) {
+            server.expectWhoAmI().answer(success());
+        }
+        Session session(urlOf(server.url()), false, false, withLimit({}));
+        session.setResponseTimeout(kResponse);
+        End end;
+        {
+            const LimitedWait wholeLimit(kResponse);
+            end = blockingSearch(session);
+        }
+        const End lost = endedByLimit(server.url(), "responseTimeout"_s, kResponse);
+        EXPECT_EQ(end, isWithinMessage ? lost : (End{LDAP_TIMEOUT, {}}));
+        EXPECT_EQ(whoAmI(session), isWithinMessage ? lost : End());
+    }
+}
+
+/// The client library's own bound makes the socket non-blocking during a handshake.
+TEST_F(ConnectionLimits, OfHandshakesHoldBesideANetworkTimeout)
+{
+    const timeval hosts{3600, 0};
+    ldap_set_option(nullptr, LDAP_OPT_NETWORK_TIMEOUT, &hosts);
+    for (const Protocol protocol : {Protocol::startTls, Protocol::ldaps}) {
+        const Scene scene = handshake(protocol, {});
+        const LimitedWait wholeLimit;
+        const End end = endOf([&] {
+            Session(urlOf(scene.url), protocol == Protocol::startTls, false, withLimit("connectTimeout"_s));
+        });
+        EXPECT_EQ(end, endedByLimit(scene.url, "connectTimeout"_s));
+    }
+    ldap_set_option(nullptr, LDAP_OPT_NETWORK_TIMEOUT, nullptr);
+}
+
+/// More than the kernel's buffers hold: when it is sent, the search's thread is reading.
+std::vector<test::Entry> muchToRead()
+{
+    return std::vector<test::Entry>(32, entry("cn=a").attr("cn", std::string(1 << 20, 'a')));
+}
+
+struct Behind
+{
+    std::string name;
+    Call call;
+    /// Whether the search's thread waits in the middle of a message.
+    bool isWithinMessage;
+};
+
+void PrintTo(const Behind& behind, std::ostream* out)
+{
+    *out << behind.name + (behind.isWithinMessage ? "WithinAMessage" : "BetweenMessages");
+}
+
+/// A call that waits for the page of another search.
+class CallBehindAPage : public ConnectionLimits, public ::testing::WithParamInterface<Behind>
+{
+protected:
+    CallBehindAPage()
+    {
+        const Gate isReading;
+        const Steps end =
+            GetParam().isWithinMessage ? test::splitAt(5, m_page, {done()}) : Steps{waitFor(m_page), done()};
+        m_server.expectSearch().answer(muchToRead(), opens(isReading), end);
+        m_session.asyncSearch(searchParams(m_report), m_entries.handler(), 100);
+        isReading.wait("the search to read");
+    }
+
+    /// Or the server would keep the rest of its answer.
+    void TearDown() override { m_page.open(); }
+
+    void answerCall(const Steps& answer)
+    {
+        m_server.otherwise([answer](const Request&) { return answer; });
+    }
+
+    void makeCall(const End& expected)
+    {
+        m_call.emplace([this, expected] { EXPECT_EQ(GetParam().call(m_session), expected); });
+        EXPECT_TRUE(m_call->isWaiting());
+    }
+
+    const NothingIsLeft m_nothingIsLeft;
+    const Gate m_page;
+    ScriptedServer m_server;
+    const std::shared_ptr<SearchReport> m_report = std::make_shared<SearchReport>();
+    test::Entries m_entries;
+    ConnectionOptions m_options = [] {
+        ConnectionOptions options = withLimit("answerTimeout"_s);
+        options.interrupter.emplace();
+        return options;
+    }();
+    Session m_session{urlOf(m_server.url()), false, false, m_options};
+    std::optional<BlockedCall> m_call;
+};
+
+TEST_P(CallBehindAPage, IsNotLimitedWhileItWaitsForThePage)
+{
+    answerCall(success());
+    makeCall(End());
+
+    waitForALimit();
+    EXPECT_TRUE(m_call->isWaiting());
+    m_page.open();
+
+    m_call->get();
+    EXPECT_EQ(m_entries.waitForEnd(), Result::ok);
+}
+
+TEST_P(CallBehindAPage, HasItsWholeTimeFromThenOn)
+{
+    answerCall({waitFor(m_page), test::truncated(5, success())});
+    makeCall(endedByLimit(m_server.url(), "answerTimeout"_s));
+
+    waitForALimit();
+    const LimitedWait wholeLimit;
+    m_page.open();
+
+    m_call->get();
+    EXPECT_EQ(m_entries.waitForEnd(), Result::ok);
+}
+
+TEST_P(CallBehindAPage, EndsWithTheSearchAtAnInterruption)
+{
+    answerCall({});
+    makeCall(interrupted(m_server.url()));
+
+    m_options.interrupter->interrupt();
+
+    m_call->get();
+    EXPECT_EQ(m_entries.waitForEnd(), Result::cancelled);
+    EXPECT_EQ((End{m_report->ldapCode, m_report->connectFailure}), interrupted(m_server.url()));
+    expectAllCallsToEnd(m_session, interrupted(m_server.url()));
+}
+
+INSTANTIATE_TEST_SUITE_P(Calls, CallBehindAPage,
+    ::testing::Values(Behind{"bind", &bind, false}, Behind{"bind", &bind, true},
+        Behind{"whoAmI", &whoAmI, false}, Behind{"whoAmI", &whoAmI, true}),
+    ::testing::PrintToStringParamName());
+
+class Interruptions : public ConnectionLimits
+{
+protected:
+    void interrupt() { m_options.interrupter->interrupt(); }
+
+    const ConnectionOptions m_options = interruptible();
+    ScriptedServer m_server;
+};
+
+TEST_F(Interruptions, EndSessionsThatAreYetToBeMade)
+{
+    interrupt();
+    for (const Protocol protocol : {Protocol::plain, Protocol::startTls, Protocol::ldaps}) {
+        const std::string url = m_server.url(schemeOf(protocol));
+        EXPECT_EQ(endOf([&] { Session(urlOf(url), protocol == Protocol::startTls, false, m_options); }),
+            interrupted(url));
+    }
+    EXPECT_EQ(m_server.connections(), 0U);
+}
+
+TEST_F(Interruptions, MayComeAgain)
+{
+    Session session(urlOf(m_server.url()), false, false, m_options);
+    EXPECT_FALSE(m_options.interrupter->isInterrupted());
+    for (int i = 0; i < 2; ++i) {
+        interrupt();
+        EXPECT_TRUE(m_options.interrupter->isInterrupted());
+        expectAllCallsToEnd(session, interrupted(m_server.url()));
+    }
+    EXPECT_THAT(m_server.requests(), ::testing::IsEmpty());
+}
+
+TEST_F(Interruptions, EndTheSessionsOfTheirInterrupterAlone)
+{
+    m_server.expectWhoAmI().answer(success());
+    Session first(urlOf(m_server.url()), false, false, m_options);
+    Session second(urlOf(m_server.url()), false, false, m_options);
+    Session others(urlOf(m_server.url()), false, false, interruptible());
+
+    interrupt();
+
+    EXPECT_EQ(bind(first), interrupted(m_server.url()));
+    EXPECT_EQ(bind(second), interrupted(m_server.url()));
+    EXPECT_EQ(whoAmI(others), End());
+}
+
+TEST_F(Interruptions, MayComeFromAHandler)
+{
+    m_server.expectSearch().answer(entry("cn=a"), done().page("more"));
+    Session session(urlOf(m_server.url()), false, false, m_options);
+
+    EXPECT_EQ(pagedSearchWith([&] { interrupt(); })(session), interrupted(m_server.url()));
+
+    expectAllCallsToEnd(session, interrupted(m_server.url()));
+    EXPECT_EQ(m_server.requests().size(), 1U);
+}
+
+TEST_F(Interruptions, CancelSearchesThatWaitForTheirTurn)
+{
+    m_server.expectSearch().answer();
+    test::Entries first;
+    test::Entries second;
+    const auto report = std::make_shared<SearchReport>();
+    Session session(urlOf(m_server.url()), false, false, m_options);
+    session.asyncSearch(searchParams(nullptr), first.handler(), 1);
+    session.asyncSearch(searchParams(report), second.handler(), 1);
+    m_server.waitForRequests(1);
+
+    interrupt();
+
+    EXPECT_EQ(first.waitForEnd(), Result::cancelled);
+    EXPECT_EQ(second.waitForEnd(), Result::cancelled);
+    EXPECT_EQ((End{report->ldapCode, report->connectFailure}), interrupted(m_server.url()));
+    EXPECT_EQ(m_server.requests().size(), 1U);
+}
+
+TEST_F(Interruptions, EndBlockingSearches)
+{
+    m_server.otherwise([](const Request&) -> Steps { return {}; });
+    Session session(urlOf(m_server.url()), false, false, m_options);
+    BlockedCall call([&] { EXPECT_EQ(blockingSearch(session), interrupted(m_server.url())); });
+    m_server.waitForRequests(1);
+
+    interrupt();
+
+    call.get();
+    expectAllCallsToEnd(session, interrupted(m_server.url()));
+}
+
+TEST_F(Interruptions, EndTheMakingOfAManager)
+{
+    m_server.otherwise([](const Request&) -> Steps { return {}; });
+    const test::LogCapture warnings;
+    Settings settings;
+    settings.uri = urlOf(m_server.url());
+    BlockedCall call([&] {
+        EXPECT_EQ(endOf([&] { createManagerOrThrow(settings, m_options); }), interrupted(m_server.url()));
+    });
+    m_server.waitForRequests(1);
+
+    interrupt();
+
+    call.get();
+}
 
 } // namespace
 } // namespace tavo::ldap

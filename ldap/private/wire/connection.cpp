@@ -99,6 +99,10 @@ ssize_t Connection::receive(int socket, char* to, std::size_t size) noexcept
 {
     aboutToRead();
     for (;;) {
+        if (isTooLate()) {
+            errno = errorOfEnd();
+            return -1;
+        }
         const ssize_t count = recv(socket, to, size, MSG_DONTWAIT);
         if (count > 0) {
             noteBytes();
@@ -142,6 +146,19 @@ ssize_t Connection::send(int socket, std::string_view bytes) noexcept
             return -1;
         }
     }
+}
+
+/// Ends the connection when the time of the calling thread is up. A server that never pauses is never waited for.
+/// A silence ends with the bytes that are there, however late they are looked at.
+bool Connection::isTooLate() noexcept
+{
+    const TimeLimit* const limit = TimeLimit::ofThisThread(*this);
+    if (limit == nullptr || limit->limit() == Limit::pageSilence ||
+        limit->left() != std::chrono::milliseconds(0)) {
+        return false;
+    }
+    endByLimit(limit->limit(), limit->duration());
+    return true;
 }
 
 /// \return false with `errno`

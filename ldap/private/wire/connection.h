@@ -95,6 +95,7 @@ private:
 
     void end(End reason, Limit limit = Limit::connect, TimeLimit::Duration duration = {}) noexcept;
     bool isOver() const noexcept;
+    bool isTooLate() noexcept;
     bool awaitReady(int socket, short events) noexcept;
     int errorOfEnd() const noexcept;
     QString reason() const;

@@ -28,7 +28,18 @@ namespace {
 using Clock = TimeLimit::Clock;
 
 /// How long an address may be silent before the next one is tried beside it (RFC 8305, section 5).
-constexpr std::chrono::milliseconds kAttemptDelay{250};
+constexpr Clock::duration kAttemptDelay = std::chrono::milliseconds(250);
+
+/// Shorter where the time would be up before the last address has had its share.
+Clock::duration attemptDelay(std::size_t addresses, std::optional<Clock::time_point> deadline)
+{
+    if (!deadline) {
+        return kAttemptDelay;
+    }
+    const Clock::duration share =
+        (*deadline - Clock::now()) / static_cast<int>(std::max<std::size_t>(addresses, 1));
+    return std::clamp(share, Clock::duration::zero(), kAttemptDelay);
+}
 
 BaseError badUrl(const QString& url, const QString& reason)
 {
@@ -153,6 +164,7 @@ Connector::Connector(std::vector<SocketAddress> addresses, std::optional<Clock::
     : m_addresses(std::move(addresses))
     , m_deadline(deadline)
     , m_interruption(interruption)
+    , m_attemptDelay(attemptDelay(m_addresses.size(), deadline))
 {}
 
 Socket Connector::connect()
@@ -190,7 +202,7 @@ Socket Connector::startNext()
     const std::size_t number = m_next++;
     const SocketAddress& address = m_addresses[number];
     const int family = address.storage.ss_family;
-    m_nextStart = Clock::now() + kAttemptDelay;
+    m_nextStart = Clock::now() + m_attemptDelay;
     Socket socket(::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (socket.number() >= 0) {
         configure(socket.number(), family);

@@ -75,6 +75,7 @@ private:
     std::vector<SocketAddress> m_addresses;
     std::optional<TimeLimit::Clock::time_point> m_deadline;
     const Interruption* m_interruption;
+    TimeLimit::Clock::duration m_attemptDelay;
     std::size_t m_next = 0;
     TimeLimit::Clock::time_point m_nextStart;
     std::vector<Attempt> m_attempts;
