@@ -13,10 +13,10 @@ namespace tavo::ldap {
 /// A version of TLS (RFC 5246, RFC 8446), the older first.
 enum class TlsVersion
 {
-    tls1_0,
-    tls1_1,
-    tls1_2,
-    tls1_3,
+    tls10,
+    tls11,
+    tls12,
+    tls13,
 };
 
 /// What a host says about one connection, beside `Settings`: how long it may take, whom it trusts, how much it

@@ -153,10 +153,7 @@ std::vector<SearchEntry> SearchContext::findEntries(SearchReport& report) const
     }
     if (received == nullptr) {
         // The client library's success when another thread has seen the connection end.
-        const ClientCallResult lost = outcomeOf(m_connection.get(), {LDAP_SERVER_DOWN, systemError});
-        BaseError error(lost.code, kBlockingSearch, lost.systemError);
-        explainEnd(m_connection.get(), error);
-        throw error;
+        throw endedCall(m_connection.get(), {LDAP_SERVER_DOWN, systemError}, kBlockingSearch);
     }
     SearchResponse response(m_ldap.get(), MessagePtr(received, &ldap_msgfree));
     AttributeNames names(m_params->attributes);

@@ -175,10 +175,7 @@ QString Session::whoAmI()
     }
     if (identity == nullptr && isShared && hasLostConnection(m_ldap.get())) {
         // The client library's success when another thread, a search's, has seen the connection end.
-        const ClientCallResult lost = outcomeOf(m_connection.get(), {LDAP_SERVER_DOWN, systemError});
-        BaseError error(lost.code, QStringLiteral("whoAmI"), lost.systemError);
-        explainEnd(m_connection.get(), error);
-        throw error;
+        throw endedCall(m_connection.get(), {LDAP_SERVER_DOWN, systemError}, QStringLiteral("whoAmI"));
     }
     if (identity == nullptr || identity->bv_len == 0) {
         return QStringLiteral("anonymous");

@@ -89,6 +89,13 @@ QString textOf(const std::vector<ConnectFailure::Try>& tries)
     return texts.join(QLatin1String("; "));
 }
 
+BaseError unreachable(const QString& url, const std::vector<ConnectFailure::Try>& tries)
+{
+    BaseError error(LDAP_SERVER_DOWN, context(), tries.empty() ? 0 : tries.back().systemError);
+    error.connectFailure = {ConnectFailure::Kind::unreachable, url, textOf(tries)};
+    return error;
+}
+
 /// One server of the URL's list.
 class ServerConnection
 {
@@ -154,9 +161,7 @@ private:
             m_connection->endByLimit(Limit::connect, m_connection->options().connectTimeout);
         }
         throwIfOver();
-        BaseError error(LDAP_SERVER_DOWN, context(), m_tries.empty() ? 0 : m_tries.back().systemError);
-        error.connectFailure = {ConnectFailure::Kind::unreachable, m_url, textOf(m_tries)};
-        throw error;
+        throw unreachable(m_url, m_tries);
     }
 
     void installTls(LDAP* ld)
@@ -225,9 +230,7 @@ void requireTlsVersion(LDAP* ld, Connection& connection)
         return;
     }
     connection.endByTlsVersion();
-    BaseError error(LDAP_CONNECT_ERROR, context(), 0);
-    connection.explain(error);
-    throw error;
+    throw endedCall(&connection, {LDAP_CONNECT_ERROR, 0}, context());
 }
 
 } // namespace tavo::ldap

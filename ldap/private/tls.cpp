@@ -240,13 +240,13 @@ void setText(LDAP* ld, int option, const char* name, const QString& text)
 int numberOf(TlsVersion version)
 {
     switch (version) {
-    case TlsVersion::tls1_0:
+    case TlsVersion::tls10:
         return LDAP_OPT_X_TLS_PROTOCOL_TLS1_0;
-    case TlsVersion::tls1_1:
+    case TlsVersion::tls11:
         return LDAP_OPT_X_TLS_PROTOCOL_TLS1_1;
-    case TlsVersion::tls1_2:
+    case TlsVersion::tls12:
         return LDAP_OPT_X_TLS_PROTOCOL_TLS1_2;
-    case TlsVersion::tls1_3:
+    case TlsVersion::tls13:
         return LDAP_OPT_X_TLS_PROTOCOL_TLS1_3;
     }
     return LDAP_OPT_X_TLS_PROTOCOL_TLS1_3;
@@ -376,10 +376,10 @@ bool speaksAtLeast(LDAP* ld, TlsVersion version)
     }
     // "TLSv1.2" or "TLS1.2"; OpenSSL calls the first "TLSv1".
     const std::string_view name = text;
-    const std::pair<std::string_view, TlsVersion> known[] = {{"TLSv1", TlsVersion::tls1_0},
-        {"TLS1.0", TlsVersion::tls1_0}, {"TLSv1.1", TlsVersion::tls1_1}, {"TLS1.1", TlsVersion::tls1_1},
-        {"TLSv1.2", TlsVersion::tls1_2}, {"TLS1.2", TlsVersion::tls1_2}, {"TLSv1.3", TlsVersion::tls1_3},
-        {"TLS1.3", TlsVersion::tls1_3}};
+    const std::pair<std::string_view, TlsVersion> known[] = {{"TLSv1", TlsVersion::tls10},
+        {"TLS1.0", TlsVersion::tls10}, {"TLSv1.1", TlsVersion::tls11}, {"TLS1.1", TlsVersion::tls11},
+        {"TLSv1.2", TlsVersion::tls12}, {"TLS1.2", TlsVersion::tls12}, {"TLSv1.3", TlsVersion::tls13},
+        {"TLS1.3", TlsVersion::tls13}};
     return std::any_of(std::begin(known), std::end(known),
         [&](const auto& one) { return one.first == name && one.second >= version; });
 }

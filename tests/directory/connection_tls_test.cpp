@@ -188,11 +188,11 @@ TEST_P(ConnectionTlsTest, TakesNoOlderVersionThanItsMinimum)
 {
     const auto old = makeServer({"TLSCipherSuite NORMAL:-VERS-TLS1.3"});
     ConnectionOptions options = trusting(ca().certificate());
-    for (const TlsVersion minimum : {TlsVersion::tls1_0, TlsVersion::tls1_1, TlsVersion::tls1_2}) {
+    for (const TlsVersion minimum : {TlsVersion::tls10, TlsVersion::tls11, TlsVersion::tls12}) {
         options.minimumTlsVersion = minimum;
         EXPECT_FALSE(refusal(options, *old));
     }
-    options.minimumTlsVersion = TlsVersion::tls1_3;
+    options.minimumTlsVersion = TlsVersion::tls13;
     EXPECT_FALSE(refusal(options));
 
     const auto refused = refusal(options, *old);

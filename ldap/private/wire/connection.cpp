@@ -47,7 +47,7 @@ QString nameOf(Limit limit)
 
 std::shared_ptr<Connection> Connection::make(const ConnectionOptions& options, QString url)
 {
-    const std::shared_ptr<Connection> connection(new Connection(options, std::move(url)));
+    std::shared_ptr<Connection> connection(new Connection(options, std::move(url)));
     if (connection->m_interruption) {
         connection->m_interruption->add(connection);
     }
@@ -333,6 +333,14 @@ try {
     }
 } catch (const std::bad_alloc&) {
     // As above.
+}
+
+BaseError endedCall(const Connection* connection, ClientCallResult returned, QString context)
+{
+    const auto [code, systemError] = outcomeOf(connection, returned);
+    BaseError error(code, std::move(context), systemError);
+    explainEnd(connection, error);
+    return error;
 }
 
 } // namespace tavo::ldap

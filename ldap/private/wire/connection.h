@@ -127,4 +127,7 @@ inline void explainEnd(const Connection* connection, BaseError& error)
     }
 }
 
+/// The error of a call that has failed, as `returned` has it unless the connection has ended for a reason.
+BaseError endedCall(const Connection* connection, ClientCallResult returned, QString context);
+
 } // namespace tavo::ldap

@@ -48,6 +48,15 @@ BaseError badUrl(const QString& url, const QString& reason)
     return error;
 }
 
+BaseError unknownHost(const QByteArray& host, int rc, int systemError)
+{
+    BaseError error(LDAP_SERVER_DOWN, QStringLiteral("connect"), systemError);
+    error.connectFailure = {ConnectFailure::Kind::unknownHost, {},
+        QStringLiteral("The name %1 can't be looked up: %2.")
+            .arg(QString::fromUtf8(host), QString::fromLocal8Bit(gai_strerror(rc)))};
+    return error;
+}
+
 QString textOf(const addrinfo& address)
 {
     std::array<char, NI_MAXHOST> host{};
@@ -142,11 +151,7 @@ std::vector<SocketAddress> Server::addresses() const
     const int rc = getaddrinfo(host.constData(), port.constData(), &hints, &found);
     const int systemError = rc == EAI_SYSTEM ? errno : 0;
     if (rc != 0) {
-        BaseError error(LDAP_SERVER_DOWN, QStringLiteral("connect"), systemError);
-        error.connectFailure = {ConnectFailure::Kind::unknownHost, {},
-            QStringLiteral("The name %1 can't be looked up: %2.")
-                .arg(QString::fromUtf8(host), QString::fromLocal8Bit(gai_strerror(rc)))};
-        throw error;
+        throw unknownHost(host, rc, systemError);
     }
     const utils::ScopeGuard freeFound([&] { freeaddrinfo(found); });
     std::vector<SocketAddress> addresses;
