@@ -154,7 +154,8 @@ std::vector<SearchEntry> SearchContext::findEntries(SearchReport& report) const
     }
     if (received == nullptr) {
         // The client library's success when another thread has seen the connection end.
-        throw BaseError(LDAP_SERVER_DOWN, kBlockingSearch, systemError);
+        const ClientCallResult lost{LDAP_SERVER_DOWN, systemError};
+        throw failedCall(m_ldap.get(), m_connection.get(), m_connection ? m_connection->outcome(lost) : lost);
     }
     SearchResponse response(m_ldap.get(), MessagePtr(received, &ldap_msgfree));
     AttributeNames names(m_params->attributes);

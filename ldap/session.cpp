@@ -141,11 +141,16 @@ void Session::bind(const QString& dn, const QString& password)
     TAVO_LOG_VERBOSE(log::tag(*this), u"Binding to [%1]...", dn);
     const QByteArray name = dn.toUtf8();
     Credentials credentials(password);
+    const bool isShared = m_queue.use_count() > 1;
     clearFailureDetails(m_ldap.get());
     const auto [rc, systemError] = callWithin(m_connection.get(), Limit::answer, answerTimeout(), [&] {
         return ldap_sasl_bind_s(
             m_ldap.get(), name.constData(), LDAP_SASL_SIMPLE, credentials.get(), nullptr, nullptr, nullptr);
     });
+    if (rc == LDAP_SUCCESS && isShared && hasLostConnection(m_ldap.get())) {
+        // As below: nobody has checked the password.
+        throw BaseError(LDAP_SERVER_DOWN, QStringLiteral("bind"), systemError);
+    }
     if (rc == LDAP_SUCCESS) {
         TAVO_LOG_DEBUG(log::tag(*this), u"Bound to [%1]", dn);
         return;
