@@ -141,11 +141,17 @@ void Session::bind(const QString& dn, const QString& password)
     TAVO_LOG_VERBOSE(log::tag(*this), u"Binding to [%1]...", dn);
     const QByteArray name = dn.toUtf8();
     Credentials credentials(password);
+    const bool isShared = m_queue.use_count() > 1;
     clearFailureDetails(m_ldap.get());
     const auto [rc, systemError] = callWithin(m_connection.get(), Limit::answer, answerTimeout(), [&] {
         return ldap_sasl_bind_s(
             m_ldap.get(), name.constData(), LDAP_SASL_SIMPLE, credentials.get(), nullptr, nullptr, nullptr);
     });
+    if (rc == LDAP_SUCCESS && isShared && hasLostConnection(m_ldap.get())) {
+        // The client library's success when another thread, a search's, has seen the connection end: nobody has
+        // checked the password.
+        throw endedCall(m_connection.get(), {LDAP_SERVER_DOWN, systemError}, QStringLiteral("bind"));
+    }
     if (rc == LDAP_SUCCESS) {
         TAVO_LOG_DEBUG(log::tag(*this), u"Bound to [%1]", dn);
         return;
@@ -174,7 +180,7 @@ QString Session::whoAmI()
         throwFailure(rc, systemError, QStringLiteral("whoAmI"));
     }
     if (identity == nullptr && isShared && hasLostConnection(m_ldap.get())) {
-        // The client library's success when another thread, a search's, has seen the connection end.
+        // As above.
         throw endedCall(m_connection.get(), {LDAP_SERVER_DOWN, systemError}, QStringLiteral("whoAmI"));
     }
     if (identity == nullptr || identity->bv_len == 0) {

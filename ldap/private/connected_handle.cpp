@@ -5,6 +5,7 @@
 #include <ldap/private/server_url.h>
 #include <ldap/private/tls.h>
 #include <ldap/private/wire/connector.h>
+#include <ldap/private/wire/interruption.h>
 #include <ldap/private/wire/limited_call.h>
 #include <tavo_utils/scope_guard.h>
 #include <tavo_utils/system_error.h>
@@ -159,6 +160,11 @@ private:
         }
         if (m_deadline && Clock::now() >= *m_deadline) {
             m_connection->endByLimit(Limit::connect, m_connection->options().connectTimeout);
+        }
+        const Interruption* const interruption = m_connection->interruption();
+        if (interruption != nullptr && interruption->isInterrupted()) {
+            // Whoever interrupts may not have come to this connection yet.
+            m_connection->interrupt();
         }
         throwIfOver();
         throw unreachable(m_url, m_tries);

@@ -209,6 +209,10 @@ public:
     {
         m_isOver.set_value();
         m_thread.join();
+        // A closed one keeps the server that waits for it.
+        for (const Gate& gate : m_gates) {
+            gate.open();
+        }
     }
     Drip(const Drip&) = delete;
     Drip& operator=(const Drip&) = delete;

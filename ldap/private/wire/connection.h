@@ -70,6 +70,9 @@ public:
     void endByAnswerSize() noexcept;
     void endByTlsVersion() noexcept;
 
+    /// Whether it has ended for one of these reasons.
+    bool isOver() const noexcept;
+
     /// What a call of the client library has returned, or that of the connection's end, where it has failed for
     /// that.
     ClientCallResult outcome(ClientCallResult returned) const noexcept;
@@ -94,7 +97,6 @@ private:
     Connection(const ConnectionOptions& options, QString url);
 
     void end(End reason, Limit limit = Limit::connect, TimeLimit::Duration duration = {}) noexcept;
-    bool isOver() const noexcept;
     bool isTooLate() noexcept;
     bool awaitReady(int socket, short events) noexcept;
     int errorOfEnd() const noexcept;

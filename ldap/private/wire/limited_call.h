@@ -26,6 +26,10 @@ ClientCallResult callWithin(Connection* connection, Limit limit, TimeLimit::Dura
     if (returned.code == LDAP_TIMEOUT && duration && limit == Limit::answer) {
         connection->endByLimit(timeLimit.limit(), timeLimit.duration());
     }
+    if (returned.code == LDAP_SUCCESS && limit == Limit::answer && connection->isOver()) {
+        // The client library's success without an answer, when another thread has seen the connection end.
+        return connection->outcome({LDAP_SERVER_DOWN, returned.systemError});
+    }
     return connection->outcome(returned);
 }
 
