@@ -27,6 +27,8 @@ enum class TlsVersion
 /// is slow to answer, several at a time. It connects once: when the connection is lost, every later call fails
 /// at once, and the host makes a new session.
 ///
+/// The host's TLS configuration and keepalive hold as for any session; `SOCKET_BIND_ADDRESSES` of `ldap.conf` doesn't.
+///
 /// A limit of time that has passed, or an interruption, ends the connection. The call that it ended fails with
 /// `LDAP_TIMEOUT` or `LDAP_USER_CANCELLED`, and `ConnectFailure` says which limit it was and how long. So does
 /// every later call.
@@ -42,7 +44,8 @@ struct ConnectionOptions
     /// `ldap.conf`, or no bound.
     std::optional<std::chrono::milliseconds> answerTimeout = std::nullopt;
 
-    /// How long a server may send no byte while a paged search waits for it. Absent: no bound.
+    /// How long a server may send no byte while a paged search waits for it. Behind a bind or who-am-I that waits
+    /// for its answer a search waits as long as that does, so set `answerTimeout`, too. Absent: no bound.
     std::optional<std::chrono::milliseconds> pageSilenceTimeout = std::nullopt;
 
     /// The authorities that sign the server's certificate, in place of the host's: a PEM file, or a folder as

@@ -20,6 +20,8 @@
 
 #include <ldap.h>
 
+#include <algorithm>
+#include <chrono>
 #include <exception>
 #include <utility>
 
@@ -133,7 +135,9 @@ std::vector<SearchEntry> SearchContext::findEntries(SearchReport& report) const
     clearFailureDetails(m_ldap.get());
     LDAPMessage* received = nullptr;
     // A time of 0 or less is for the client library to make sense of.
-    const auto timeout = m_timeout.count() > 0 ? TimeLimit::Duration(m_timeout) : std::nullopt;
+    const auto longest = std::chrono::duration_cast<std::chrono::seconds>(TimeLimit::kLongest);
+    const auto timeout =
+        m_timeout.count() > 0 ? TimeLimit::Duration(std::min(m_timeout, longest)) : std::nullopt;
     const auto returned = callWithin(m_connection.get(), Limit::response, timeout, [&] {
         return ldap_search_ext_s(m_ldap.get(), request.base.constData(), request.scope, request.filter(),
             request.attributes(), /*attrsonly*/ 0, nullptr, nullptr, &request.timeout, /*sizelimit*/ 0,

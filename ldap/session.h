@@ -56,8 +56,9 @@ public:
     ///         `ldaps` with others; `BaseError::connectFailure` says why
     Session(const utils::Url& url, bool startTls, bool ignoreCertificateErrors);
 
-    /// The same with options. If there are any, it connects here: to the first address of the server, or of a
-    /// list of servers, that takes the connection, TLS included.
+    /// The same with options. If there are any, it connects here: to the first address of the server that takes
+    /// the connection. Of a list of servers, the next one is tried when that fails, or the TLS handshake of
+    /// `ldaps` does.
     /// \throws BaseError, TlsError. Options that contradict themselves are refused (LDAP_PARAM_ERROR)
     Session(
         const utils::Url& url, bool startTls, bool ignoreCertificateErrors, const ConnectionOptions& options);

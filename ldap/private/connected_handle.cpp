@@ -1,6 +1,7 @@
 #include "ldap/private/connected_handle.h"
 
 #include <ldap/error.h>
+#include <ldap/private/client_library.h>
 #include <ldap/private/failure_details.h>
 #include <ldap/private/server_url.h>
 #include <ldap/private/tls.h>
@@ -45,10 +46,12 @@ void throwIfRefused(const ConnectionOptions& options)
     if (options.maximumMessageSize == 0U || options.maximumAnswerSize == 0U) {
         throw refused(QStringLiteral("a limit of size must be larger than 0; leave it absent for none"));
     }
-    const auto isNoFile = [](const auto& file) { return file && file->isEmpty(); };
+    const auto isNoFile = [](const auto& file) {
+        return file && (file->isEmpty() || file->contains(QChar(0)));
+    };
     if (isNoFile(options.trustedCertificates) || isNoFile(options.clientCertificate) ||
         isNoFile(options.clientKey)) {
-        throw refused(QStringLiteral("the name of a file is empty; leave it absent for none"));
+        throw refused(QStringLiteral("the name of a file is empty, or has a NUL; leave it absent for none"));
     }
     if (options.clientKey && !options.clientCertificate) {
         throw refused(QStringLiteral("clientKey needs a clientCertificate"));
@@ -60,13 +63,17 @@ class Budget
 {
 public:
     explicit Budget(TimeLimit::Duration whole)
-        : m_left(whole)
+        : m_left(whole ? std::optional(std::min(*whole, TimeLimit::kLongest)) : std::nullopt)
     {}
 
     /// For the next of so many servers.
     TimeLimit::Duration share(qsizetype servers) const
     {
-        return m_left ? std::optional(*m_left / servers) : std::nullopt;
+        if (!m_left) {
+            return std::nullopt;
+        }
+        const std::chrono::milliseconds fair = *m_left / servers;
+        return std::max(fair, std::chrono::milliseconds(1));
     }
 
     void spend(Clock::time_point since)
@@ -173,6 +180,8 @@ private:
     void installTls(LDAP* ld)
     {
         const TimeLimit limit(m_connection.get(), Limit::connect, m_connection->options().connectTimeout);
+        // Also of another server of the list.
+        clearTlsErrors();
         clearFailureDetails(ld);
         const ClientCallResult returned = callClient([&] { return ldap_install_tls(ld); });
         if (returned.code == LDAP_SUCCESS) {
@@ -210,6 +219,9 @@ ConnectedHandle connectHandle(
     const utils::Url& url, bool isSecure, bool ignoreCertificateErrors, const ConnectionOptions& options)
 {
     throwIfRefused(options);
+    // What follows reads the client library's options, and its first use looks up the machine's own name, which is
+    // no part of connecting.
+    setUpGlobalOptions();
     const QStringList urls = urlsOf(url);
     Budget budget(options.connectTimeout);
     std::vector<ConnectFailure::Try> tries;

@@ -16,6 +16,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <string>
@@ -45,11 +46,10 @@ void initialize(LdapHandle& handle, const utils::Url& url)
 void initialize(LdapHandle& handle, const QString& url, int socket)
 {
     const QByteArray text = url.toUtf8();
-    const bool isLocal = text.toLower().startsWith("ldapi");
     LDAP* ld = nullptr;
-    const auto [rc, systemError] = callClient([&] {
-        return ldap_init_fd(socket, isLocal ? LDAP_PROTO_IPC : LDAP_PROTO_TCP, text.constData(), &ld);
-    });
+    // The protocol says how the client library itself would read and write, which the layers do.
+    const auto [rc, systemError] =
+        callClient([&] { return ldap_init_fd(socket, LDAP_PROTO_TCP, text.constData(), &ld); });
     handle.reset(ld);
     if (rc != LDAP_SUCCESS) {
         throw BaseError(rc, QStringLiteral("init"), systemError);
@@ -61,7 +61,8 @@ void setLimits(LDAP* ld, const ConnectionOptions& options)
 {
     if (options.answerTimeout) {
         // It takes off what is more than whole milliseconds each time that it waits.
-        const auto whole = *options.answerTimeout + std::chrono::milliseconds(1);
+        const auto whole =
+            std::min(*options.answerTimeout, TimeLimit::kLongest) + std::chrono::milliseconds(1);
         const auto seconds = std::chrono::floor<std::chrono::seconds>(whole);
         const std::chrono::microseconds rest = whole - seconds;
         const timeval timeout{seconds.count(), rest.count()};

@@ -95,6 +95,21 @@ TEST_F(SimpleSearchCalls, DistinguishALostConnectionFromAnAnonymousIdentity)
     expectError(thrownBy<BaseError>([&] { session->whoAmI(); }), LDAP_SERVER_DOWN, "whoAmI"_s, ECONNRESET);
 }
 
+// Nobody has checked the password.
+TEST_F(SimpleSearchCalls, DistinguishALostConnectionFromAGoodBind)
+{
+    server.expectSearch().answer(done());
+    server.expectSearch().answer(closeConnection());
+    recorder.fail(ldap_sasl_bind_s, LDAP_SUCCESS, {.error = ECONNRESET});
+    session->simpleSearch(params());
+    const auto another = session->createSearchContext(params());
+
+    session->bind("cn=a"_s, "secret"_s);
+    EXPECT_THROW(session->simpleSearch(params()), BaseError);
+    expectError(thrownBy<BaseError>([&] { session->bind("cn=a"_s, "secret"_s); }), LDAP_SERVER_DOWN, "bind"_s,
+        ECONNRESET);
+}
+
 TEST_F(SimpleSearchCalls, TakeAnIdentityThatTheServerSentBeforeItClosedForGood)
 {
     server.expectSearch().answer(closeConnection());

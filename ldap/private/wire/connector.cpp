@@ -96,8 +96,9 @@ void configure(int socket, int family)
     const int on = 1;
     setsockopt(socket, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
     setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    for (const auto& [option, name] : {std::pair{LDAP_OPT_X_KEEPALIVE_IDLE, TCP_KEEPIDLE},
-             {LDAP_OPT_X_KEEPALIVE_PROBES, TCP_KEEPCNT}, {LDAP_OPT_X_KEEPALIVE_INTERVAL, TCP_KEEPINTVL}}) {
+    for (const auto& [option, name] :
+        {std::pair{LDAP_OPT_X_KEEPALIVE_IDLE, TCP_KEEPIDLE}, {LDAP_OPT_X_KEEPALIVE_PROBES, TCP_KEEPCNT},
+            {LDAP_OPT_X_KEEPALIVE_INTERVAL, TCP_KEEPINTVL}, {LDAP_OPT_TCP_USER_TIMEOUT, TCP_USER_TIMEOUT}}) {
         int value = 0;
         if (ldap_get_option(nullptr, option, &value) == LDAP_OPT_SUCCESS && value > 0) {
             setsockopt(socket, IPPROTO_TCP, name, &value, sizeof value);
@@ -129,11 +130,13 @@ Server Server::ofUrl(const QString& url)
     }
     Server server;
     server.host = parsed->lud_host;
-    server.isLocal = url.startsWith(QLatin1String("ldapi"), Qt::CaseInsensitive);
+    // Of a URL in brackets, or behind "URL:", too.
+    const QLatin1String scheme(parsed->lud_scheme);
+    server.isLocal = scheme == QLatin1String("ldapi");
     if (server.isLocal && server.host.isEmpty()) {
         throw badUrl(url, QStringLiteral("the URL names no path of a socket, which connection options need"));
     }
-    const bool isSecure = url.startsWith(QLatin1String("ldaps"), Qt::CaseInsensitive);
+    const bool isSecure = scheme == QLatin1String("ldaps");
     const int defaultPort = isSecure ? LDAPS_PORT : LDAP_PORT;
     server.port = QByteArray::number(parsed->lud_port != 0 ? parsed->lud_port : defaultPort);
     return server;

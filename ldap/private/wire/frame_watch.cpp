@@ -215,8 +215,9 @@ void FrameWatch::takeStart(unsigned char byte)
         m_isSuspect = operation->tag == LDAP_RES_EXTENDED;
         m_next = Next::rest;
         countAnswer(operation->request, operation->tag);
-    } else if (m_content.size() == kLongestStart) {
+    } else if (m_content.size() == kLongestStart || m_contentLeft == 0) {
         m_next = Next::rest;
+        refuseIfCounted();
     }
 }
 
@@ -228,6 +229,15 @@ std::size_t FrameWatch::takeRest(std::string_view bytes)
     }
     m_contentLeft -= size;
     return size;
+}
+
+/// The client library takes an id with any tag, and the message would be part of an answer that isn't counted. No
+/// server sends one.
+void FrameWatch::refuseIfCounted()
+{
+    if (m_limits.answer != SizeLimits::kNone) {
+        m_verdict = Verdict::fatal;
+    }
 }
 
 void FrameWatch::countAnswer(std::uint32_t request, unsigned char operation)

@@ -68,6 +68,7 @@ private:
     void takeLength(unsigned char byte);
     void takeStart(unsigned char byte);
     std::size_t takeRest(std::string_view bytes);
+    void refuseIfCounted();
     void countAnswer(std::uint32_t request, unsigned char operation);
     void endMessage();
 

@@ -9,16 +9,13 @@ namespace {
 
 thread_local TimeLimit* ofThread = nullptr;
 
-/// Longer than any connection; longer ones would leave the clock's range.
-constexpr std::chrono::milliseconds kForever = std::chrono::hours(24 * 365);
-
 } // namespace
 
 TimeLimit::TimeLimit(const Activity* connection, Limit limit, Duration duration)
     : m_former(std::exchange(ofThread, this))
     , m_connection(connection)
     , m_limit(limit)
-    , m_duration(duration ? std::optional(std::min(*duration, kForever)) : std::nullopt)
+    , m_duration(duration ? std::optional(std::min(*duration, kLongest)) : std::nullopt)
 {
     if (m_limit == Limit::pageSilence) {
         begin();

@@ -41,6 +41,10 @@ public:
     using Clock = Activity::Clock;
     using Duration = std::optional<std::chrono::milliseconds>;
 
+    /// Longer than any connection. What is longer would leave the range of the clock, and of the client library's
+    /// own waiting.
+    static constexpr std::chrono::milliseconds kLongest = std::chrono::hours(24 * 20);
+
     /// \param connection may be null; there is no limit then. Must outlive it otherwise
     /// \param duration absent for no limit. Begins with the thread's first write or read
     TimeLimit(const Activity* connection, Limit limit, Duration duration);

@@ -198,6 +198,8 @@ TEST(ServerTest, HasTheDefaultPortOfItsScheme)
     EXPECT_EQ(Server::ofUrl(QStringLiteral("ldap://host")).port, "389");
     EXPECT_EQ(Server::ofUrl(QStringLiteral("LDAPS://host/")).port, "636");
     EXPECT_EQ(Server::ofUrl(QStringLiteral("ldap://host:1389")).port, "1389");
+    EXPECT_EQ(Server::ofUrl(QStringLiteral("<URL:ldaps://host>")).port, "636");
+    EXPECT_TRUE(Server::ofUrl(QStringLiteral("<LDAPI://%2Frun%2Fldapi>")).isLocal);
 }
 
 TEST(ServerTest, TakesAnAddressOfSixteenBytes)

@@ -231,6 +231,21 @@ TEST(FrameWatch, RefusesTheLengthOfAMessageThatIsTooLongAnAnswer)
     EXPECT_EQ(watch.verdict(), FrameWatch::Verdict::answerTooLong);
 }
 
+// The client library takes an id with any tag.
+TEST(FrameWatch, RefusesAnIdThatItCannotCountWhereAnswersAreLimited)
+{
+    const Bytes entry = tlv(kSearchEntry, tlv(kText, std::string(100, 'x')));
+    for (const Bytes& id : {Bytes("\x0a\x01\x05", 3), Bytes("\x02\x81\x20", 3) + Bytes(31, '\0') + '\5',
+             Bytes("\x1f\x02\x01\x05", 4)}) {
+        FrameWatch watch({.answer = 100'000});
+        EXPECT_FALSE(watch.admits(message(id, entry))) << testing::PrintToString(id);
+        EXPECT_EQ(watch.verdict(), FrameWatch::Verdict::fatal);
+        EXPECT_TRUE(isAdmitted(message(id, entry))) << testing::PrintToString(id);
+    }
+    FrameWatch watch({.answer = 100'000});
+    EXPECT_FALSE(watch.admits(tlv(kMessage, "id")));
+}
+
 // What is counted takes memory, too.
 TEST(FrameWatch, CountsNoMoreAnswersThanCanBeUnderWay)
 {
