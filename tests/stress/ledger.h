@@ -16,6 +16,7 @@ enum class Event : std::size_t
     // What threads and handlers do.
     createManager,
     createSession,
+    setOptions,
     destroyOwner,
     fetchUsers,
     fetchGroups,
@@ -29,12 +30,14 @@ enum class Event : std::size_t
     testConnectionAsync,
     forget,
     stopLate,
+    interrupt,
     // What handlers do in their calls.
     forgetInCall,
     stopInCall,
     startInCall,
     searchInCall,
     destroyInCall,
+    interruptInCall,
     throwInCall,
     // The outcomes.
     operationFailed,

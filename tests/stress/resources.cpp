@@ -36,6 +36,7 @@ void ignoreLeak([[maybe_unused]] const void* object)
 extern "C" {
 
 int __real_ldap_initialize(LDAP** handle, const char* url);
+int __real_ldap_init_fd(ber_socket_t socket, int protocol, const char* url, LDAP** handle);
 LDAP* __real_ldap_dup(LDAP* handle);
 int __real_ldap_destroy(LDAP* handle);
 char* __real_ldap_first_attribute(LDAP* handle, LDAPMessage* entry, BerElement** iterator);
@@ -43,6 +44,15 @@ char* __real_ldap_first_attribute(LDAP* handle, LDAPMessage* entry, BerElement**
 int __wrap_ldap_initialize(LDAP** handle, const char* url)
 {
     const int rc = __real_ldap_initialize(handle, url);
+    if (rc == LDAP_SUCCESS) {
+        ++liveHandles;
+    }
+    return rc;
+}
+
+int __wrap_ldap_init_fd(ber_socket_t socket, int protocol, const char* url, LDAP** handle)
+{
+    const int rc = __real_ldap_init_fd(socket, protocol, url, handle);
     if (rc == LDAP_SUCCESS) {
         ++liveHandles;
     }

@@ -11,11 +11,12 @@ std::atomic<std::size_t> handlersAlive{0};
 } // namespace
 
 Search::Search(Ledger& ledger, std::string name, std::optional<std::size_t> complete, Dice dice,
-    std::function<void()> changed)
+    std::shared_ptr<const std::atomic<bool>> isInterrupted, std::function<void()> changed)
     : m_ledger(ledger)
     , m_name(std::move(name))
     , m_complete(complete)
     , m_dice(std::move(dice))
+    , m_isInterrupted(std::move(isInterrupted))
     , m_changed(std::move(changed))
 {}
 
@@ -68,7 +69,7 @@ void Search::onEnd(ldap::Result result, const std::vector<QString>& dns)
     require(m_state != State::forgotten, "gets a final call after it was forgotten");
     require(m_state != State::refused, "gets a final call though it was never started");
     require(m_state != State::final, "gets a second final call");
-    require(m_state == State::running || result != ldap::Result::cancelled,
+    require(m_state == State::running || result != ldap::Result::cancelled || *m_isInterrupted,
         "was to be forgotten and is cancelled");
     collect(dns);
     checkResult(result, !dns.empty());

@@ -28,9 +28,10 @@ class Search
 {
 public:
     /// \param complete the number of entries it must find; nothing when the search can't succeed
+    /// \param isInterrupted whether its connection has been interrupted
     /// \param changed called when the search has ended, on the thread that ends it
     Search(Ledger& ledger, std::string name, std::optional<std::size_t> complete, Dice dice,
-        std::function<void()> changed);
+        std::shared_ptr<const std::atomic<bool>> isInterrupted, std::function<void()> changed);
 
     /// A member of the handler, which notices when the handler is destroyed.
     class HandlerLife
@@ -122,6 +123,7 @@ private:
     const std::string m_name;
     const std::optional<std::size_t> m_complete;
     Dice m_dice;
+    const std::shared_ptr<const std::atomic<bool>> m_isInterrupted;
     const std::function<void()> m_changed;
 
     /// Held while the search is being forgotten, and by a final call as it begins, so that its pointer stays

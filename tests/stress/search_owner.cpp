@@ -157,7 +157,10 @@ private:
             m_owner->endFromCall();
         } else if (what < 20) {
             m_owner->operateFromCall(search.dice());
-        } else if (what < 22) {
+        } else if (what < 21) {
+            m_owner->m_ledger.count(Event::interruptInCall);
+            m_owner->interrupt();
+        } else if (what < 23) {
             m_owner->m_ledger.count(Event::throwInCall);
             throw std::runtime_error("a handler's last");
         }
@@ -188,24 +191,50 @@ SearchOwner::SearchOwner(Ledger& ledger, const Directory& directory, const std::
         settings.adminPassword =
             dice.chance(3) ? QStringLiteral("wrong") : QString::fromStdString(directory.rootPassword);
     }
+    const ldap::ConnectionOptions options = dice.chance(50) ? anyOptions(dice) : ldap::ConnectionOptions();
     if (dice.chance(60)) {
-        connectManager(settings);
+        connectManager(settings, options);
     } else {
-        connectSession(settings, dice);
+        connectSession(settings, options, dice);
     }
 }
 
-void SearchOwner::connectManager(const ldap::Settings& settings)
+/// Limits that are mostly kept and sometimes not.
+ldap::ConnectionOptions SearchOwner::anyOptions(Dice& dice)
+{
+    m_ledger.count(Event::setOptions);
+    const auto anyTime = [&] { return std::chrono::milliseconds(20 + dice.below(1000)); };
+    m_interrupter.emplace();
+    ldap::ConnectionOptions options;
+    options.interrupter = m_interrupter;
+    if (dice.chance(50)) {
+        options.connectTimeout = anyTime();
+    }
+    if (dice.chance(50)) {
+        options.answerTimeout = anyTime();
+    }
+    if (dice.chance(50)) {
+        options.pageSilenceTimeout = anyTime();
+    }
+    if (dice.chance(20)) {
+        options.maximumMessageSize = static_cast<std::size_t>(500 + dice.below(5000));
+        options.maximumAnswerSize = static_cast<std::size_t>(1000 + dice.below(50'000));
+    }
+    return options;
+}
+
+void SearchOwner::connectManager(const ldap::Settings& settings, const ldap::ConnectionOptions& options)
 {
     m_ledger.count(Event::createManager);
-    m_ownManager = ldap::createManagerOrThrow(settings);
+    m_ownManager = ldap::createManagerOrThrow(settings, options);
     m_manager = m_ownManager.get();
 }
 
-void SearchOwner::connectSession(const ldap::Settings& settings, Dice& dice)
+void SearchOwner::connectSession(
+    const ldap::Settings& settings, const ldap::ConnectionOptions& options, Dice& dice)
 {
     m_ledger.count(Event::createSession);
-    auto session = std::make_unique<ldap::Session>(settings.uri, false, false);
+    auto session = std::make_unique<ldap::Session>(settings.uri, false, false, options);
     session->setResponseTimeout(settings.responseTimeout);
     if (dice.chance(50)) {
         session->detectLdapVendor();
@@ -291,7 +320,9 @@ void SearchOwner::search(Dice& dice)
     }
     m_ledger.count(Event::operationFailed);
     const Result result = std::get<Result>(outcome);
-    if (result == Result::ok || result == Result::moreResults || result == Result::cancelled) {
+    const bool mayBeCancelled = *m_isInterrupted;
+    if (result == Result::ok || result == Result::moreResults ||
+        (result == Result::cancelled && !mayBeCancelled)) {
         m_ledger.violation("a search that was waited for has the result " + ldap::toString(result));
     }
 }
@@ -408,6 +439,14 @@ void SearchOwner::forget(ldap::SearchContext* context)
     }
 }
 
+void SearchOwner::interrupt()
+{
+    if (m_interrupter) {
+        *m_isInterrupted = true;
+        m_interrupter->interrupt();
+    }
+}
+
 void SearchOwner::end()
 {
     m_ledger.count(Event::destroyOwner);
@@ -448,8 +487,8 @@ void SearchOwner::operateFromCall(Dice& dice)
 SearchOwner::SearchPtr SearchOwner::newSearch(
     const char* name, std::optional<std::size_t> complete, Dice dice)
 {
-    auto search =
-        std::make_shared<Search>(m_ledger, name, complete, std::move(dice), [owner = weak_from_this()] {
+    auto search = std::make_shared<Search>(
+        m_ledger, name, complete, std::move(dice), m_isInterrupted, [owner = weak_from_this()] {
             if (const auto self = owner.lock()) {
                 self->changed();
             }
@@ -499,8 +538,8 @@ std::size_t SearchOwner::unsettledLocked() const
 bool SearchOwner::isBroken() const
 {
     const std::lock_guard lock(m_mutex);
-    return std::any_of(m_searches.begin(), m_searches.end(),
-        [](const SearchPtr& search) { return search->hasLostConnection(); });
+    return *m_isInterrupted || std::any_of(m_searches.begin(), m_searches.end(),
+                                   [](const SearchPtr& search) { return search->hasLostConnection(); });
 }
 
 bool SearchOwner::waitForSettled(std::size_t count, std::chrono::milliseconds time) const

@@ -84,12 +84,15 @@ public:
     /// Forgets a search that has ended, which must harm no other. For any thread, but not for a handler.
     void stopLate(Dice& dice);
 
+    /// Interrupts the connection, if it was made with an interrupter. For any thread and for handlers.
+    void interrupt();
+
     /// Destroys the manager or session, and checks that this has ended every search.
     void end();
 
     std::size_t unsettled() const;
 
-    /// Whether one of the recent searches has lost the connection.
+    /// Whether one of the recent searches has lost the connection, or it was interrupted.
     bool isBroken() const;
 
     /// Waits until at most `count` searches are under way; returns whether that happened in time.
@@ -101,8 +104,9 @@ private:
     using SearchPtr = std::shared_ptr<Search>;
     using Operation = void (SearchOwner::*)(Dice&);
 
-    void connectManager(const ldap::Settings& settings);
-    void connectSession(const ldap::Settings& settings, Dice& dice);
+    ldap::ConnectionOptions anyOptions(Dice& dice);
+    void connectManager(const ldap::Settings& settings, const ldap::ConnectionOptions& options);
+    void connectSession(const ldap::Settings& settings, const ldap::ConnectionOptions& options, Dice& dice);
     void fetchUsers(Dice& dice);
     void fetchGroups(Dice& dice);
     void asyncSearch(Dice& dice);
@@ -129,6 +133,9 @@ private:
 
     Ledger& m_ledger;
     bool m_isAnonymous = false;
+    std::optional<ldap::Interrupter> m_interrupter;
+    /// Set before it happens. The searches outlive their owner.
+    const std::shared_ptr<std::atomic<bool>> m_isInterrupted = std::make_shared<std::atomic<bool>>(false);
 
     /// Keeps the manager or session alive: shared by threads that forget searches, exclusive for the one that
     /// destroys it.

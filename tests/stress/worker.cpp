@@ -53,6 +53,9 @@ void Worker::step()
         owner->forgetOne(m_dice);
     } else if (m_dice.chance(10)) {
         owner->stopLate(m_dice);
+    } else if (m_dice.chance(1)) {
+        m_world.ledger.count(Event::interrupt);
+        owner->interrupt();
     } else {
         use(*owner);
     }
