@@ -147,7 +147,7 @@ void Session::bind(const QString& dn, const QString& password)
         return ldap_sasl_bind_s(
             m_ldap.get(), name.constData(), LDAP_SASL_SIMPLE, credentials.get(), nullptr, nullptr, nullptr);
     });
-    if (rc == LDAP_SUCCESS && isShared && hasLostConnection(m_ldap.get())) {
+    if (rc == LDAP_SUCCESS && m_connection && isShared && hasLostConnection(m_ldap.get())) {
         // The client library's success when another thread, a search's, has seen the connection end: nobody has
         // checked the password.
         throw endedCall(m_connection.get(), {LDAP_SERVER_DOWN, systemError}, QStringLiteral("bind"));
@@ -180,7 +180,7 @@ QString Session::whoAmI()
         throwFailure(rc, systemError, QStringLiteral("whoAmI"));
     }
     if (identity == nullptr && isShared && hasLostConnection(m_ldap.get())) {
-        // As above.
+        // The client library's success when another thread, a search's, has seen the connection end.
         throw endedCall(m_connection.get(), {LDAP_SERVER_DOWN, systemError}, QStringLiteral("whoAmI"));
     }
     if (identity == nullptr || identity->bv_len == 0) {

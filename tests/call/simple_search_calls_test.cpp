@@ -96,8 +96,12 @@ TEST_F(SimpleSearchCalls, DistinguishALostConnectionFromAnAnonymousIdentity)
 }
 
 // Nobody has checked the password.
-TEST_F(SimpleSearchCalls, DistinguishALostConnectionFromAGoodBind)
+TEST_F(SimpleSearchCalls, DistinguishALostConnectionFromAGoodBindWithOptions)
 {
+    ldap::ConnectionOptions options;
+    options.connectTimeout = std::chrono::hours(1);
+    session = std::make_unique<ldap::Session>(
+        utils::Url(QString::fromStdString(server.url())), false, false, options);
     server.expectSearch().answer(done());
     server.expectSearch().answer(closeConnection());
     recorder.fail(ldap_sasl_bind_s, LDAP_SUCCESS, {.error = ECONNRESET});
