@@ -567,7 +567,7 @@ protected:
     void TearDown() override { m_scene.goOn.open(); }
 
     const Scene m_scene = GetParam().scene();
-    const NothingIsLeft m_nothingIsLeft;
+    NothingIsLeft m_nothingIsLeft;
     std::unique_ptr<Session> m_session;
 };
 
@@ -911,7 +911,7 @@ protected:
         EXPECT_TRUE(m_call->isWaiting());
     }
 
-    const NothingIsLeft m_nothingIsLeft;
+    NothingIsLeft m_nothingIsLeft;
     const Gate m_page;
     ScriptedServer m_server;
     const std::shared_ptr<SearchReport> m_report = std::make_shared<SearchReport>();
