@@ -123,7 +123,12 @@ enum class Upgrade
 class ConnectionTlsTest : public ::testing::TestWithParam<Upgrade>
 {
 protected:
-    ConnectionTlsTest() { setHostsAuthority(otherCa()); }
+    ConnectionTlsTest()
+    {
+        setHostsAuthority(otherCa());
+        const int anyVersion = 0;
+        ldap_set_option(nullptr, LDAP_OPT_X_TLS_PROTOCOL_MAX, &anyVersion);
+    }
 
     static void setHostsAuthority(const TestCa& authority)
     {
