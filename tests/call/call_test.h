@@ -2,6 +2,7 @@
 
 #include "support/call_recorder.h"
 #include "support/qt_printers.h"
+#include "support/thrown_by.h"
 #include <ldap/session.h>
 #include <tavo_utils/mutex.h>
 
@@ -11,9 +12,7 @@
 #include <algorithm>
 #include <functional>
 #include <mutex>
-#include <stdexcept>
 #include <string>
-#include <typeinfo>
 #include <utility>
 #include <vector>
 
@@ -22,19 +21,6 @@ namespace tavo::test {
 /// Nobody is asked at this address: the calls that would go there are told how to end.
 inline utils::Url plainUrl() { return utils::Url("ldap://127.0.0.1:1"_s); }
 inline utils::Url secureUrl() { return utils::Url("ldaps://127.0.0.1:1"_s); }
-
-/// What `function` throws; it must be of this very type.
-template <class Error, class Function>
-Error thrownBy(Function function)
-{
-    try {
-        function();
-    } catch (const Error& error) {
-        EXPECT_EQ(typeid(error), typeid(Error)) << "a derived type was thrown";
-        return error;
-    }
-    throw std::runtime_error("nothing was thrown");
-}
 
 inline void expectError(const ldap::BaseError& error, int ldapCode, const QString& context, int systemError)
 {

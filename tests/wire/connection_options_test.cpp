@@ -2,6 +2,7 @@
 #include "scripted_session_test.h"
 #include "support/reserved_port.h"
 #include "support/scripted_server.h"
+#include "support/thrown_by.h"
 #include <ldap/connection_options.h>
 #include <ldap/error.h>
 #include <ldap/manager.h>
@@ -13,7 +14,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -35,17 +35,6 @@ using ::testing::SizeIs;
 using ::testing::VariantWith;
 
 utils::Url urlOf(const std::string& text) { return utils::Url(QString::fromStdString(text)); }
-
-BaseError errorOf(const std::function<void()>& call)
-{
-    try {
-        call();
-    } catch (const BaseError& error) {
-        return error;
-    }
-    ADD_FAILURE() << "nothing was thrown";
-    return {0, {}, 0};
-}
 
 ldap::SearchParams params()
 {
@@ -106,7 +95,8 @@ TEST_F(OptionsTest, ReachFetchesAndConnectionTests)
     ldap::Settings settings;
     settings.uri = urlOf(server.url());
     const ConnectionOptions options{.interrupter = interrupter};
-    EXPECT_EQ(errorOf([&] { ldap::createManagerOrThrow(settings, options); }).ldapCode, LDAP_USER_CANCELLED);
+    EXPECT_EQ(thrownBy<BaseError>([&] { ldap::createManagerOrThrow(settings, options); }).ldapCode,
+        LDAP_USER_CANCELLED);
     EXPECT_FALSE(ldap::testLdapConnection(settings, options));
     bool hasFailed = false;
     ldap::testLdapConnectionAsync(settings, options, [&] { hasFailed = true; }).get();
@@ -126,7 +116,7 @@ TEST_F(OptionsTest, AreRefusedWhenTheyContradictThemselves)
         {{.clientKey = QStringLiteral("key.pem")}, "clientCertificate"},
     };
     for (const auto& [options, reason] : wrong) {
-        const BaseError error = errorOf([&, &refused = options] { makeSession(refused); });
+        const BaseError error = thrownBy<BaseError>([&, &refused = options] { makeSession(refused); });
         EXPECT_EQ(error.ldapCode, LDAP_PARAM_ERROR);
         EXPECT_EQ(error.connectFailure.kind, ConnectFailure::Kind::invalidOptions);
         EXPECT_THAT(error.connectFailure.detail.toStdString(), HasSubstr(reason));
@@ -138,7 +128,8 @@ TEST_F(OptionsTest, SayWhichAddressesWereTriedInVain)
 {
     const ReservedPort unused;
     const std::string address = "127.0.0.1:" + std::to_string(unused.number());
-    const BaseError error = errorOf([&] { Session(urlOf("ldap://" + address), false, false, harmless()); });
+    const BaseError error =
+        thrownBy<BaseError>([&] { Session(urlOf("ldap://" + address), false, false, harmless()); });
     EXPECT_EQ(error.ldapCode, LDAP_SERVER_DOWN);
     EXPECT_EQ(error.context, QStringLiteral("connect"));
     EXPECT_EQ(error.systemError, ECONNREFUSED);
@@ -167,10 +158,10 @@ TEST_F(OptionsTest, ConnectOnceAndForAll)
     const auto session = makeSession(harmless());
     session->bind({}, {});
     for (int call = 0; call < 3; ++call) {
-        EXPECT_EQ(errorOf([&] { session->whoAmI(); }).ldapCode, LDAP_SERVER_DOWN);
+        EXPECT_EQ(thrownBy<BaseError>([&] { session->whoAmI(); }).ldapCode, LDAP_SERVER_DOWN);
     }
     EXPECT_THAT(session->search(params(), 2), VariantWith<Result>(Result::connectError));
-    EXPECT_EQ(errorOf([&] { session->bind({}, {}); }).ldapCode, LDAP_SERVER_DOWN);
+    EXPECT_EQ(thrownBy<BaseError>([&] { session->bind({}, {}); }).ldapCode, LDAP_SERVER_DOWN);
     EXPECT_EQ(server.connections(), 1);
 }
 
@@ -180,7 +171,7 @@ TEST_F(OptionsTest, EndTheConnectionAtTooLongAMessage)
     server.expectSearch().answer(entry("cn=a,dc=x").attr("cn", Bytes(2000, 'x')), done());
     const auto session = makeSession({.maximumMessageSize = 1000});
     EXPECT_THAT(session->simpleSearch(params()), SizeIs(1));
-    const BaseError error = errorOf([&] { session->simpleSearch(params()); });
+    const BaseError error = thrownBy<BaseError>([&] { session->simpleSearch(params()); });
     EXPECT_EQ(error.ldapCode, LDAP_SERVER_DOWN);
     EXPECT_EQ(error.systemError, EMSGSIZE);
     EXPECT_EQ(error.connectFailure.kind, ConnectFailure::Kind::tooMuch);

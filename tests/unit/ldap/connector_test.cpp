@@ -2,6 +2,7 @@
 #include "support/reserved_port.h"
 #include "support/temporary_directory.h"
 #include "support/threads_end_here.h"
+#include "support/thrown_by.h"
 #include <ldap/error.h>
 #include <ldap/private/wire/connector.h>
 #include <ldap/private/wire/interruption.h>
@@ -17,7 +18,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,6 +28,7 @@ namespace {
 using namespace std::chrono_literals;
 
 using test::BlackHole;
+using test::thrownBy;
 using ::testing::ElementsAre;
 using ::testing::Field;
 using ::testing::IsEmpty;
@@ -182,17 +183,6 @@ TEST_F(ConnectorTest, ConnectsToTheSocketOfAPath)
     EXPECT_EQ(missing.tries().front().address, QString::fromStdString(path + "x"));
 }
 
-BaseError errorOf(const std::function<void()>& call)
-{
-    try {
-        call();
-    } catch (const BaseError& error) {
-        return error;
-    }
-    ADD_FAILURE() << "nothing was thrown";
-    return {0, {}, 0};
-}
-
 TEST(ServerTest, HasTheDefaultPortOfItsScheme)
 {
     EXPECT_EQ(Server::ofUrl(QStringLiteral("ldap://host")).port, "389");
@@ -211,18 +201,19 @@ TEST(ServerTest, TakesAnAddressOfSixteenBytes)
 TEST(ServerTest, RefusesWhatNamesNoServer)
 {
     for (const char* url : {"ldapi://", "http://host", "ldap://host:port"}) {
-        const BaseError error = errorOf([&] { Server::ofUrl(QString::fromLatin1(url)); });
+        const BaseError error = thrownBy<BaseError>([&] { Server::ofUrl(QString::fromLatin1(url)); });
         EXPECT_EQ(error.ldapCode, LDAP_PARAM_ERROR) << url;
         EXPECT_EQ(error.connectFailure.kind, ConnectFailure::Kind::invalidUrl) << url;
     }
     const QString tooLong = QStringLiteral("ldapi://%2F") + QString(200, QLatin1Char('x'));
-    EXPECT_EQ(errorOf([&] { Server::ofUrl(tooLong).addresses(); }).systemError, ENAMETOOLONG);
+    EXPECT_EQ(thrownBy<BaseError>([&] { Server::ofUrl(tooLong).addresses(); }).systemError, ENAMETOOLONG);
 }
 
 TEST(ServerTest, SaysWhichNameCannotBeLookedUp)
 {
     // RFC 6761: no such name exists.
-    const BaseError error = errorOf([] { Server::ofUrl(QStringLiteral("ldap://no.invalid")).addresses(); });
+    const BaseError error =
+        thrownBy<BaseError>([] { Server::ofUrl(QStringLiteral("ldap://no.invalid")).addresses(); });
     EXPECT_EQ(error.ldapCode, LDAP_SERVER_DOWN);
     EXPECT_EQ(error.connectFailure.kind, ConnectFailure::Kind::unknownHost);
     EXPECT_TRUE(error.connectFailure.detail.contains(QLatin1String("no.invalid")));
