@@ -892,17 +892,22 @@ protected:
         const Gate isReading;
         const Steps end =
             GetParam().isWithinMessage ? test::splitAt(5, m_page, {done()}) : Steps{waitFor(m_page), done()};
-        m_server.expectSearch().answer(muchToRead(), opens(isReading), end);
+        m_server.expectSearch().answer(muchToRead(), opens(isReading), end, opens(m_pageIsSent));
         m_session.asyncSearch(searchParams(m_report), m_entries.handler(), 100);
         isReading.wait("the search to read");
     }
 
     /// Or the server would keep the rest of its answer.
-    void TearDown() override { m_page.open(); }
+    void TearDown() override
+    {
+        m_page.open();
+        m_pageIsSent.open();
+    }
 
+    /// Behind the page: an answer must not come in the middle of another one.
     void answerCall(const Steps& answer)
     {
-        m_server.otherwise([answer](const Request&) { return answer; });
+        m_server.otherwise([steps = Steps{waitFor(m_pageIsSent), answer}](const Request&) { return steps; });
     }
 
     void makeCall(const End& expected)
@@ -913,6 +918,7 @@ protected:
 
     NothingIsLeft m_nothingIsLeft;
     const Gate m_page;
+    const Gate m_pageIsSent;
     ScriptedServer m_server;
     const std::shared_ptr<SearchReport> m_report = std::make_shared<SearchReport>();
     test::Entries m_entries;
@@ -940,7 +946,7 @@ TEST_P(CallBehindAPage, IsNotLimitedWhileItWaitsForThePage)
 
 TEST_P(CallBehindAPage, HasItsWholeTimeFromThenOn)
 {
-    answerCall({waitFor(m_page), test::truncated(5, success())});
+    answerCall(test::truncated(5, success()));
     makeCall(endedByLimit(m_server.url(), "answerTimeout"_s));
 
     waitForALimit();
