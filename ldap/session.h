@@ -93,6 +93,7 @@ public:
     QString whoAmI();
 
     /// What the connection has agreed on with TLS; nothing for a plain one, or for one that isn't connected yet.
+    /// Not for while searches of the session run: their threads may see the connection end.
     std::optional<TlsFacts> tlsFacts() const;
 
     /// Sets the time limit of the searches that start from now on; 30 seconds by default.

@@ -148,6 +148,7 @@ int closeSocket(Sockbuf_IO_Desc* layer) noexcept
     if (stream != nullptr) {
         stream->close(socket);
     } else {
+        shutdown(socket, SHUT_RDWR);
         close(socket);
     }
     return 0;
