@@ -10,7 +10,7 @@ import sections
 
 
 # The columns that aren't numbers.
-WORDS = ("client", "connection", "server", "goal", "")
+WORDS = ("call", "client", "connection", "server", "goal", "")
 
 
 class Table:
@@ -79,6 +79,12 @@ def counts(section):
             for kind, words in (("users", "user"), ("groups", "group of 50")) for each in [section[kind]]]
 
 
+def profile(section):
+    return [Table(f"where the instructions go, for one more {words}", ["call", *each],
+                  [[call, *(number(client[call], 0) for client in each.values())] for call in next(iter(each.values()))])
+            for kind, words in (("users", "user"), ("groups", "group of 50")) for each in [section[kind]]]
+
+
 def growth(section):
     return [Table("from 1,000 to 1,000,000 users",
                   ["client", "users", "ms", "ratio", "µs per user", "in the fastest run", "peak MiB"],
@@ -126,13 +132,18 @@ HEADINGS = {
     "client_alone": ("The client alone", """\
 slapd's answers were recorded once and are played back, so the server takes next to no time. *raw loop* is the shortest
 loop over libldap that reads every value of a paged search; *read-ahead* is the same with libldap's own read-ahead
-buffer. The ratio is the client's figure over that of the raw loop without read-ahead in the same run: below 1 the client
+buffer. *one arena* is the library with `GLIBC_TUNABLES=glibc.malloc.arena_max=1`. The ratio is the client's figure over that of the raw loop without read-ahead in the same run: below 1 the client
 is faster. *streaming* reads each page's records and drops them; *collecting* keeps all of them. The processor time is
 that of the whole process during the search, the peak memory that of the whole process. A ratio is the median of the rounds'. For `ldapsearch`, which can only
 be timed as a process, start and connecting are included."""),
     "counts": ("What an entry costs", """\
 Counted, not timed: the difference between a long and a short list, divided by the difference in entries. Instructions
 are Callgrind's, without the kernel's; allocations are calls of `malloc` and its relatives; system calls are strace's."""),
+    "profile": ("Where the instructions go", """\
+Counted likewise: the instructions within each call of the client library, with all that it calls, and in making texts of
+bytes. The raw loop reads the attributes that an entry has, the library those that were asked for, also one that the entry
+lacks. Between libldap and the socket the library has layers of its own, whose work is part of `ldap_result`. Under
+*all else* are the records, and the end of the texts."""),
     "growth": ("Long lists", """\
 Streaming, played back. Time for an entry and memory should not depend on how many there are. Only a client that takes
 more than a minute had one turn here."""),
@@ -142,7 +153,15 @@ more than a minute had one turn here."""),
 From slapd. The ratio is to the raw loop over the same kind of connection. Connecting is everything before the search:
 for the library it includes finding out which kind of directory it is."""),
     "managers": ("Several managers", "Each manager has a connection and a thread of its own."),
-    "goals": ("Goals", "What the library is meant to keep to, judged by the figures above."),
+    "goals": ("Goals", """\
+What the library is meant to keep to, judged by the figures above. For each entry it makes the same calls of the client
+library as the raw loop, so that it can't become faster than that with read-ahead. What it adds is a text for each value,
+and the record that has them: see where the instructions go. A search runs in a thread of its own, and glibc gives memory
+to such a thread by 4 KiB a system call. That costs most where one answer is large, as with large groups, so that a client
+that reads in the process's main thread can be faster there; and on the first page of a search, so that an entry of a short
+list costs more than one of a long list. A host that
+reads those often gives all threads one arena, as in the row of that name, or takes an allocator that grows in larger
+steps."""),
 }
 
 

@@ -9,12 +9,14 @@ import peers
 
 RAW = "raw loop"
 READ_AHEAD = "raw loop, read-ahead"
+# glibc gives each thread memory of its own, which grows by 4 KiB a system call.
+ONE_ARENA = {"GLIBC_TUNABLES": "glibc.malloc.arena_max=1"}
 PAGE_SIZE = 1000
 PAGE_SIZES = (100, 500, 1000, 5000)
 MANAGERS = (1, 2, 4)
 
 # In this order. A name is that of the function below.
-STANDARD = ("client_alone", "counts", "growth", "page_sizes", "slapd", "connections", "managers")
+STANDARD = ("client_alone", "counts", "profile", "growth", "page_sizes", "slapd", "connections", "managers")
 QUICK = ("client_alone", "counts", "connections")
 
 
@@ -44,6 +46,9 @@ class Bench:
         return [self.fetch(mode, name=f"tavo {words}") for mode, words in (
             (f"{part.kind}-streaming", "streaming"), (f"{part.kind}-collecting", "collecting"),
             ("search", "search"), ("simple-search", "simpleSearch"))]
+
+    def in_one_arena(self, part):
+        return self.fetch(f"{part.kind}-streaming", name="tavo streaming, one arena", environment=ONE_ARENA)
 
     def counted_clients(self, part):
         """Callgrind is slow, so a quick run has it count the two that matter most."""
@@ -90,7 +95,8 @@ def client_alone(bench):
     rows = {}
     for part in bench.scale.compared():
         with bench.replayed(part) as url:
-            rows[part.name] = bench.compare([*bench.yardsticks(), *bench.ours(part), *others], url, part)
+            ours = [*bench.ours(part), bench.in_one_arena(part)]
+            rows[part.name] = bench.compare([*bench.yardsticks(), *ours, *others], url, part)
     return {"sets": rows, "missing": peers.missing()}
 
 
@@ -111,6 +117,18 @@ def counts(bench):
         result[kind] = {name: counted_per_entry(bench, counter, clients, small, large)
                         for name, counter in counters.items()}
     return result
+
+
+def profile(bench):
+    """The instructions of one user, and of one group of 50, in each call that the client library is asked for."""
+    def of_kind(kind, small, large):
+        clients = [bench.raw_loop(READ_AHEAD, "--read-ahead"), bench.fetch(f"{kind}-streaming", name="tavo streaming")]
+        with bench.replayed(small, large) as url:
+            runs = {client.name: [count.profile(client, url, part, PAGE_SIZE) for part in (small, large)]
+                    for client in clients}
+        return {client: {call: measure.per_entry(few[call], many[call], small.entries, large.entries) for call in few}
+                for client, (few, many) in runs.items()}
+    return {kind: of_kind(kind, *parts) for kind, parts in entries.COUNTED.items()}
 
 
 def instructions_of_fetches(bench):
