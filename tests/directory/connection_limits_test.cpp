@@ -22,12 +22,16 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -864,10 +868,21 @@ TEST_F(ConnectionLimits, OfHandshakesHoldBesideANetworkTimeout)
     ldap_set_option(nullptr, LDAP_OPT_NETWORK_TIMEOUT, nullptr);
 }
 
-/// More than the kernel's buffers hold: when it is sent, the search's thread is reading.
-std::vector<test::Entry> muchToRead()
+/// How many bytes this process has yet to read of its connections to a server.
+std::size_t unreadBytes(std::uint16_t port)
 {
-    return std::vector<test::Entry>(32, entry("cn=a").attr("cn", std::string(1 << 20, 'a')));
+    std::ifstream sockets("/proc/net/tcp");
+    std::string line;
+    std::getline(sockets, line);
+    std::size_t bytes = 0;
+    while (std::getline(sockets, line)) {
+        unsigned remotePort = 0;
+        unsigned unread = 0;
+        // "sl: local_address rem_address st tx_queue:rx_queue ..."
+        std::sscanf(line.c_str(), "%*d: %*x:%*x %*x:%x %*x %*x:%x", &remotePort, &unread);
+        bytes += remotePort == port ? unread : 0;
+    }
+    return bytes;
 }
 
 struct Behind
@@ -889,12 +904,17 @@ class CallBehindAPage : public ConnectionLimits, public ::testing::WithParamInte
 protected:
     CallBehindAPage()
     {
-        const Gate isReading;
-        const Steps end =
-            GetParam().isWithinMessage ? test::splitAt(5, m_page, {done()}) : Steps{waitFor(m_page), done()};
-        m_server.expectSearch().answer(muchToRead(), opens(isReading), end, opens(m_pageIsSent));
+        const Gate isSent;
+        const Steps message = test::splitAt(5, m_page, {done()});
+        const Steps begun = GetParam().isWithinMessage ? Steps(message.list().front()) : Steps(entry("cn=a"));
+        const Steps rest = GetParam().isWithinMessage ? Steps{message.list().at(1), message.list().at(2)}
+                                                      : Steps{waitFor(m_page), done()};
+        m_server.expectSearch().answer(begun, opens(isSent), rest, opens(m_pageIsSent));
         m_session.asyncSearch(searchParams(m_report), m_entries.handler(), 100);
-        isReading.wait("the search to read");
+        isSent.wait("the beginning of the page");
+        while (unreadBytes(m_server.port()) != 0) {
+            std::this_thread::yield();
+        }
     }
 
     /// Or the server would keep the rest of its answer.
